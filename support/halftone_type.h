@@ -1,0 +1,26 @@
+#pragma once
+// Halftone methods. The names are the PPD choice words of "HalftoneType" and
+// must stay exactly as they are ("JarvisJudiceNinke", "Tattoo_X8").
+
+enum DitherType {
+  None = 0,
+  FloydSteinberg = 1,
+  Ordered = 2,
+  Burkes = 3,
+  Stucki = 4,
+  JarvisJudiceNinke = 5,
+  Sierra = 6,
+  StevensonArce = 7,
+  Tattoo = 8,
+  Tattoo_X8 = 9,
+};
+
+extern "C" {
+
+// Name of a method; values of 10 and above give "None".
+const char* kelvoHalftoneTypeToStr(DitherType type);
+
+// Method of an exact, case-sensitive name; unknown names give None.
+DitherType kelvoHalftoneTypeFromStr(const char* name);
+
+}

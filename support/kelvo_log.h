@@ -1,0 +1,21 @@
+#pragma once
+// Diagnostics for the print spooler: one level-prefixed line per call on
+// standard error. CUPS reads the prefix to decide what to do with the line.
+
+enum LogLevel {
+  LogDebug = 0,
+  LogInfo = 1,
+  LogWarn = 2,
+  LogError = 3,
+  LogCrit = 4,
+  LogInvalid = 5,
+};
+
+extern "C" {
+
+// Writes the prefix of `level`, the formatted message (no blank between the
+// two) and a newline. Only 0..5 are valid levels; there is no range check.
+void kelvoLogCommon(int level, const char* format, ...)
+    __attribute__((format(printf, 2, 3)));
+
+}
