@@ -1,0 +1,30 @@
+# Sourced by the project's scripts: installs the Debian packages a script
+# needs when any of them is missing, so that the scripts work on a fresh
+# machine without a separate set-up step.
+
+kelvo_missing_packages() {
+  local pkg missing=()
+  for pkg in "$@"; do
+    if ! dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed'; then
+      missing+=("$pkg")
+    fi
+  done
+  echo "${missing[@]}"
+}
+
+kelvo_ensure_packages() {
+  local missing
+  missing=$(kelvo_missing_packages "$@")
+  [ -z "$missing" ] && return 0
+  echo "Installing missing Debian packages: $missing"
+  local sudo=""
+  [ "$(id -u)" -ne 0 ] && sudo="sudo"
+  export DEBIAN_FRONTEND=noninteractive
+  $sudo apt-get update -qq
+  # shellcheck disable=SC2086
+  $sudo apt-get install -y -qq --no-install-recommends $missing
+}
+
+# What building and testing the project needs.
+KELVO_BUILD_PACKAGES="cmake make g++ clang libclang-rt-14-dev pkg-config libgtest-dev libgmock-dev \
+libbenchmark-dev libpng-dev libcups2-dev libcupsimage2-dev cups-ppdc cups-client"
