@@ -1,0 +1,119 @@
+// zplpreview: shows what a printer would print from a ZPL job. Every graphic
+// downloaded by the job becomes one PNG page, dots black on white paper.
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "tools/png_io.h"
+#include "tools/zpl_decode.h"
+
+namespace {
+
+// A label job is a few megabytes at most; anything far beyond is not a job.
+constexpr size_t kMaxJobBytes = size_t{512} << 20;
+
+void usage(FILE* out) {
+  std::fprintf(out,
+               "Usage: zplpreview [-o <prefix>] [file]\n"
+               "Writes every graphic of a ZPL job (the file, or standard input) as\n"
+               "<prefix>-1.png, <prefix>-2.png, ... (prefix \"page\" by default).\n");
+}
+
+bool readAll(FILE* in, const std::string& name, std::vector<unsigned char>& job) {
+  unsigned char buffer[65536];
+  size_t got;
+  while ((got = std::fread(buffer, 1, sizeof buffer, in)) > 0) {
+    if (job.size() + got > kMaxJobBytes) {
+      std::fprintf(stderr, "zplpreview: %s: larger than %zu bytes, not a label job\n", name.c_str(), kMaxJobBytes);
+      return false;
+    }
+    job.insert(job.end(), buffer, buffer + got);
+  }
+  if (std::ferror(in)) {
+    std::fprintf(stderr, "zplpreview: %s: read error: %s\n", name.c_str(), std::strerror(errno));
+    return false;
+  }
+  return true;
+}
+
+bool writePage(const ZplGraphic& graphic, const std::string& path, std::string& error) {
+  const size_t width = graphic.bytesPerRow * 8;
+  std::vector<unsigned char> pixels(width * graphic.height);
+  for (size_t y = 0; y < graphic.height; ++y) {
+    const unsigned char* row = graphic.rows.data() + y * graphic.bytesPerRow;
+    for (size_t x = 0; x < width; ++x) {
+      const bool dot = (row[x / 8] & (0x80u >> (x % 8))) != 0;
+      pixels[y * width + x] = dot ? 0 : 255;
+    }
+  }
+  return kelvoPngWriteGray(path, pixels.data(), static_cast<uint32_t>(width), static_cast<uint32_t>(graphic.height),
+                           width, error);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string prefix = "page";
+  const char* file = nullptr;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "-h" || arg == "--help") {
+      usage(stdout);
+      return 0;
+    }
+    if (arg == "-o") {
+      if (i + 1 >= argc || argv[i + 1][0] == '\0') {
+        std::fprintf(stderr, "zplpreview: -o needs a file name prefix\n");
+        usage(stderr);
+        return 2;
+      }
+      prefix = argv[++i];
+    } else if (arg.size() > 1 && arg[0] == '-') {
+      std::fprintf(stderr, "zplpreview: unknown option %s\n", arg.c_str());
+      usage(stderr);
+      return 2;
+    } else if (file != nullptr) {
+      std::fprintf(stderr, "zplpreview: only one input file can be previewed at a time\n");
+      usage(stderr);
+      return 2;
+    } else {
+      file = argv[i];
+    }
+  }
+
+  const bool fromStdin = file == nullptr || std::strcmp(file, "-") == 0;
+  const std::string name = fromStdin ? "standard input" : file;
+  FILE* in = fromStdin ? stdin : std::fopen(file, "rb");
+  if (in == nullptr) {
+    std::fprintf(stderr, "zplpreview: %s: %s\n", name.c_str(), std::strerror(errno));
+    return 1;
+  }
+  std::vector<unsigned char> job;
+  const bool read = readAll(in, name, job);
+  if (!fromStdin) std::fclose(in);
+  if (!read) return 1;
+
+  std::vector<ZplGraphic> graphics;
+  std::string error;
+  if (!kelvoZplDecode(job.data(), job.size(), graphics, error)) {
+    std::fprintf(stderr, "zplpreview: %s: %s\n", name.c_str(), error.c_str());
+    return 1;
+  }
+  if (graphics.empty()) {
+    std::fprintf(stderr, "zplpreview: %s: the job downloads no graphic\n", name.c_str());
+    return 1;
+  }
+  for (size_t i = 0; i < graphics.size(); ++i) {
+    const ZplGraphic& graphic = graphics[i];
+    const std::string path = prefix + "-" + std::to_string(i + 1) + ".png";
+    if (!writePage(graphic, path, error)) {
+      std::fprintf(stderr, "zplpreview: %s\n", error.c_str());
+      return 1;
+    }
+    std::printf("%s: %zu x %zu dots, %zu printed (graphic %s)\n", path.c_str(), graphic.bytesPerRow * 8,
+                graphic.height, kelvoZplCountDots(graphic), graphic.name.c_str());
+  }
+  return 0;
+}
