@@ -187,7 +187,7 @@ class Decoder {
   bool checkEnd(const ZplGraphic& graphic) {
     while (pos_ < size_ && (data_[pos_] == '\r' || data_[pos_] == '\n')) ++pos_;
     if (pos_ < size_ && data_[pos_] != '^' && data_[pos_] != '~')
-      return fail(pos_, "data of graphic \"%s\" runs past its %zu bytes", graphic.name.c_str(), graphic.rows.size());
+      return fail(pos_, "data of graphic \"%s\" continues past its declared size", graphic.name.c_str());
     return true;
   }
 
