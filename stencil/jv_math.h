@@ -1,0 +1,44 @@
+#pragma once
+// The stencil chain's own single-precision math. Stencils must come out the
+// same dot for dot on every machine and in every release, so these routines,
+// with their truncated series, absolute tolerances and fixed operation
+// order, decide the bytes; never swap in the platform's sqrt, exp or pow.
+
+#include <cstdint>
+
+float myabs(float x);
+
+// Heron iteration; -1 for negative input. Does not return for NaN, +inf or
+// the few inputs whose iteration cycles (see my_sqrt_bounded).
+float my_sqrt(float x);
+
+// my_sqrt, but gives up after `maxSteps` iterations. Returns true and the
+// exact my_sqrt value in *root when the iteration ended in time.
+bool my_sqrt_bounded(float x, int maxSteps, float* root);
+
+// Taylor series of at most 20 terms: large arguments come out low
+// (my_exp(10) = 21991.48).
+float my_exp(float x);
+
+// -1 for x <= 0; does not return for NaN or +inf.
+float my_ln(float x);
+
+float my_pow(float base, float exponent);
+
+// Halves away from zero; NaN and out-of-range values give INT32_MIN.
+int my_round(float x);
+
+// The processor's truncating float-to-int32 conversion: NaN and values out
+// of range give INT32_MIN instead of undefined behaviour.
+int32_t jv_trunc_i32(float x);
+
+template <typename T>
+T myClamp(T value, T low, T high) {
+  if (value < low) return low;
+  if (value > high) return high;
+  return value;
+}
+
+inline bool isWithinBounds(int x, int y, int width, int height) {
+  return x >= 0 && x < width && y >= 0 && y < height;
+}

@@ -1,0 +1,22 @@
+#pragma once
+// The tattoo stencil chain: gray page in, page of 0/255 bytes out. The input
+// record is never modified.
+
+#include "stencil/jv_image.h"
+
+// Error diffusion over a six-neighbour kernel; outputs above `threshold`
+// become 255.
+JVImage edf_cus(const JVImage& src, int threshold);
+
+// Gamma with pivot 64, unsharp mask, then edf_cus at the page's moment
+// threshold. Does not return for a page of a single gray level.
+JVImage jvTattooDithering(JVImage& src);
+
+// As jvTattooDithering, with the gamma pivot at the measured threshold and
+// gammas 0.5 / 1.5. Also does not return when that threshold is 255.
+JVImage jvTattooDitheringX8(JVImage& src);
+
+// The entries the page pipeline calls: the same bytes as the two above on
+// every page those finish, and they finish on every page.
+JVImage jvTattooDitheringGuarded(JVImage& src);
+JVImage jvTattooDitheringX8Guarded(JVImage& src);
