@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include "stencil/jv_enhance.h"
@@ -50,7 +51,11 @@ JVImage edf_cus(const JVImage& src, int threshold) {
   JVImage out(src.width, src.height, JV_IMG_GRAY);
   const int w = src.width;
   const int h = src.height;
-  if (w <= 0 || h <= 0) return out;
+  if (w <= 0 || h <= 0) {
+    // Two negative sides still make a buffer; hand back paper, not garbage.
+    if (out.byteCount() > 0) std::memset(out.data, 0, static_cast<size_t>(out.byteCount()));
+    return out;
+  }
   std::vector<float> err(static_cast<size_t>(w) * static_cast<size_t>(h), 0.0f);
   const float limit = static_cast<float>(threshold);
   const unsigned char* s = src.data;
