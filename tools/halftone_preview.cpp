@@ -1,0 +1,166 @@
+// halftonepreview: runs a picture through the filter's own page pipeline and
+// writes the processed page as a PNG, so a stencil can be checked on screen
+// before paper and transfer sheets are spent on it.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "printer/kelvo_printer.h"
+#include "tools/png_io.h"
+
+namespace {
+
+// A printer that keeps the processed page instead of sending it anywhere.
+class PreviewPrinter : public KelvoPrinter {
+ public:
+  void doPrintImage(const unsigned char*, unsigned long, unsigned long, unsigned long) override {}
+
+  // Processes one page of ink amounts (0 = paper) and returns the page as it
+  // will print: 0 where a dot goes, 255 for bare paper.
+  bool process(const std::vector<unsigned char>& ink, int width, int height, GrayPage& out) {
+    std::vector<unsigned char> scratch(2 * static_cast<size_t>(width) * height);
+    PageProcess(getHalftoneType(), ink.data(), width, width, height, scratch.data());
+    if (pimage == nullptr || !pimage->IsValid()) return false;
+    out.width = pimage->GetWidth();
+    out.height = pimage->GetHeight();
+    out.pixels.resize(static_cast<size_t>(out.width) * out.height);
+    for (uint32_t y = 0; y < out.height; ++y) {
+      const unsigned char* row = pimage->GetBits(y);
+      for (uint32_t x = 0; x < out.width; ++x) out.pixels[static_cast<size_t>(y) * out.width + x] = row[x] ? 0 : 255;
+    }
+    return true;
+  }
+};
+
+void usage(const char* program) {
+  std::fprintf(stderr,
+               "Usage: %s [-t type] [-b brightness] [-c contrast] [-m] [-n] [-r WIDTHxHEIGHT] [-v] input output.png\n"
+               "  input        a PNG picture, or with -r a raw page of 8-bit ink amounts (0 = paper)\n"
+               "  -t type      None, FloydSteinberg, Ordered, Burkes, Stucki, JarvisJudiceNinke, Sierra,\n"
+               "               StevensonArce, Tattoo or Tattoo_X8 (default None)\n"
+               "  -b, -c       brightness and contrast, -100 to 100 (default 0)\n"
+               "  -m, -n       mirror left to right; negative print\n"
+               "  -v           show the pipeline's log lines\n",
+               program);
+}
+
+bool readRaw(const char* path, int width, int height, std::vector<unsigned char>& ink) {
+  FILE* file = std::fopen(path, "rb");
+  if (file == nullptr) return false;
+  ink.assign(static_cast<size_t>(width) * height, 0);
+  const size_t got = std::fread(ink.data(), 1, ink.size(), file);
+  std::fclose(file);
+  return got == ink.size();
+}
+
+bool parseInt(const char* text, int& value) {
+  char* end = nullptr;
+  const long v = std::strtol(text, &end, 10);
+  if (end == text || *end != '\0' || v < -100000 || v > 100000) return false;
+  value = static_cast<int>(v);
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  PreviewPrinter printer;
+  int rawWidth = 0, rawHeight = 0;
+  bool verbose = false;
+  std::vector<const char*> files;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    const bool hasValue = i + 1 < argc;
+    int value = 0;
+    if (arg == "-t" && hasValue) {
+      const char* name = argv[++i];
+      const DitherType type = kelvoHalftoneTypeFromStr(name);
+      if (type == None && std::strcmp(name, "None") != 0) {
+        std::fprintf(stderr, "halftonepreview: unknown halftone type \"%s\"\n", name);
+        return 2;
+      }
+      printer.setHalftoneType(type);
+    } else if ((arg == "-b" || arg == "-c") && hasValue && parseInt(argv[i + 1], value)) {
+      ++i;
+      if (arg == "-b") printer.setBrightness(value);
+      else printer.setContrast(value);
+    } else if (arg == "-v") {
+      verbose = true;
+    } else if (arg == "-m") {
+      printer.setMirrorPrint(true);
+    } else if (arg == "-n") {
+      printer.setNegativePrint(true);
+    } else if (arg == "-r" && hasValue) {
+      if (std::sscanf(argv[++i], "%dx%d", &rawWidth, &rawHeight) != 2 || rawWidth <= 0 || rawHeight <= 0 ||
+          static_cast<long long>(rawWidth) * rawHeight > static_cast<long long>(kPngMaxPixels)) {
+        std::fprintf(stderr, "halftonepreview: -r wants WIDTHxHEIGHT, got \"%s\"\n", argv[i]);
+        return 2;
+      }
+    } else if (!arg.empty() && arg[0] == '-') {
+      usage(argv[0]);
+      return 2;
+    } else {
+      files.push_back(argv[i]);
+    }
+  }
+  if (files.size() != 2) {
+    usage(argv[0]);
+    return 2;
+  }
+
+  std::vector<unsigned char> ink;
+  int width = rawWidth, height = rawHeight;
+  if (rawWidth > 0) {
+    if (!readRaw(files[0], width, height, ink)) {
+      std::fprintf(stderr, "halftonepreview: cannot read %d x %d bytes from %s\n", width, height, files[0]);
+      return 1;
+    }
+  } else {
+    GrayPage picture;
+    std::string error;
+    if (!kelvoPngReadGray(files[0], picture, error)) {
+      std::fprintf(stderr, "halftonepreview: %s\n", error.c_str());
+      return 1;
+    }
+    // A picture holds light; the printer works in ink, as CUPS hands it over.
+    width = static_cast<int>(picture.width);
+    height = static_cast<int>(picture.height);
+    ink.resize(picture.pixels.size());
+    for (size_t i = 0; i < ink.size(); ++i) ink[i] = static_cast<unsigned char>(255 - picture.pixels[i]);
+  }
+
+  // The pipeline reports every step to the spooler's log; a person at a
+  // terminal only wants to see that with -v.
+  const int savedStderr = verbose ? -1 : dup(2);
+  if (savedStderr >= 0) {
+    const int devNull = open("/dev/null", O_WRONLY);
+    if (devNull >= 0) {
+      dup2(devNull, 2);
+      close(devNull);
+    }
+  }
+  GrayPage page;
+  const bool processed = printer.process(ink, width, height, page);
+  if (savedStderr >= 0) {
+    std::fflush(stderr);
+    dup2(savedStderr, 2);
+    close(savedStderr);
+  }
+  if (!processed) {
+    std::fprintf(stderr, "halftonepreview: the page could not be processed\n");
+    return 1;
+  }
+  std::string error;
+  if (!kelvoPngWriteGray(files[1], page.pixels.data(), page.width, page.height, page.width, error)) {
+    std::fprintf(stderr, "halftonepreview: %s\n", error.c_str());
+    return 1;
+  }
+  std::printf("%s: %u x %u, %s\n", files[1], page.width, page.height,
+              kelvoHalftoneTypeToStr(printer.getHalftoneType()));
+  return 0;
+}
