@@ -49,6 +49,15 @@ TEST(ShippedPpd, CupsRendersEightBitBlackPagesAndChoicesFitTheCommands) {
     if (std::string(name) == "kelvotat.ppd") {  // the names the anti-wrinkle frame knows
       EXPECT_EQ(choices(ppd, "PageSize"), (std::set<std::string>{"A4", "Letter", "Tattoo_A5", "Tattoo_A6"}));
     }
+    // The graphic is sent in rows of exactly the page width while page rows
+    // are padded to 4 bytes: every shipped size must be a whole multiple of 4
+    // dots wide, or its rows would shift.
+    for (const std::string& size : choices(ppd, "PageSize")) {
+      if (size == "Custom") continue;
+      ppdMarkOption(ppd, "PageSize", size.c_str());
+      ASSERT_EQ(cupsRasterInterpretPPD(&h, ppd, 0, nullptr, nullptr), 0) << name;
+      EXPECT_TRUE(h.cupsWidth > 0 && h.cupsWidth % 4 == 0) << name << " " << size << ": " << h.cupsWidth;
+    }
     ppdClose(ppd);
   }
 }

@@ -49,9 +49,13 @@ TEST(Rebuild, WorkingImageTooLarge) {
   PaletteImage img;
   for (int op = 0; op < 3; ++op) {
     ASSERT_NE(img.Create(32768, 32768, 1, 0), nullptr);
-    if (op == 0) EXPECT_TRUE(img.Rotate180(nullptr));
-    if (op == 1) img.Mirror();
-    if (op == 2) EXPECT_FALSE(img.IncreaseBpp(8));
+    if (op == 0) {
+      EXPECT_TRUE(img.Rotate180(nullptr));
+    } else if (op == 1) {
+      img.Mirror();
+    } else {
+      EXPECT_FALSE(img.IncreaseBpp(8));
+    }
     EXPECT_EQ(img.IsValid(), op == 2) << "only IncreaseBpp keeps the old image";
     EXPECT_STREQ(img.GetLastError(), "IMAGE_MAX_MEMORY exceeded") << op;
   }

@@ -1,0 +1,390 @@
+// The printer object and its page pipeline: clamps, halftone dispatch,
+// negative printing, the debug BMP files, the anti-wrinkle frame and the
+// blank-row counters.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "printer/zpl_printer.h"
+#include "stencil/jv_tattoo.h"
+#include "tools/zpl_decode.h"
+
+namespace {
+
+class TestPrinter : public ZplPrinter {
+ public:
+  PaletteImage* processed() { return pimage; }
+  void setPattern(const std::string& pattern) { std::snprintf(imagePathPattern_, sizeof imagePathPattern_, "%s", pattern.c_str()); }
+  void writeTo(FILE* stream) {
+    outputStreams_.clear();
+    outputStreams_.push_back(stream);
+  }
+  // Runs the pipeline on a page of `width` bytes a row and returns the
+  // processed pixel indices, row after row, without padding.
+  std::vector<unsigned char> process(const std::vector<unsigned char>& page, int width, int height) {
+    std::vector<unsigned char> out(2 * page.size());
+    PageProcess(getHalftoneType(), page.data(), width, width, height, out.data());
+    return pixels(*pimage);
+  }
+  static std::vector<unsigned char> pixels(PaletteImage& image) {
+    std::vector<unsigned char> v;
+    for (uint32_t y = 0; y < image.GetHeight(); ++y)
+      for (uint32_t x = 0; x < image.GetWidth(); ++x) v.push_back(image.GetPixelIndex(x, y));
+    return v;
+  }
+};
+
+std::vector<unsigned char> randomPage(int width, int height, unsigned seed) {
+  std::mt19937 rng(seed);
+  std::vector<unsigned char> page(static_cast<size_t>(width) * height);
+  for (auto& b : page) b = static_cast<unsigned char>(rng());
+  return page;
+}
+
+std::string readFile(const std::string& path) {
+  std::string bytes;
+  if (FILE* f = std::fopen(path.c_str(), "rb")) {
+    char buf[4096];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) bytes.append(buf, n);
+    std::fclose(f);
+  }
+  return bytes;
+}
+
+uint32_t le32(const std::string& s, size_t at) {
+  return static_cast<unsigned char>(s[at]) | static_cast<unsigned char>(s[at + 1]) << 8 |
+         static_cast<unsigned char>(s[at + 2]) << 16 | static_cast<uint32_t>(static_cast<unsigned char>(s[at + 3])) << 24;
+}
+
+TEST(PrinterObject, DefaultsAndClamps) {
+  TestPrinter p;
+  EXPECT_EQ(p.getPrintSpeed(), 7);
+  EXPECT_EQ(p.getPrintDensity(), 8);
+  ASSERT_EQ(p.getOutputStreams().size(), 1u);
+  EXPECT_EQ(p.getOutputStreams().front(), stdout);
+  EXPECT_EQ(std::strncmp(p.getCopyRight(), "MFT:", 4), 0);
+
+  struct IntCase { void (KelvoPrinter::*set)(int); int (KelvoPrinter::*get)() const; int in, out; };
+  const IntCase ints[] = {
+      {&KelvoPrinter::setBrightness, &KelvoPrinter::getBrightness, -250, -100},
+      {&KelvoPrinter::setBrightness, &KelvoPrinter::getBrightness, 100, 100},
+      {&KelvoPrinter::setBrightness, &KelvoPrinter::getBrightness, -37, -37},
+      {&KelvoPrinter::setContrast, &KelvoPrinter::getContrast, 101, 100},
+      {&KelvoPrinter::setContrast, &KelvoPrinter::getContrast, -101, -100},
+      {&KelvoPrinter::setPrintDensity, &KelvoPrinter::getPrintDensity, -1, 0},
+      {&KelvoPrinter::setPrintDensity, &KelvoPrinter::getPrintDensity, 30, 15},
+      {&KelvoPrinter::setPrintDensity, &KelvoPrinter::getPrintDensity, 0, 0},
+  };
+  for (const IntCase& c : ints) {
+    (p.*c.set)(c.in);
+    EXPECT_EQ((p.*c.get)(), c.out) << c.in;
+  }
+  // The speed starts at 1 where the density starts at 0.
+  struct SpeedCase { const char* in; int out; };
+  for (SpeedCase c : {SpeedCase{"0", 1}, {"fast", 1}, {"16", 15}, {"9", 9}, {"-3", 1}}) {
+    std::vector<char> text(c.in, c.in + std::strlen(c.in) + 1);
+    p.setPrintSpeed(text.data());
+    EXPECT_EQ(p.getPrintSpeed(), c.out) << c.in;
+  }
+}
+
+TEST(PrinterObject, PrintFormatReturnsCountOfLastStream) {
+  TestPrinter p;
+  p.getOutputStreams().clear();
+  EXPECT_EQ(p.printFormat("^PQ%d\n", 3), 0);  // no stream, nothing written
+  FILE* a = std::tmpfile();
+  FILE* b = std::tmpfile();
+  p.getOutputStreams().push_back(a);
+  p.getOutputStreams().push_back(b);
+  EXPECT_EQ(p.printFormat("^PQ%d\n", 3), 5);
+  p.printByte(0);
+  for (FILE* f : {a, b}) {
+    std::rewind(f);
+    char buf[16] = {};
+    ASSERT_EQ(std::fread(buf, 1, sizeof buf, f), 6u);
+    EXPECT_EQ(std::string(buf, 6), std::string("^PQ3\n\0", 6));
+    std::fclose(f);
+  }
+}
+
+// Every halftone type except the tattoo ones is the image library's Dither
+// with the type's number, widened back to 8 bits; names and algorithms sit
+// one place apart on purpose.
+TEST(PageProcess, EachTypeMatchesTheImageLibrary) {
+  const int widths[] = {1, 7, 16, 33};
+  const int types[] = {0, 1, 2, 3, 4, 5, 6, 7, 10, 42};
+  for (int width : widths) {
+    const int height = 9;
+    std::vector<unsigned char> page = randomPage(width, height, width);
+    for (int type : types) {
+      for (bool negative : {false, true}) {
+        TestPrinter p;
+        p.setHalftoneType(static_cast<DitherType>(type));
+        p.setNegativePrint(negative);
+        const std::vector<unsigned char> got = p.process(page, width, height);
+
+        PaletteImage expected;
+        ASSERT_TRUE(expected.CreateFromArray(page.data(), width, height, 8, width, false));
+        ASSERT_TRUE(expected.Dither(type));
+        ASSERT_TRUE(expected.IncreaseBpp(8));
+        std::vector<unsigned char> want = TestPrinter::pixels(expected);
+        // Negative printing inverts the indices: 0 and 1 become 255 and 254,
+        // so every pixel prints.
+        if (negative)
+          for (auto& v : want) v = static_cast<unsigned char>(255 - v);
+        EXPECT_EQ(got, want) << "width " << width << " type " << type << " negative " << negative;
+        for (unsigned char v : got) ASSERT_TRUE(negative ? (v == 255 || v == 254) : v <= 1);
+      }
+    }
+  }
+}
+
+TEST(PageProcess, TattooTypesUseTheGuardedChain) {
+  const int width = 24, height = 10;
+  std::vector<unsigned char> page = randomPage(width, height, 7);
+  for (auto& b : page) b = static_cast<unsigned char>(b / 2 + 40);  // a spread-out histogram
+  for (DitherType type : {Tattoo, Tattoo_X8}) {
+    for (bool negative : {false, true}) {
+      TestPrinter p;
+      p.setHalftoneType(type);
+      p.setNegativePrint(negative);
+      const std::vector<unsigned char> got = p.process(page, width, height);
+      EXPECT_TRUE(p.getUseJVDithering());
+      JVImage src(width, height, JV_IMG_GRAY, page.data());
+      JVImage stencil = type == Tattoo ? jvTattooDithering(src) : jvTattooDitheringX8(src);
+      std::vector<unsigned char> want(stencil.data, stencil.data + width * height);
+      if (negative)
+        for (auto& v : want) v = static_cast<unsigned char>(255 - v);  // 0 and 255 swap
+      EXPECT_EQ(got, want) << type << " " << negative;
+    }
+  }
+  // A blank page and a line-art page would stall the plain chain; the page
+  // pipeline must finish them.
+  for (DitherType type : {Tattoo, Tattoo_X8}) {
+    std::vector<unsigned char> blank(width * height, 0), lineArt(width * height, 0);
+    for (size_t i = 0; i < lineArt.size(); i += 2) lineArt[i] = 255;
+    for (const auto* pg : {&blank, &lineArt}) {
+      TestPrinter p;
+      p.setHalftoneType(type);
+      for (unsigned char v : p.process(*pg, width, height)) ASSERT_TRUE(v == 0 || v == 255);
+    }
+  }
+}
+
+TEST(PageProcess, AdjustmentAndMirrorComeBeforeHalftoning) {
+  const int width = 11, height = 5;
+  std::vector<unsigned char> page = randomPage(width, height, 3);
+  TestPrinter p;
+  p.setBrightness(20);
+  p.setContrast(-10);
+  p.setMirrorPrint(true);
+  p.setHalftoneType(FloydSteinberg);
+  const std::vector<unsigned char> got = p.process(page, width, height);
+
+  PaletteImage expected;
+  ASSERT_TRUE(expected.CreateFromArray(page.data(), width, height, 8, width, false));
+  ASSERT_TRUE(expected.Light(100, -20));  // the user's steps times 5 and 2
+  expected.Mirror();
+  ASSERT_TRUE(expected.Dither(1));
+  ASSERT_TRUE(expected.IncreaseBpp(8));
+  EXPECT_EQ(got, TestPrinter::pixels(expected));
+}
+
+TEST(PrintImage, ThresholdPageDecodesToTheDotsOfTheInk) {
+  const int width = 20, height = 6;  // 20 is neither a multiple of 8 nor of 16
+  std::vector<unsigned char> page = randomPage(width, height, 11);
+  // Width 20 has 4 bytes of row padding in the image (stride 20), so rows lie
+  // the same distance apart for the emitter as in the image.
+  TestPrinter p;
+  FILE* out = std::tmpfile();
+  p.writeTo(out);
+  cups_page_header2_t header{};
+  header.NumCopies = 2;
+  p.setPageHeader(&header);
+  sPrinter = &p;  // the copy count goes out through the current printer
+  LastSet = 0;
+  p.printImage(page.data(), width, height, width);
+  sPrinter = nullptr;
+  std::fflush(out);
+  std::rewind(out);
+  std::string job;
+  char buf[4096];
+  size_t n;
+  while ((n = std::fread(buf, 1, sizeof buf, out)) > 0) job.append(buf, n);
+  std::fclose(out);
+
+  ASSERT_EQ(job.rfind("^XX\r\n^PQ2\n~DGR:CUPS.GRF,18,3,\n", 0), 0u) << job;
+  std::vector<ZplGraphic> graphics;
+  std::string error;
+  ASSERT_TRUE(kelvoZplDecode(reinterpret_cast<const unsigned char*>(job.data()), job.size(), graphics, error)) << error;
+  ASSERT_EQ(graphics.size(), 1u);
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x) {
+      const bool dot = graphics[0].rows[y * 3 + x / 8] & (0x80 >> (x % 8));
+      EXPECT_EQ(dot, page[y * width + x] > 128) << x << "," << y;
+    }
+}
+
+class SavedImage : public testing::Test {
+ protected:
+  void SetUp() override {
+    char dirTemplate[] = "/tmp/kelvo-bmp-XXXXXX";
+    ASSERT_NE(mkdtemp(dirTemplate), nullptr);
+    dir = dirTemplate;
+    p.setPattern(dir + "/img_%d-%d-%d_%d_%d_%d_%ld.bmp");
+  }
+  void TearDown() override { std::system(("rm -rf " + dir).c_str()); }
+  std::string onlyFile() {
+    std::string listing;
+    FILE* ls = popen(("ls " + dir).c_str(), "r");
+    char buf[512];
+    while (std::fgets(buf, sizeof buf, ls)) listing += buf;
+    pclose(ls);
+    EXPECT_EQ(std::count(listing.begin(), listing.end(), '\n'), 1) << listing;
+    return dir + "/" + listing.substr(0, listing.find('\n'));
+  }
+  TestPrinter p;
+  std::string dir;
+};
+
+TEST_F(SavedImage, EightBitHeaderPaletteAndUnpaddedRows) {
+  const unsigned char data[] = {1, 2, 3, 4, 5, 99, 99, 6, 7, 8, 9, 10, 99, 99, 11, 12, 13, 14, 15, 99, 99};
+  const uint64_t before = page_index;
+  p.saveImage(data, 7, 3, 5, 8);
+  EXPECT_EQ(page_index, before + 1);
+  const std::string bmp = readFile(onlyFile());
+  // 54 header bytes, 1024 palette bytes, then width x height bytes straight
+  // from the buffer: 15, although the header declares 3 rows of 8.
+  ASSERT_EQ(bmp.size(), 54u + 1024u + 15u);
+  EXPECT_EQ(bmp.substr(0, 2), "BM");
+  const uint32_t fields[][2] = {{2, 1078 + 24}, {6, 0},  {10, 1078}, {14, 40}, {18, 5},  {22, 3},
+                                {30, 0},        {34, 24}, {38, 0},   {42, 0},  {46, 256}, {50, 256}};
+  for (const auto& f : fields) EXPECT_EQ(le32(bmp, f[0]), f[1]) << "offset " << f[0];
+  EXPECT_EQ(le32(bmp, 26), 1u | 8u << 16);  // planes 1, 8 bits per pixel
+  for (int i = 0; i < 256; ++i) EXPECT_EQ(le32(bmp, 54 + 4 * i), static_cast<uint32_t>(i * 0x010101)) << i;
+  EXPECT_EQ(bmp.substr(1078), std::string(reinterpret_cast<const char*>(data), 15));
+}
+
+TEST_F(SavedImage, OneBitRowsBottomUpWithPaperBitsSet) {
+  // Two rows of ten pixels: a zero byte is paper and sets its bit.
+  const unsigned char data[] = {0, 1, 0, 1, 0, 1, 0, 1, 0, 1,   // row 0
+                                1, 1, 1, 1, 1, 1, 1, 1, 0, 0};  // row 1
+  p.saveImage(data, 10, 2, 10, 1);
+  const std::string bmp = readFile(onlyFile());
+  ASSERT_EQ(bmp.size(), 62u + 2 * 4u);
+  EXPECT_EQ(le32(bmp, 10), 62u);
+  EXPECT_EQ(le32(bmp, 34), 8u);
+  EXPECT_EQ(le32(bmp, 46), 0u);
+  EXPECT_EQ(le32(bmp, 54), 0u);          // black
+  EXPECT_EQ(le32(bmp, 58), 0x00FFFFFFu);  // white
+  // Row 1 first; bits 8 and 9 fall in byte 1, whose unused low bits are set.
+  const unsigned char rows[] = {0x00, 0xC0 | 0x3F, 0, 0, 0xAA, 0x80 | 0x3F, 0, 0};
+  EXPECT_EQ(bmp.substr(62), std::string(reinterpret_cast<const char*>(rows), 8));
+}
+
+TEST_F(SavedImage, UnwritableDirectoryOnlyCostsTheMessage) {
+  p.setPattern("/nonexistent-kelvo-dir/x_%d-%d-%d_%d_%d_%d_%ld.bmp");
+  const uint64_t before = page_index;
+  const unsigned char data[4] = {};
+  testing::internal::CaptureStderr();
+  p.saveImage(data, 2, 2, 2, 8);
+  const std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(err.rfind("KelvoPrinter::saveImage: unable to open the file /nonexistent-kelvo-dir/x_", 0), 0u) << err;
+  EXPECT_EQ(page_index, before + 1);
+}
+
+struct FrameCase {
+  const char* pageSize;
+  int level, width, height;
+  int expectWidth, expectHeight;
+  int frameX0, frameY0, canvasWidth, canvasHeight;  // canvas in image coordinates
+};
+
+class AntiWrinkle : public testing::TestWithParam<FrameCase> {};
+
+TEST_P(AntiWrinkle, FrameAlongTheCanvas) {
+  const FrameCase c = GetParam();
+  TestPrinter p;
+  cups_page_header2_t header{};
+  std::snprintf(header.cupsPageSizeName, sizeof header.cupsPageSizeName, "%s", c.pageSize);
+  p.setPageHeader(&header);
+  p.setAntiWrinkle(c.level);
+  PaletteImage image;
+  std::vector<unsigned char> blank(static_cast<size_t>(c.width) * c.height, 0);
+  ASSERT_TRUE(image.CreateFromArray(blank.data(), c.width, c.height, 8, c.width, false));
+  p.EnableAntiWrink(image);
+  ASSERT_EQ(static_cast<int>(image.GetWidth()), c.expectWidth);
+  ASSERT_EQ(static_cast<int>(image.GetHeight()), c.expectHeight);
+
+  // At 300 dpi the side lines are 12 dots a millimetre of level, the top and
+  // bottom lines 12 dots.
+  const int lineV = c.level == 1 ? 12 : 24, lineH = 12;
+  const int ex = (c.expectWidth - c.width) / 2, ey = (c.expectHeight - c.height) / 2;
+  long mismatches = 0;
+  for (int y = 0; y < c.expectHeight; ++y) {
+    for (int x = 0; x < c.expectWidth; ++x) {
+      const int cx = x - c.frameX0, cy = y - c.frameY0;
+      const bool inCanvas = cx >= 0 && cy >= 0 && cx < c.canvasWidth && cy < c.canvasHeight;
+      const bool frame = inCanvas && (cx < lineV || cx >= c.canvasWidth - lineV || cy < lineH ||
+                                      cy >= c.canvasHeight - lineH);
+      const bool oldArea = x >= ex && x < ex + c.width && y >= ey && y < ey + c.height;
+      // Frame dots are 255; the added margin takes the gray palette's white,
+      // 255 as well; the old page keeps its 0.
+      const unsigned char want = frame || !oldArea ? 255 : 0;
+      mismatches += image.GetPixelIndex(x, y) != want;
+    }
+  }
+  EXPECT_EQ(mismatches, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Figures, AntiWrinkle,
+    testing::Values(
+        // A4 at 300 dpi: 2362 x 3000 grows to the 2386 x 3272 canvas.
+        FrameCase{"A4", 1, 2362, 3000, 2386, 3272, 0, 0, 2386, 3272},
+        // One dot short: the difference halves to 0, no widening, and the
+        // right line's last column lies outside the image.
+        FrameCase{"A4", 1, 2385, 3272, 2385, 3272, 0, 0, 2386, 3272},
+        // Wider than the canvas: the frame is drawn into the picture from 307.
+        FrameCase{"A4", 1, 3000, 3272, 3000, 3272, 307, 0, 2386, 3272},
+        FrameCase{"Tattoo_A6", 2, 1000, 1400, 1228, 1418, 0, 0, 1229, 1418},
+        // Unknown names (also by letter case) get no frame at all.
+        FrameCase{"a4", 1, 40, 30, 40, 30, 0, 0, 0, 0},
+        FrameCase{"w288h432", 1, 40, 30, 40, 30, 0, 0, 0, 0}));
+
+TEST(BlankRows, CountersFromFrontAndBack) {
+  struct Case {
+    std::vector<int> inkRows;  // rows holding a non-zero byte
+    size_t front, back;
+  };
+  const size_t height = 6, width = 5;
+  const Case cases[] = {
+      {{}, height, 0},
+      {{0}, height, 1},  // the front count never looks at the first row
+      {{2}, 1, 3},
+      {{1, 4}, 0, 5},
+      {{5}, 4, 6},
+  };
+  for (const Case& c : cases) {
+    std::vector<unsigned char> page(width * height, 0);
+    for (int r : c.inkRows) page[r * width + 2] = 9;
+    EXPECT_EQ(kelvoImageCountBlankLinesFromFront(page.data(), width, height, 0, width), c.front);
+    EXPECT_EQ(kelvoImageCountBlankLinesFromBack(page.data(), width, height, 0, width), c.back);
+  }
+  // Ink only in the skipped right-hand pixels does not count.
+  std::vector<unsigned char> page(width * height, 0);
+  page[3 * width + 4] = 1;
+  EXPECT_EQ(kelvoImageCountBlankLinesFromBack(page.data(), width, height, 1, width), 0u);
+  EXPECT_EQ(kelvoImageCountBlankLinesFromBack(page.data(), width, height, 0, width), 4u);
+  EXPECT_EQ(kelvoImageCountBlankLinesFromBack(page.data(), width, height, 99, width), 4u);
+}
+
+}  // namespace
