@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the project twice and runs every test in both builds:
 #   build/release   g++, optimised, as shipped
-#   build/sanitize  clang with AddressSanitizer and UndefinedBehaviorSanitizer
+#   build/sanitize  clang with AddressSanitizer and UndefinedBehaviorSanitizer,
+#                   plus a short run of every fuzz target
 # Installs the Debian packages it needs when they are missing.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -25,7 +26,7 @@ export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 
 run_build build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo
-run_build build/sanitize -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKELVO_SANITIZE=ON \
+run_build build/sanitize -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKELVO_SANITIZE=ON -DKELVO_FUZZ=ON \
   -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
 
 if [ "$status" -ne 0 ]; then
