@@ -2,7 +2,10 @@
 // Halftone methods. The names are the PPD choice words of "HalftoneType" and
 // must stay exactly as they are ("JarvisJudiceNinke", "Tattoo_X8").
 
-enum DitherType {
+// The int base makes every value a valid DitherType: the type travels as a
+// plain number (PPD, settings, Dither's method) and values past 9 select the
+// default halftone.
+enum DitherType : int {
   None = 0,
   FloydSteinberg = 1,
   Ordered = 2,
