@@ -1,0 +1,113 @@
+// kelvo-bench-raster: writes the benchmark pages as a CUPS raster stream,
+// either 8-bit ink amounts (what our filter reads) or the same content
+// halftoned to 1 bit (what CUPS's own label filter reads).
+#include <cups/raster.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "bench/pages.h"
+
+namespace {
+
+void usage() {
+  std::fprintf(stderr,
+               "Usage: kelvo-bench-raster [-1] [-k label|photo] [-r dpi] [-n pages] out.ras\n"
+               "  -1        1-bit halftoned pages instead of 8-bit ink amounts\n"
+               "  -k kind   label: 4x6 inch shipping label (default); photo: A4 photo\n"
+               "  -r dpi    resolution (default 203)\n"
+               "  -n pages  number of copies of the page in the stream (default 1)\n");
+}
+
+// 4 x 4 ordered dither, so the 1-bit page carries the gray areas as dots the
+// way a halftoning raster filter would hand them on.
+const int kBayer[4][4] = {{0, 8, 2, 10}, {12, 4, 14, 6}, {3, 11, 1, 9}, {15, 7, 13, 5}};
+
+std::vector<unsigned char> toOneBit(const kelvobench::InkPage& page, unsigned bytesPerLine) {
+  std::vector<unsigned char> bits(static_cast<size_t>(bytesPerLine) * page.height, 0);
+  for (int y = 0; y < page.height; ++y) {
+    const unsigned char* src = &page.ink[static_cast<size_t>(y) * page.width];
+    unsigned char* dst = &bits[static_cast<size_t>(y) * bytesPerLine];
+    for (int x = 0; x < page.width; ++x)
+      if (src[x] * 16 > kBayer[y & 3][x & 3] * 255 + 127) dst[x / 8] |= static_cast<unsigned char>(0x80 >> (x % 8));
+  }
+  return bits;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  bool oneBit = false;
+  std::string kind = "label";
+  int dpi = 203;
+  int pages = 1;
+  const char* out = nullptr;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "-1") {
+      oneBit = true;
+    } else if (arg == "-k" && i + 1 < argc) {
+      kind = argv[++i];
+    } else if (arg == "-r" && i + 1 < argc) {
+      dpi = std::atoi(argv[++i]);
+    } else if (arg == "-n" && i + 1 < argc) {
+      pages = std::atoi(argv[++i]);
+    } else if (arg[0] != '-' && out == nullptr) {
+      out = argv[i];
+    } else {
+      usage();
+      return 2;
+    }
+  }
+  if (out == nullptr || dpi < 50 || dpi > 1200 || pages < 1 || (kind != "label" && kind != "photo")) {
+    usage();
+    return 2;
+  }
+
+  const kelvobench::InkPage page = kind == "label" ? kelvobench::makeLabelPage(dpi) : kelvobench::makePhotoPage(dpi);
+  cups_page_header2_t header;
+  std::memset(&header, 0, sizeof header);
+  std::snprintf(header.MediaClass, sizeof header.MediaClass, "PwgRaster");
+  std::snprintf(header.cupsPageSizeName, sizeof header.cupsPageSizeName, "%s", kind == "label" ? "4x6" : "A4");
+  header.HWResolution[0] = header.HWResolution[1] = static_cast<unsigned>(dpi);
+  header.PageSize[0] = static_cast<unsigned>(page.width * 72.0 / dpi + 0.5);
+  header.PageSize[1] = static_cast<unsigned>(page.height * 72.0 / dpi + 0.5);
+  header.cupsPageSize[0] = static_cast<float>(page.width * 72.0 / dpi);
+  header.cupsPageSize[1] = static_cast<float>(page.height * 72.0 / dpi);
+  header.ImagingBoundingBox[2] = header.PageSize[0];
+  header.ImagingBoundingBox[3] = header.PageSize[1];
+  header.NumCopies = 1;
+  header.cupsWidth = static_cast<unsigned>(page.width);
+  header.cupsHeight = static_cast<unsigned>(page.height);
+  header.cupsBitsPerColor = oneBit ? 1 : 8;
+  header.cupsBitsPerPixel = oneBit ? 1 : 8;
+  header.cupsBytesPerLine = oneBit ? static_cast<unsigned>(page.width + 7) / 8 : static_cast<unsigned>(page.width);
+  header.cupsColorOrder = CUPS_ORDER_CHUNKED;
+  header.cupsColorSpace = CUPS_CSPACE_K;
+  header.cupsNumColors = 1;
+  const std::vector<unsigned char> pixels = oneBit ? toOneBit(page, header.cupsBytesPerLine) : page.ink;
+
+  const int fd = open(out, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  if (fd < 0) {
+    std::fprintf(stderr, "kelvo-bench-raster: cannot create %s\n", out);
+    return 1;
+  }
+  cups_raster_t* raster = cupsRasterOpen(fd, CUPS_RASTER_WRITE);
+  int status = 0;
+  for (int n = 0; n < pages && status == 0; ++n) {
+    if (!cupsRasterWriteHeader2(raster, &header) ||
+        cupsRasterWritePixels(raster, const_cast<unsigned char*>(pixels.data()), static_cast<unsigned>(pixels.size())) !=
+            pixels.size()) {
+      std::fprintf(stderr, "kelvo-bench-raster: cannot write page %d to %s\n", n + 1, out);
+      status = 1;
+    }
+  }
+  cupsRasterClose(raster);
+  close(fd);
+  return status;
+}
