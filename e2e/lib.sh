@@ -1,0 +1,276 @@
+# Helpers for running the driver inside a private CUPS server: Debian's own
+# cupsd and cups-filters, configured under one scratch folder, listening only
+# on a unix socket of its own, with fake ZPL printers on 127.0.0.1 as the
+# devices. Nothing of the machine's own CUPS (its configuration, its
+# scheduler, port 631) is read, written or stopped.
+#
+# Sourced by e2e-test.sh and try-driver.sh. In outline:
+#   e2e_init <scratch-dir> <build-dir> <fakezplprinter>
+#   trap e2e_stop_all EXIT
+#   e2e_start_printer label                  # sets E2E_PORT[label]
+#   e2e_start_cupsd
+#   e2e_add_queue label "$E2E_PPD_DIR/kelvo203.ppd"
+#   id=$(e2e_print label picture.png -o Darkness=20)
+#   e2e_wait_job "$id" 120
+#   e2e_take_output label                    # sets E2E_OUTPUT: the bytes received
+# Every process started here is stopped by e2e_stop_all, by its pid, and
+# each one also ends by itself after E2E_LIFETIME seconds, so that even a
+# test killed outright leaves nothing running for long.
+
+E2E_LIFETIME=${E2E_LIFETIME:-900}
+E2E_ROOT=""              # scratch folder of this run
+E2E_BUILD=""             # build tree with the filter and the PPDs
+E2E_FAKE_PRINTER=""      # the fakezplprinter program
+E2E_FILTER_DIR=""        # where the install put the filter
+E2E_PPD_DIR=""           # where the install put the PPDs
+E2E_CUPSD_PID=""
+E2E_OUTPUT=""
+declare -A E2E_PORT=()         # printer name -> TCP port of its fake printer
+declare -A E2E_PRINTER_PID=()  # printer name -> pid of its fake printer
+declare -A E2E_TAKEN=()        # printer name -> number of jobs already taken
+
+e2e_log() { echo "e2e: $*" >&2; }
+e2e_die() {
+  echo "e2e: FAILED: $*" >&2
+  exit 1
+}
+
+# Polls "$@" every 0.2 s until it succeeds or `seconds` have passed.
+e2e_poll() {
+  local seconds=$1
+  shift
+  local deadline=$((SECONDS + seconds))
+  until "$@"; do
+    [ "$SECONDS" -ge "$deadline" ] && return 1
+    sleep 0.2
+  done
+}
+
+# Prepares the scratch folder: the project installed into it with DESTDIR,
+# as a person would install it, and a ServerBin of its own that holds links
+# to the system's filters and backends plus the project's filter. cupsd runs
+# filters as its unprivileged User, which must reach them, so every folder
+# on the way is world-readable; running as root, cupsd also refuses filters
+# in folders that others may write to.
+e2e_init() {
+  E2E_ROOT=$1
+  E2E_BUILD=$2
+  E2E_FAKE_PRINTER=$3
+  umask 022
+  chmod 755 "$E2E_ROOT"
+  mkdir -p "$E2E_ROOT"/{install,conf,spool/tmp,cache,state,log,run,out,home}
+  chmod 700 "$E2E_ROOT/run"  # the scheduler's socket: ours only
+
+  local component
+  for component in filter ppd; do
+    DESTDIR="$E2E_ROOT/install" cmake --install "$E2E_BUILD" --component "$component" >/dev/null ||
+      e2e_die "cmake --install of the $component component failed"
+  done
+  E2E_FILTER_DIR=$E2E_ROOT/install$(e2e_cache_var KELVO_CUPS_FILTER_DIR)
+  E2E_PPD_DIR=$E2E_ROOT/install$(e2e_cache_var KELVO_PPD_INSTALL_DIR)
+  [ -x "$E2E_FILTER_DIR/rastertokelvozpl" ] || e2e_die "the install put no filter in $E2E_FILTER_DIR"
+
+  local system_bin sub f
+  system_bin=$(cups-config --serverbin 2>/dev/null || echo /usr/lib/cups)
+  mkdir -p "$E2E_ROOT/serverbin/filter"
+  for sub in backend cgi-bin daemon driver monitor notifier; do
+    if [ -e "$system_bin/$sub" ]; then ln -s "$system_bin/$sub" "$E2E_ROOT/serverbin/$sub"; fi
+  done
+  for f in "$system_bin"/filter/*; do
+    ln -s "$f" "$E2E_ROOT/serverbin/filter/"
+  done
+  ln -sf "$E2E_FILTER_DIR/rastertokelvozpl" "$E2E_ROOT/serverbin/filter/rastertokelvozpl"
+
+  # The client programs talk to our scheduler only, and read no lpoptions
+  # or client.conf of this machine or of its users.
+  export CUPS_SERVER=$E2E_ROOT/run/cups.sock
+  export CUPS_SERVERROOT=$E2E_ROOT/conf
+  export HOME=$E2E_ROOT/home
+}
+
+# Value of a variable in the build tree's CMake cache.
+e2e_cache_var() {
+  sed -n "s/^$1:[A-Z]*=//p" "$E2E_BUILD/CMakeCache.txt"
+}
+
+# Starts a fake ZPL printer named `name`; its jobs land in out/<name>/.
+e2e_start_printer() {
+  local name=$1
+  local dir=$E2E_ROOT/out/$name
+  mkdir -p "$dir"
+  "$E2E_FAKE_PRINTER" -d "$dir" -f "$dir.port" -t "$E2E_LIFETIME" 2>>"$E2E_ROOT/log/printer-$name.log" &
+  E2E_PRINTER_PID[$name]=$!
+  E2E_TAKEN[$name]=0
+  e2e_poll 20 test -s "$dir.port" || e2e_die "fake printer $name did not start (log/printer-$name.log)"
+  E2E_PORT[$name]=$(cat "$dir.port")
+}
+
+e2e_datadir() {
+  local d
+  d=$(cups-config --datadir 2>/dev/null) && [ -d "$d" ] && echo "$d" && return
+  echo /usr/share/cups
+}
+
+e2e_write_config() {
+  local conf=$E2E_ROOT/conf
+  {
+    echo "ServerRoot $conf"
+    echo "ServerBin $E2E_ROOT/serverbin"
+    echo "DataDir $(e2e_datadir)"
+    echo "DocumentRoot $E2E_ROOT/state"
+    echo "RequestRoot $E2E_ROOT/spool"
+    echo "TempDir $E2E_ROOT/spool/tmp"
+    echo "CacheDir $E2E_ROOT/cache"
+    echo "StateDir $E2E_ROOT/state"
+    echo "AccessLog $E2E_ROOT/log/access_log"
+    echo "ErrorLog $E2E_ROOT/log/error_log"
+    echo "PageLog $E2E_ROOT/log/page_log"
+    echo "Printcap $E2E_ROOT/state/printcap"
+    echo "FileDevice No"
+    if [ "$(id -u)" -eq 0 ]; then
+      echo "User lp"
+      echo "Group lp"
+      echo "SystemGroup root"
+    else
+      echo "SystemGroup $(id -gn)"
+    fi
+  } >"$conf/cups-files.conf"
+  # No authentication: only we can reach the socket. Job files are kept so
+  # that a test can look at what the filter was handed.
+  cat >"$conf/cupsd.conf" <<EOF
+Listen $E2E_ROOT/run/cups.sock
+LogLevel debug
+MaxLogSize 0
+Browsing No
+BrowseLocalProtocols none
+DefaultShared No
+WebInterface No
+DefaultAuthType None
+DefaultPaperSize None
+ErrorPolicy abort-job
+PreserveJobHistory Yes
+PreserveJobFiles Yes
+JobKillDelay 5
+<Location />
+  Order allow,deny
+  Allow all
+</Location>
+<Policy default>
+  JobPrivateAccess all
+  JobPrivateValues none
+  SubscriptionPrivateAccess all
+  SubscriptionPrivateValues none
+  <Limit All>
+    Order deny,allow
+  </Limit>
+</Policy>
+EOF
+}
+
+e2e_scheduler_running() {
+  lpstat -r 2>/dev/null | grep -q "is running"
+}
+
+# Starts cupsd in the foreground as a child of this shell.
+e2e_start_cupsd() {
+  command -v cupsd >/dev/null || e2e_die "cupsd not found (Debian package cups-daemon)"
+  e2e_write_config
+  local conf=$E2E_ROOT/conf
+  cupsd -t -c "$conf/cupsd.conf" -s "$conf/cups-files.conf" >"$E2E_ROOT/log/cupsd-check.log" 2>&1 ||
+    e2e_die "cupsd rejects the configuration: $(cat "$E2E_ROOT/log/cupsd-check.log")"
+  timeout -k 10 "$E2E_LIFETIME" cupsd -f -c "$conf/cupsd.conf" -s "$conf/cups-files.conf" \
+    >>"$E2E_ROOT/log/cupsd.out" 2>&1 &
+  E2E_CUPSD_PID=$!
+  e2e_poll 30 e2e_scheduler_running || e2e_die "cupsd did not come up; see $E2E_ROOT/log/error_log"
+}
+
+# e2e_add_queue <queue> <ppd> [lpadmin options...]: a queue printing to the
+# fake printer of the same name. No SNMP: the fake printer does not answer
+# it, and the backend would wait for it on every job.
+e2e_add_queue() {
+  local queue=$1 ppd=$2
+  shift 2
+  local uri="socket://127.0.0.1:${E2E_PORT[$queue]}/?snmp=false"
+  # lpadmin warns on every PPD that drivers are deprecated; only show its
+  # messages when it fails.
+  lpadmin -p "$queue" -E -v "$uri" -P "$ppd" "$@" 2>"$E2E_ROOT/log/lpadmin.err" ||
+    e2e_die "lpadmin could not add $queue: $(cat "$E2E_ROOT/log/lpadmin.err")"
+}
+
+# e2e_print <queue> <file> [lp options...]; prints the job id.
+e2e_print() {
+  local queue=$1 file=$2 out
+  shift 2
+  out=$(lp -d "$queue" "$@" -- "$file") || e2e_die "lp refused $file for $queue"
+  # "request id is label-3 (1 file(s))"
+  out=${out#request id is "$queue"-}
+  echo "${out%% *}"
+}
+
+e2e_job_done() {
+  ! lpstat -W not-completed -o 2>/dev/null | grep -q -- "-$1 "
+}
+
+# Waits until job `id` has left the queue and checks that it completed.
+e2e_wait_job() {
+  local id=$1 seconds=$2
+  e2e_poll "$seconds" e2e_job_done "$id" || e2e_die "job $id not finished after $seconds s"
+  grep -q "\[Job $id\] Job completed\." "$E2E_ROOT/log/error_log" ||
+    e2e_die "job $id did not complete: $(grep "\[Job $id\]" "$E2E_ROOT/log/error_log" | grep -E '^E |abort|stopped|cancel' | tail -5)"
+}
+
+# Sets E2E_OUTPUT to the file of the next job that the fake printer `name`
+# received, waiting for it. (Not for $(...): the count must stay in this shell.)
+e2e_take_output() {
+  local name=$1
+  local n=$((E2E_TAKEN[$name] + 1))
+  E2E_OUTPUT=$E2E_ROOT/out/$name/job-$n.zpl
+  e2e_poll 30 test -e "$E2E_OUTPUT" || e2e_die "printer $name received no job number $n"
+  E2E_TAKEN[$name]=$n
+}
+
+# Pids of all descendants of `pid`.
+e2e_descendants() {
+  local child
+  for child in $(pgrep -P "$1" 2>/dev/null); do
+    echo "$child"
+    e2e_descendants "$child"
+  done
+}
+
+# Stops one process by pid: TERM, then KILL after a grace period.
+e2e_stop_pid() {
+  local pid=$1
+  kill -TERM "$pid" 2>/dev/null || return 0
+  local deadline=$((SECONDS + 15))
+  while kill -0 "$pid" 2>/dev/null && [ "$SECONDS" -lt "$deadline" ]; do sleep 0.1; done
+  kill -KILL "$pid" 2>/dev/null
+  wait "$pid" 2>/dev/null
+  return 0
+}
+
+# Stops everything this module started, filters and backends that cupsd
+# left behind included. Safe to call more than once.
+e2e_stop_all() {
+  local name pid left
+  if [ -n "$E2E_CUPSD_PID" ]; then
+    left=$(e2e_descendants "$E2E_CUPSD_PID")
+    e2e_stop_pid "$E2E_CUPSD_PID"
+    for pid in $left; do kill -KILL "$pid" 2>/dev/null; done
+    E2E_CUPSD_PID=""
+  fi
+  for name in "${!E2E_PRINTER_PID[@]}"; do
+    e2e_stop_pid "${E2E_PRINTER_PID[$name]}"
+    unset "E2E_PRINTER_PID[$name]"
+  done
+}
+
+# True when nothing accepts connections on the fake printers' ports or on
+# the scheduler's socket any more.
+e2e_nothing_listening() {
+  local name
+  for name in "${!E2E_PORT[@]}"; do
+    if (exec 3<>"/dev/tcp/127.0.0.1/${E2E_PORT[$name]}") 2>/dev/null; then return 1; fi
+  done
+  ! e2e_scheduler_running
+}
