@@ -1,0 +1,160 @@
+// Halftoning, packing and the row encoder against the plain definitions.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <random>
+#include <string>
+
+#include "image/palette_image.h"
+#include "printer/zpl_printer.h"
+#include "tests/reference/random_pages.h"
+#include "tests/reference/reference.h"
+
+namespace {
+
+void grayImage(PaletteImage& img, const std::vector<uint8_t>& data, int width, int height) {
+  ASSERT_TRUE(img.CreateFromArray(const_cast<uint8_t*>(data.data()), width, height, 8, width, false));
+}
+
+TEST(ImageEquivalence, DitherEveryMethodAndWidth) {
+  std::mt19937 rng(1234);
+  for (int width = 1; width <= 70; ++width) {
+    for (long method : {0L, 1L, 2L, 3L, 4L, 5L, 6L, 7L, 8L, -1L, 100L}) {
+      const int height = 1 + static_cast<int>(rng() % 8);
+      const std::vector<uint8_t> data = kref::randomPage(width, height, width, rng());
+      SCOPED_TRACE("method " + std::to_string(method) + ", " + std::to_string(width) + "x" + std::to_string(height));
+      PaletteImage img;
+      grayImage(img, data, width, height);
+      ASSERT_TRUE(img.Dither(method));
+      ASSERT_EQ(img.GetNumColors(), 2u);
+      const tagRGBQUAD black = img.GetPaletteColor(0), white = img.GetPaletteColor(1);
+      EXPECT_EQ(black.rgbBlue + black.rgbGreen + black.rgbRed + black.rgbReserved, 0);
+      EXPECT_TRUE(white.rgbBlue == 255 && white.rgbGreen == 255 && white.rgbRed == 255 && white.rgbReserved == 0);
+      const std::vector<uint8_t> want = kref::ditherTo1(kref::fromArray(data.data(), width, height, width), method);
+      ASSERT_EQ(std::vector<uint8_t>(img.GetBits(0), img.GetBits(0) + want.size()), want);
+    }
+  }
+}
+
+TEST(ImageEquivalence, DitherFourBitPages) {
+  std::mt19937 rng(5);
+  for (int width = 1; width <= 40; ++width) {
+    for (long method : {0L, 1L, 2L, 6L, 7L, 9L}) {
+      const int height = 1 + static_cast<int>(rng() % 6);
+      std::vector<uint8_t> levels(static_cast<size_t>(width) * height);
+      for (auto& v : levels) v = static_cast<uint8_t>(rng() % 16);
+      PaletteImage img;
+      ASSERT_NE(img.Create(width, height, 4, 0), nullptr);
+      for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) img.SetPixelIndex(x, y, levels[static_cast<size_t>(y) * width + x]);
+      ASSERT_TRUE(img.Dither(method));
+      const std::vector<uint8_t> want = kref::dither4(levels, width, height, method);
+      for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x)
+          ASSERT_EQ(img.GetPixelIndex(x, y), want[static_cast<size_t>(y) * width + x])
+              << "method " << method << " at " << x << "," << y << " of " << width << "x" << height;
+    }
+  }
+}
+
+class EncoderPrinter : public ZplPrinter {
+ public:
+  EncoderPrinter() {
+    stream_ = open_memstream(&buf_, &len_);
+    outputStreams_.clear();
+    outputStreams_.push_back(stream_);
+  }
+  ~EncoderPrinter() override {
+    std::fclose(stream_);
+    std::free(buf_);
+  }
+  std::string take() {
+    std::fflush(stream_);
+    std::string s(buf_, len_);
+    std::rewind(stream_);
+    len_ = 0;
+    return s;
+  }
+
+ private:
+  char* buf_ = nullptr;
+  size_t len_ = 0;
+  FILE* stream_ = nullptr;
+};
+
+// Rows with long runs of each byte value, all-dots rows and short noise,
+// so every count letter, the comma and the repeat colon all appear.
+std::vector<uint8_t> randomRow(std::mt19937& rng, int n) {
+  std::vector<uint8_t> row(static_cast<size_t>(n));
+  const int kind = static_cast<int>(rng() % 5);
+  for (int i = 0; i < n;) {
+    const int run = kind == 0 ? 1 : 1 + static_cast<int>(rng() % (kind == 4 ? 600 : 40));
+    const uint8_t v = kind == 3 ? 0xFF : static_cast<uint8_t>(rng() % 3 == 0 ? rng() : (rng() % 2 ? 0 : 0xFF));
+    for (int k = 0; k < run && i < n; ++k) row[static_cast<size_t>(i++)] = v;
+  }
+  if (kind == 2 && n > 1) row.back() = static_cast<uint8_t>(0x80 >> (rng() % 8));
+  return row;
+}
+
+TEST(ImageEquivalence, RowEncoder) {
+  std::mt19937 rng(31337);
+  EncoderPrinter p;
+  for (int trial = 0; trial < 3000; ++trial) {
+    const int n = 1 + static_cast<int>(trial < 2000 ? rng() % 70 : rng() % 1200);
+    const std::vector<uint8_t> row = randomRow(rng, n);
+    LastSet = static_cast<int>(rng() % 2);
+    int lastSet = LastSet;
+    p.ZPLPrintLine(row.data(), n);
+    ASSERT_EQ(p.take(), kref::zplLine(row.data(), n, lastSet)) << "trial " << trial << ", " << n << " bytes";
+    EXPECT_EQ(LastSet, lastSet);
+  }
+}
+
+TEST(ImageEquivalence, GrayToMonoEveryWidthAndSkip) {
+  std::mt19937 rng(8);
+  EncoderPrinter p;
+  for (int bpl = 1; bpl <= 70; ++bpl) {
+    for (unsigned long skip : {0UL, 1UL, 3UL, 7UL, 8UL, 9UL, 69UL, 70UL, 500UL}) {
+      const int h = 1 + static_cast<int>(rng() % 5);
+      std::vector<uint8_t> data(static_cast<size_t>(bpl) * h);
+      for (auto& v : data) v = rng() % 2 ? 0 : static_cast<uint8_t>(rng());
+      std::vector<uint8_t> want = data;
+      const int wantTotal = kref::grayToMono(bpl, h, want.data(), skip);
+      p.setSkipRightPixels(skip);
+      ASSERT_EQ(p.GrayToMono(bpl, h, data.data()), wantTotal);
+      ASSERT_EQ(std::vector<uint8_t>(data.begin(), data.begin() + wantTotal),
+                std::vector<uint8_t>(want.begin(), want.begin() + wantTotal))
+          << bpl << " bytes a row, skip " << skip;
+    }
+  }
+}
+
+// The whole graphic for pages wider than a row of any test above, with and
+// without a skipped right edge.
+TEST(ImageEquivalence, GraphicOfLargePages) {
+  std::mt19937 rng(2);
+  EncoderPrinter p;
+  cups_page_header2_t header{};
+  header.NumCopies = 3;
+  p.setPageHeader(&header);
+  sPrinter = &p;
+  for (int width : {812, 1218, 2480, 4961}) {
+    for (unsigned long skip : {0UL, 5UL}) {
+      const int height = 9;
+      std::vector<uint8_t> page(static_cast<size_t>(width) * height);
+      for (int y = 0; y < height; ++y) {
+        const std::vector<uint8_t> row = randomRow(rng, width);
+        std::copy(row.begin(), row.end(), page.begin() + static_cast<long>(y) * width);
+      }
+      p.setSkipRightPixels(skip);
+      LastSet = 0;
+      p.doPrintImage(page.data(), width, height, width);
+      int lastSet = 0;
+      EXPECT_EQ(p.take(), kref::zplGraphic(page.data(), width, height, 3, skip, lastSet)) << width << ", skip " << skip;
+    }
+  }
+  sPrinter = nullptr;
+}
+
+}  // namespace
