@@ -2,7 +2,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <vector>
+
 #include "image/palette_image.h"
+#include "image/pixel_rows.h"
 
 namespace {
 
@@ -35,6 +38,13 @@ bool PaletteImage::Lut(unsigned char* table) {
   if (dib == nullptr || table == nullptr) return false;
   const long width = header.biWidth;
   const long height = header.biHeight;
+  if (header.biBitCount == 8) {
+    for (long y = 0; y < height; ++y) {
+      uint8_t* row = info.bits + static_cast<size_t>(info.effWidth) * static_cast<size_t>(y);
+      for (long x = 0; x < width; ++x) row[x] = table[row[x]];
+    }
+    return true;
+  }
   for (long y = 0; y < height; ++y)
     for (long x = 0; x < width; ++x) BlindSetPixelIndex(x, y, table[BlindGetPixelIndex(x, y)]);
   return true;
@@ -51,8 +61,13 @@ bool PaletteImage::Rotate180(PaletteImage* dst) {
     work.SetPalette(GetPalette(), GetNumColors());
     const long width = header.biWidth;
     const long height = header.biHeight;
-    for (long y = 0; y < height; ++y)
-      for (long x = 0; x < width; ++x) work.SetPixelIndex(width - 1 - x, height - 1 - y, BlindGetPixelIndex(x, y));
+    std::vector<uint8_t> levels(static_cast<size_t>(width));
+    for (long y = 0; y < height; ++y) {
+      kelvoRowToLevels(info.bits + static_cast<size_t>(info.effWidth) * static_cast<size_t>(y), header.biBitCount,
+                       width, levels.data());
+      uint8_t* dst = work.GetBits(static_cast<unsigned int>(height - 1 - y));
+      for (long x = 0; x < width; ++x) dst[width - 1 - x] = levels[static_cast<size_t>(x)];
+    }
   }
   // A failed working image still moves in: the target ends empty, carrying
   // the creation's error text.
@@ -120,6 +135,13 @@ bool PaletteImage::IncreaseBpp(unsigned int nbit) {
 
   const long width = header.biWidth;
   const long height = header.biHeight;
+  if (nbit == 8) {
+    for (long y = 0; y < height; ++y)
+      kelvoRowToLevels(info.bits + static_cast<size_t>(info.effWidth) * static_cast<size_t>(y), header.biBitCount,
+                       width, work.GetBits(static_cast<unsigned int>(y)));
+    Transfer(work);
+    return true;
+  }
   for (long y = 0; y < height; ++y) {
     for (long x = 0; x < width; ++x) {
       if (nbit == 24)
