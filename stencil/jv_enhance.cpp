@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <new>
 #include <vector>
 
 #include "stencil/jv_math.h"
+#include "stencil/jv_rows.h"
 
 namespace {
 
@@ -28,8 +30,19 @@ const int kSqrtStepLimit = 200;
 
 int momentsThreshold(const JVImage& gray, bool guarded) {
   int32_t n = pixelCount32(gray);
-  uint32_t hist[256] = {0};
-  for (int32_t i = 0; i < n; ++i) ++hist[gray.data[i]];
+  // Four partial histograms keep successive equal pixels from waiting on
+  // each other's count; the totals are the same integers.
+  uint32_t part[4][256] = {};
+  int32_t i = 0;
+  for (; i + 4 <= n; i += 4) {
+    ++part[0][gray.data[i]];
+    ++part[1][gray.data[i + 1]];
+    ++part[2][gray.data[i + 2]];
+    ++part[3][gray.data[i + 3]];
+  }
+  for (; i < n; ++i) ++part[0][gray.data[i]];
+  uint32_t hist[256];
+  for (int k = 0; k < 256; ++k) hist[k] = part[0][k] + part[1][k] + part[2][k] + part[3][k];
 
   float p[256];
   for (int k = 0; k < 256; ++k) p[k] = static_cast<float>(hist[k]) / static_cast<float>(n);
@@ -91,6 +104,14 @@ void applyTable(JVImage& img, const unsigned char table[256]) {
   for (int64_t i = 0; i < n; ++i) img.data[i] = table[img.data[i]];
 }
 
+// A record shaped like `src` for a pass that writes its first
+// width * height bytes: uninitialised when that is all of it, otherwise a
+// copy, so that the bytes past them stay the source's.
+JVImage grayResultFor(const JVImage& src) {
+  if (src.channels == 1 && jvChannelsOf(src.color) == 1) return JVImage(src.width, src.height, src.color);
+  return JVImage(src);
+}
+
 }  // namespace
 
 JVImage cvtGray(const JVImage& src) {
@@ -98,6 +119,10 @@ JVImage cvtGray(const JVImage& src) {
   const int64_t n = pixelCount(src);
   const unsigned char* s = src.data;
   const int64_t step = src.channels;
+  if (src.color == JV_IMG_GRAY && step == 1) {
+    if (n > 0) std::memcpy(out.data, s, static_cast<size_t>(n));
+    return out;
+  }
   int64_t j = 0;
   for (int64_t i = 0; i < n; ++i, j += step) {
     switch (src.color) {
@@ -150,27 +175,30 @@ void generateGaussianKernel1D(int size, double sigma, double* taps) {
 
 JVImage convolve1D(const JVImage& src, const double* taps, int size, bool horizontal) {
   const int half = size / 2;
-  JVImage out(src);
   const int64_t w = src.width;
   const int64_t h = src.height;
+  // The result starts as a copy of the source; for a one-byte-a-pixel record
+  // every byte of that copy is overwritten, so it need not be made.
+  JVImage out = grayResultFor(src);
   if (w <= 0 || h <= 0) return out;
+  const int64_t taps2 = 2 * static_cast<int64_t>(half) + 1;
   const unsigned char* s = src.data;
-  for (int64_t y = 0; y < h; ++y) {
-    const unsigned char* row = s + y * w;
-    for (int64_t x = 0; x < w; ++x) {
-      double sum = 0.0;
-      for (int k = -half; k <= half; ++k) {
-        unsigned char v;
-        if (horizontal) {
-          const int64_t xi = std::min(std::max<int64_t>(x + k, 0), w - 1);
-          v = row[xi];
-        } else {
-          const int64_t yi = std::min(std::max<int64_t>(y + k, 0), h - 1);
-          v = s[yi * w + x];
-        }
-        sum = static_cast<double>(v) * taps[k + half] + sum;
-      }
-      out.data[y * w + x] = static_cast<unsigned char>(my_round(static_cast<float>(sum)));
+  if (horizontal) {
+    // Each row as doubles with its edge pixels repeated half a kernel past
+    // both ends: the clamped index of every tap, looked up once.
+    std::vector<double> padded(static_cast<size_t>(w + taps2));
+    for (int64_t y = 0; y < h; ++y) {
+      const unsigned char* row = s + y * w;
+      for (int64_t i = 0; i < w + taps2 - 1; ++i)
+        padded[static_cast<size_t>(i)] = static_cast<double>(row[std::min(std::max<int64_t>(i - half, 0), w - 1)]);
+      jvBlurRowHorizontal(padded.data(), taps, static_cast<int>(taps2), static_cast<size_t>(w), out.data + y * w);
+    }
+  } else {
+    std::vector<const uint8_t*> rows(static_cast<size_t>(taps2));
+    for (int64_t y = 0; y < h; ++y) {
+      for (int64_t k = -half; k <= half; ++k)
+        rows[static_cast<size_t>(k + half)] = s + std::min(std::max<int64_t>(y + k, 0), h - 1) * w;
+      jvBlurRowVertical(rows.data(), taps, static_cast<int>(taps2), static_cast<size_t>(w), out.data + y * w);
     }
   }
   return out;
@@ -237,12 +265,9 @@ JVImage add_Weighted(const JVImage& a, const JVImage& b, float weight) {
   const float alpha = 1.0f + weight;
   const float beta = -weight;
   const float gamma = 0.0f;
-  JVImage out(a);
+  JVImage out = grayResultFor(a);
   const int64_t n = pixelCount(a);
-  for (int64_t i = 0; i < n; ++i) {
-    const int r = my_round((static_cast<float>(a.data[i]) * alpha + static_cast<float>(b.data[i]) * beta) + gamma);
-    out.data[i] = static_cast<unsigned char>(myClamp(r, 0, 255));
-  }
+  if (n > 0) jvWeightedRow(a.data, b.data, alpha, beta, gamma, static_cast<size_t>(n), out.data);
   return out;
 }
 
@@ -251,3 +276,5 @@ JVImage enh_unsharp_mask(const JVImage& src, float amount, int size) {
   JVImage blurred = enh_gaussian_filter_fast(src, size, 3.0);
   return add_Weighted(src, blurred, weight);
 }
+
+int jvSetSimdLevel(int level) { return jvRowsSetLevel(level); }

@@ -49,3 +49,8 @@ JVImage add_Weighted(const JVImage& a, const JVImage& b, float weight);
 // Sharpens by `amount` percent against a Gaussian blur of `size` taps; the
 // blur's sigma is always 3.
 JVImage enh_unsharp_mask(const JVImage& src, float amount, int size);
+
+// Vector paths of the blur and weighting passes: 0 is the SSE2 baseline,
+// 1 adds AVX2 where the CPU has it (the default then). Every path gives the
+// same bytes. Returns the level in force afterwards.
+int jvSetSimdLevel(int level);

@@ -85,13 +85,3 @@ float my_pow(float base, float exponent) {
   }
   return my_exp(exponent * my_ln(base));
 }
-
-int32_t jv_trunc_i32(float x) {
-  if (!(x >= -2147483648.0f && x < 2147483648.0f)) return INT32_MIN;
-  return static_cast<int32_t>(x);
-}
-
-int my_round(float x) {
-  if (static_cast<double>(x) >= 0.0) return jv_trunc_i32(x + 0.5f);
-  return jv_trunc_i32(x - 0.5f);
-}

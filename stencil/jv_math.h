@@ -26,12 +26,19 @@ float my_ln(float x);
 
 float my_pow(float base, float exponent);
 
-// Halves away from zero; NaN and out-of-range values give INT32_MIN.
-int my_round(float x);
-
 // The processor's truncating float-to-int32 conversion: NaN and values out
 // of range give INT32_MIN instead of undefined behaviour.
-int32_t jv_trunc_i32(float x);
+inline int32_t jv_trunc_i32(float x) {
+  if (!(x >= -2147483648.0f && x < 2147483648.0f)) return INT32_MIN;
+  return static_cast<int32_t>(x);
+}
+
+// Halves away from zero; NaN and out-of-range values give INT32_MIN. Runs
+// per pixel, so it lives here to be inlined.
+inline int my_round(float x) {
+  if (static_cast<double>(x) >= 0.0) return jv_trunc_i32(x + 0.5f);
+  return jv_trunc_i32(x - 0.5f);
+}
 
 template <typename T>
 T myClamp(T value, T low, T high) {

@@ -1,5 +1,6 @@
 #include "stencil/jv_tattoo.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -56,41 +57,50 @@ JVImage edf_cus(const JVImage& src, int threshold) {
     if (out.byteCount() > 0) std::memset(out.data, 0, static_cast<size_t>(out.byteCount()));
     return out;
   }
-  std::vector<float> err(static_cast<size_t>(w) * static_cast<size_t>(h), 0.0f);
+  // Only two rows of errors are alive at a time: this row's and the next.
+  // Two spare cells on each side take the shares that fall off the page,
+  // which are dropped exactly as the bounds test drops them.
+  const size_t span = static_cast<size_t>(w) + 4;
+  std::vector<float> errors(2 * span, 0.0f);
+  float* cur = errors.data() + 2;
+  float* next = cur + span;
   const float limit = static_cast<float>(threshold);
-  const unsigned char* s = src.data;
-  unsigned char* o = out.data;
+  const float w0 = kTaps[0].weight, w1 = kTaps[1].weight, w2 = kTaps[2].weight;
+  const float w3 = kTaps[3].weight, w4 = kTaps[4].weight, w5 = kTaps[5].weight;
+  // What an output of 255 adds to v, by the number of its left and upper
+  // neighbours that came out 0: (1 - share) * -255, share built up as the
+  // plain loop builds it. With none it is -255, the same as on the frame.
+  const float oneShare = kNeighbourShare + 0.0f;
+  const float adjust[3] = {(1.0f - 0.0f) * -255.0f, (1.0f - oneShare) * -255.0f,
+                           (1.0f - (kNeighbourShare + oneShare)) * -255.0f};
 
   for (int y = 0; y < h; ++y) {
+    const unsigned char* s = src.data + static_cast<size_t>(y) * static_cast<size_t>(w);
+    unsigned char* o = out.data + static_cast<size_t>(y) * static_cast<size_t>(w);
+    const unsigned char* up = o - w;  // read only on interior rows
+    const bool innerRow = y >= 1 && y < h - 1;
+    // The errors of this pixel and the next one stay in registers.
+    float here = cur[0];
+    float right = cur[1];
     for (int x = 0; x < w; ++x) {
-      const int64_t i = static_cast<int64_t>(y) * w + x;
-      const float v = err[i] + static_cast<float>(s[i]);
-      float e;
-      if (v > limit) {
-        o[i] = 255;
-        if (y >= 1 && x >= 1 && y < h - 1 && x < w - 1) {
-          float share = 0.0f;
-          if (o[i - 1] == 0) share = kNeighbourShare + share;
-          if (o[i - w] == 0) share = kNeighbourShare + share;
-          e = (1.0f - share) * -255.0f + v;
-        } else {
-          e = v - 255.0f;
-        }
-      } else {
-        o[i] = 0;
-        e = v;
-      }
-      float part[6];
-      for (int k = 0; k < 6; ++k) part[k] = e * kTaps[k].weight;
-      for (int k = 0; k < 6; ++k) {
-        const int nx = x + kTaps[k].dx;
-        const int ny = y + kTaps[k].dy;
-        // Error past the page edge is dropped, not handed to other neighbours.
-        if (!isWithinBounds(nx, ny, w, h)) continue;
-        float& cell = err[static_cast<int64_t>(ny) * w + nx];
-        cell = part[k] + cell;
-      }
+      const float v = here + static_cast<float>(s[x]);
+      const bool dot = v > limit;
+      int zeros = 0;
+      if (innerRow && x >= 1 && x < w - 1) zeros = (o[x - 1] == 0) + (up[x] == 0);
+      // v + adjust is the plain (1 - share) * -255 + v and v - 255 on the
+      // frame; a sum with 0 leaves v itself, which is never -0.
+      const float e = v + (dot ? adjust[zeros] : 0.0f);
+      o[x] = dot ? 255 : 0;
+      const float p0 = e * w0, p1 = e * w1, p2 = e * w2, p3 = e * w3, p4 = e * w4, p5 = e * w5;
+      here = p0 + right;
+      right = p1 + cur[x + 2];
+      next[x - 2] = p2 + next[x - 2];
+      next[x - 1] = p3 + next[x - 1];
+      next[x] = p4 + next[x];
+      next[x + 1] = p5 + next[x + 1];
     }
+    std::swap(cur, next);
+    std::fill(next - 2, next - 2 + span, 0.0f);
   }
   return out;
 }
