@@ -230,19 +230,35 @@ long KelvoPrinter::PageProcess(DitherType type, const unsigned char* data, int s
 }
 
 void KelvoPrinter::copyPixels(PaletteImage& image, unsigned char* out, int width, int height, int stride) {
+  // The pipeline's pages are 8-bit and at least this large: copy rows.
+  if (image.IsValid() && image.GetNumColors() == 256 && width <= static_cast<int>(image.GetWidth()) &&
+      height <= static_cast<int>(image.GetHeight())) {
+    for (int y = 0; y < height; ++y)
+      if (width > 0) std::memcpy(out + static_cast<long>(y) * stride, image.GetBits(y), static_cast<size_t>(width));
+    return;
+  }
   for (int y = 0; y < height; ++y)
     for (int x = 0; x < width; ++x) out[static_cast<long>(y) * stride + x] = image.GetPixelIndex(x, y);
 }
 
 void KelvoPrinter::copyProcessedPixels(PaletteImage* image, unsigned char* out, int width, int height, int stride) {
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      unsigned char v = image->GetPixelIndex(x, y);
-      if (v == 1) v = 0xFF;
-      if (negativePrint_) v = static_cast<unsigned char>(~v);
-      out[static_cast<long>(y) * stride + x] = v;
-    }
+  // Index 1 (a dot after halftoning) becomes 0xFF, then the negative inverts.
+  unsigned char map[256];
+  for (int v = 0; v < 256; ++v) {
+    const unsigned char dot = static_cast<unsigned char>(v == 1 ? 0xFF : v);
+    map[v] = negativePrint_ ? static_cast<unsigned char>(~dot) : dot;
   }
+  if (image->IsValid() && image->GetNumColors() == 256 && width <= static_cast<int>(image->GetWidth()) &&
+      height <= static_cast<int>(image->GetHeight())) {
+    for (int y = 0; y < height; ++y) {
+      const unsigned char* src = image->GetBits(y);
+      unsigned char* dst = out + static_cast<long>(y) * stride;
+      for (int x = 0; x < width; ++x) dst[x] = map[src[x]];
+    }
+    return;
+  }
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x) out[static_cast<long>(y) * stride + x] = map[image->GetPixelIndex(x, y)];
 }
 
 void KelvoPrinter::saveImage(const unsigned char* data, unsigned long bytesPerLine, unsigned long height,

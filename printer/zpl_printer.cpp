@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "image/pixel_rows.h"
 #include "support/kelvo_log.h"
 
 int LastSet = 0;
@@ -29,20 +30,32 @@ size_t keptPixels(size_t bpl, unsigned long skip) { return (skip != 0 && skip < 
 // in bit 7, unused low bits of a row's last byte clear. dst may be src: a
 // packed byte never lands beyond the source bytes already read.
 size_t packRows(const unsigned char* src, size_t bpl, size_t h, size_t wb, unsigned char* dst) {
-  size_t out = 0;
-  for (size_t r = 0; r < h; ++r) {
-    const unsigned char* row = src + r * bpl;
-    unsigned char acc = 0;
-    for (size_t x = 0; x < wb; ++x) {
-      if (row[x] != 0) acc |= static_cast<unsigned char>(0x80u >> (x % 8));
-      if (x % 8 == 7) {
-        dst[out++] = acc;
-        acc = 0;
-      }
+  const size_t rowBytes = (wb + 7) / 8;
+  for (size_t r = 0; r < h; ++r) kelvoPackNonZero(src + r * bpl, wb, dst + r * rowBytes);
+  return rowBytes * h;
+}
+
+// The text of one encoded row, kept from row to row so that no row
+// allocates; the process prints from one thread.
+std::vector<unsigned char>& rowText() {
+  static std::vector<unsigned char> text;
+  return text;
+}
+
+// One run of a hex digit: count letters, then the digit.
+void appendRun(std::vector<unsigned char>& out, unsigned char digit, unsigned int count) {
+  if (count > 1) {
+    while (count >= 400) {
+      out.push_back('z');
+      count -= 400;
     }
-    if (wb % 8 != 0) dst[out++] = acc;
+    if (count >= 20) {
+      out.push_back(static_cast<unsigned char>(102 + count / 20));
+      count %= 20;
+    }
+    if (count != 0) out.push_back(static_cast<unsigned char>(70 + count));
   }
-  return out;
+  out.push_back(digit);
 }
 
 void logPacking(int bpl, int h, unsigned long skip, size_t wb) {
@@ -100,48 +113,53 @@ void ZplPrinter::ZPLPrintLine(const unsigned char* row, int n) {
     }
   }
 
-  const size_t digits = 2 * len;
-  auto digitAt = [row](size_t i) -> unsigned char {
-    const unsigned nibble = (i % 2 == 0) ? (row[i / 2] >> 4) : (row[i / 2] & 0x0F);
-    return static_cast<unsigned char>(kHexDigits[nibble]);
-  };
-  unsigned char current = digitAt(0);
-  unsigned int count = 1;
-  for (size_t i = 1; i < digits; ++i) {
-    const unsigned char d = digitAt(i);
-    if (d == current) {
-      ++count;
-    } else {
-      ZPLCompress(current, count);
-      current = d;
-      count = 1;
+  // The row's hex digits, high nibble first, as runs of equal digits. The
+  // text is built whole and written with one call: the same bytes in the
+  // same order as one call per byte.
+  std::vector<unsigned char>& text = rowText();
+  text.clear();
+  unsigned current = row[0] >> 4;
+  unsigned int count = 0;
+  for (size_t i = 0; i < len;) {
+    const unsigned byte = row[i];
+    const unsigned high = byte >> 4;
+    const unsigned low = byte & 0x0F;
+    if (high == low && high == current) {
+      // Bytes like 00 or FF that only lengthen the current run.
+      size_t j = i + 1;
+      while (j < len && row[j] == byte) ++j;
+      count += static_cast<unsigned int>(2 * (j - i));
+      i = j;
+      continue;
     }
+    for (const unsigned digit : {high, low}) {
+      if (digit == current) {
+        ++count;
+      } else {
+        appendRun(text, static_cast<unsigned char>(kHexDigits[current]), count);
+        current = digit;
+        count = 1;
+      }
+    }
+    ++i;
   }
-  if (current == '0') {
+  if (current == 0) {
     // An odd run of trailing zeros keeps one explicit "0" before the comma;
     // the printed bytes must stay as installed printers have always seen them.
     if (count % 2 != 0) {
-      printByte('0');
+      text.push_back('0');
       --count;
     }
-    if (count != 0) printByte(',');
+    if (count != 0) text.push_back(',');
   } else {
-    ZPLCompress(current, count);
+    appendRun(text, static_cast<unsigned char>(kHexDigits[current]), count);
   }
+  printBytes(text.data(), text.size());
   LastSet = 1;
 }
 
 void ZplPrinter::ZPLCompress(unsigned char digit, unsigned int count) {
-  if (count > 1) {
-    while (count >= 400) {
-      printByte('z');
-      count -= 400;
-    }
-    if (count >= 20) {
-      printByte(static_cast<unsigned char>(102 + count / 20));
-      count %= 20;
-    }
-    if (count != 0) printByte(static_cast<unsigned char>(70 + count));
-  }
-  printByte(digit);
+  std::vector<unsigned char> run;
+  appendRun(run, digit, count);
+  printBytes(run.data(), run.size());
 }
