@@ -3,6 +3,7 @@
 // and the list of output streams that every byte for the printer goes to.
 #include <cups/raster.h>
 
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -10,6 +11,12 @@
 
 #include "image/palette_image.h"
 #include "support/halftone_type.h"
+
+// Folder of the two debug pictures saved per page. The fuzz build points it at
+// a folder that does not exist, so that millions of runs leave no files.
+#ifndef KELVO_DEBUG_IMAGE_DIR
+#define KELVO_DEBUG_IMAGE_DIR "/var/spool/cups/tmp/"
+#endif
 
 class KelvoPrinter {
  public:
@@ -113,6 +120,11 @@ extern KelvoPrinter* sPrinter;
 
 // Numbers the debug BMP files of the process.
 extern uint64_t page_index;
+
+// Set by the filter's SIGTERM handler when the spooler cancels the job. The
+// page loop and the graphic emitter stop at their next safe point; an
+// unfinished graphic download is aborted so the printer does not wait for it.
+extern volatile std::sig_atomic_t sJobCancelled;
 
 extern "C" {
 size_t kelvoImageCountBlankLinesFromFront(const unsigned char* data, size_t bytesPerLine, size_t height,

@@ -11,8 +11,8 @@
 
 namespace {
 
-const char kOriginPattern[] = "/var/spool/cups/tmp/origin_%d-%d-%d_%d_%d_%d_%ld.bmp";
-const char kDitheredPattern[] = "/var/spool/cups/tmp/dithered_%d-%d-%d_%d_%d_%d_%ld.bmp";
+const char kOriginPattern[] = KELVO_DEBUG_IMAGE_DIR "origin_%d-%d-%d_%d_%d_%d_%ld.bmp";
+const char kDitheredPattern[] = KELVO_DEBUG_IMAGE_DIR "dithered_%d-%d-%d_%d_%d_%d_%ld.bmp";
 
 bool rowIsBlank(const unsigned char* row, size_t n) {
   for (size_t i = 0; i < n; ++i)

@@ -1,6 +1,7 @@
 #include "printer/zpl_printer.h"
 
 #include <cstddef>
+#include <cstdio>
 #include <vector>
 
 #include "image/pixel_rows.h"
@@ -85,6 +86,8 @@ void ZplPrinter::doPrintImage(const unsigned char* bits, unsigned long /*bytesPe
     kelvoLogCommon(LogError, "doPrintImage: empty page (%lu x %lu pixels), no graphic sent", width, height);
     return;
   }
+  // A cancelled job sends nothing more of its pages.
+  if (sJobCancelled) return;
   std::vector<unsigned char> packed(rowBytes * height);
   const size_t total = packRows(bits, width, height, wb, packed.data());
 
@@ -93,9 +96,23 @@ void ZplPrinter::doPrintImage(const unsigned char* bits, unsigned long /*bytesPe
   setPrint(1, header != nullptr ? static_cast<int>(header->NumCopies) : 1);
   printFormat("~DGR:CUPS.GRF,%u,%u,\n", static_cast<unsigned>(total), static_cast<unsigned>(rowBytes));
   const unsigned char* p = packed.data();
-  for (unsigned long r = 0; r < height; ++r, p += rowBytes) ZPLPrintLine(p, static_cast<int>(rowBytes));
+  for (unsigned long r = 0; r < height; ++r, p += rowBytes) {
+    if (sJobCancelled) {
+      abortDownload();
+      return;
+    }
+    ZPLPrintLine(p, static_cast<int>(rowBytes));
+  }
   printStr("^FO0,0^XGR:CUPS.GRF,1,1^FS\n");
   printStr("^XZ\r\n");
+}
+
+// The printer would otherwise take whatever comes next as the rest of the
+// graphic and wait for the missing bytes; ~DN ends the download. Nothing is
+// written after it.
+void ZplPrinter::abortDownload() {
+  printStr("~DN\r\n");
+  for (FILE* stream : getOutputStreams()) std::fflush(stream);
 }
 
 void ZplPrinter::ZPLPrintLine(const unsigned char* row, int n) {

@@ -17,4 +17,8 @@ class ZplPrinter : public KelvoPrinter {
 
   void ZPLPrintLine(const unsigned char* row, int n);
   void ZPLCompress(unsigned char digit, unsigned int count);
+
+ private:
+  // Ends an unfinished graphic download after the job was cancelled.
+  void abortDownload();
 };
