@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -33,6 +34,12 @@ bool pageFits(const cups_page_header2_t& header) {
                    header.cupsWidth, header.cupsHeight, bytes, kKelvoMaxPageBytes);
     return false;
   }
+  // A page without pixels has nothing to print; the pipeline would fail on
+  // it and could send the previous page's picture again.
+  if (header.cupsWidth == 0) {
+    kelvoLogCommon(LogError, "Page header is inconsistent: %u bytes per line but no pixels", header.cupsBytesPerLine);
+    return false;
+  }
   if (header.cupsWidth > header.cupsBytesPerLine) {
     kelvoLogCommon(LogError, "Page header is inconsistent: %u pixels per line but only %u bytes per line",
                    header.cupsWidth, header.cupsBytesPerLine);
@@ -44,6 +51,63 @@ bool pageFits(const cups_page_header2_t& header) {
     return false;
   }
   return true;
+}
+
+// Only sets the flag; the page loop and the graphic emitter act on it.
+extern "C" void onCancel(int) { sJobCancelled = 1; }
+
+// For the length of a job: SIGTERM (the spooler cancelling the job) sets the
+// cancel flag, and SIGPIPE is ignored so that a printer connection that went
+// away shows up as a write error. The previous handlers come back at the
+// end, since the entry is also called in process.
+class JobSignals {
+ public:
+  JobSignals() {
+    struct sigaction cancel {};
+    cancel.sa_handler = onCancel;
+    sigemptyset(&cancel.sa_mask);
+    // Interrupted reads and writes resume: a write cut short by the signal
+    // would drop bytes from the middle of a graphic.
+    cancel.sa_flags = SA_RESTART;
+    sigaction(SIGTERM, &cancel, &oldTerm_);
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    sigemptyset(&ignore.sa_mask);
+    sigaction(SIGPIPE, &ignore, &oldPipe_);
+  }
+  ~JobSignals() {
+    sigaction(SIGPIPE, &oldPipe_, nullptr);
+    sigaction(SIGTERM, &oldTerm_, nullptr);
+  }
+  JobSignals(const JobSignals&) = delete;
+  JobSignals& operator=(const JobSignals&) = delete;
+
+ private:
+  struct sigaction oldTerm_ {};
+  struct sigaction oldPipe_ {};
+};
+
+// True when the printer's stream (standard output) can no longer be written:
+// a full disk, a closed descriptor, a connection that went away. Flushing
+// first makes the failure show now and leaves its reason in errno.
+bool outputFailed(FILE* out) {
+  errno = 0;
+  const bool failed = std::fflush(out) != 0 || std::ferror(out) != 0;
+  if (failed)
+    kelvoLogCommon(LogError, "Unable to send the job to the printer: writing standard output failed (%s)",
+                   errno != 0 ? std::strerror(errno) : "write error");
+  return failed;
+}
+
+// The value of an enumerated header field as the stream delivered it. The
+// header is read from the stream byte for byte, so a hostile job can put any
+// 32-bit value there; reading that through the enumeration is undefined.
+template <typename Field>
+int rawField(const Field& field) {
+  static_assert(sizeof(Field) == sizeof(int), "raster header fields are 32 bits");
+  int value;
+  std::memcpy(&value, &field, sizeof value);
+  return value;
 }
 
 void logHeader(int pageCount, const cups_page_header2_t& header) {
@@ -58,8 +122,8 @@ void logHeader(int pageCount, const cups_page_header2_t& header) {
   kelvoLogCommon(LogDebug, "header.cupsBitsPerColor:%d", header.cupsBitsPerColor);
   kelvoLogCommon(LogDebug, "header.cupsBitsPerPixel:%d", header.cupsBitsPerPixel);
   kelvoLogCommon(LogDebug, "header.cupsBytesPerLine:%d", header.cupsBytesPerLine);
-  kelvoLogCommon(LogDebug, "header.cupsColorOrder:%d", header.cupsColorOrder);
-  kelvoLogCommon(LogDebug, "header.cupsColorSpace:%d", header.cupsColorSpace);
+  kelvoLogCommon(LogDebug, "header.cupsColorOrder:%d", rawField(header.cupsColorOrder));
+  kelvoLogCommon(LogDebug, "header.cupsColorSpace:%d", rawField(header.cupsColorSpace));
   kelvoLogCommon(LogDebug, "header.cupsCompression:%d", header.cupsCompression);
   kelvoLogCommon(LogDebug, "header.cupsRowCount:%d", header.cupsRowCount);
   kelvoLogCommon(LogDebug, "header.cupsRowFeed:%d", header.cupsRowFeed);
@@ -70,7 +134,8 @@ void logHeader(int pageCount, const cups_page_header2_t& header) {
 int pageLoop(cups_raster_t* raster, Settings& settings, KelvoPrinter& printer, unsigned char*& buffer) {
   cups_page_header2_t header;
   int pageCount = 0;
-  while (cupsRasterReadHeader2(raster, &header)) {
+  FILE* out = printer.getOutputStreams().front();
+  while (!sJobCancelled && cupsRasterReadHeader2(raster, &header)) {
     if (header.cupsBitsPerPixel != 8) {
       kelvoLogCommon(LogError, "Unsupported bits per pixel : %d ! Requires 8 bits per pixel!",
                      header.cupsBitsPerPixel);
@@ -102,12 +167,17 @@ int pageLoop(cups_raster_t* raster, Settings& settings, KelvoPrinter& printer, u
     ++pageCount;
     logHeader(pageCount, header);
 
-    if (cupsRasterReadPixels(raster, buffer, pageBytes) != 0) {
+    if (cupsRasterReadPixels(raster, buffer, pageBytes) != 0 && !sJobCancelled) {
       // The line-repeat compression must never refer to a row of an earlier page.
       LastSet = 0;
       printer.printImage(buffer, header.cupsBytesPerLine, header.cupsHeight, header.cupsWidth);
     }
+    // Stop at the first page the printer could not receive; the rest would
+    // be rendered for nobody.
+    if (outputFailed(out)) return 1;
   }
+  // Cancelling is the spooler's decision, not a failure of the job.
+  if (sJobCancelled) kelvoLogCommon(LogDebug, "Job cancelled after %d pages", pageCount);
   return 0;
 }
 
@@ -125,6 +195,13 @@ int kelvoFilterMain(int argc, char** argv) {
     return 1;
   }
 
+  // Without it every byte would be lost, and a file opened next could take
+  // its descriptor.
+  if (fcntl(STDOUT_FILENO, F_GETFD) == -1) {
+    kelvoLogCommon(LogError, "Standard output is closed, there is nowhere to send the job");
+    return 1;
+  }
+
   int fd = 0;
   if (rasterPath != nullptr) {
     fd = open(rasterPath, O_RDONLY);
@@ -134,6 +211,8 @@ int kelvoFilterMain(int argc, char** argv) {
     }
   }
 
+  sJobCancelled = 0;
+  JobSignals signals;
   int status = 1;
   std::unique_ptr<ZplPrinter> printer(new ZplPrinter());
   std::unique_ptr<FILE, CFileCloser> recording;
@@ -169,6 +248,11 @@ int kelvoFilterMain(int argc, char** argv) {
 
   std::free(buffer);
   if (raster != nullptr) cupsRasterClose(raster);
+  // The last bytes may still sit in a buffer; a job whose end never reached
+  // the printer has failed.
+  if (status == 0 && outputFailed(stdout)) status = 1;
+  if (recording && (std::fflush(recording.get()) != 0 || std::ferror(recording.get()) != 0))
+    kelvoLogCommon(LogError, "Recording file %s is incomplete: %s", settings.outputFile, std::strerror(errno));
   if (fd != 0) close(fd);
   sPrinter = nullptr;
   return status;
