@@ -1,0 +1,378 @@
+// Small pages of any size and content through the image code.
+//
+// Input: a mode byte, the page's width and height, the mode's parameters,
+// then pixel bytes (repeated to fill the page).
+//   0  the stencil chain (both guarded entries) and edf_cus at any threshold
+//   1  a palette image of 1, 4, 8, 24 or 32 bits and a run of operations
+//   2  the page pipeline with any halftone, transforms, negative and frame
+//   3  the graphic emitter, cancelled at any byte of its output
+//
+// Properties: stencils hold only 0 and 255; palette images stay consistent;
+// the processed page holds only dots and paper, and the printed graphic is
+// exactly the packed page; a cancelled graphic is a whole number of rows
+// followed by the abort and nothing else.
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "fuzz_util.h"
+#include "printer/zpl_printer.h"
+#include "stencil/jv_tattoo.h"
+#include "tools/zpl_decode.h"
+
+namespace {
+
+using kfuzz::fail;
+using kfuzz::Reader;
+
+// ---- stencil chain ----
+
+void checkStencil(const JVImage& out, int width, int height, const char* what) {
+  if (out.width != width || out.height != height || out.color != JV_IMG_GRAY || out.channels != 1)
+    fail("%s: %dx%d page came back %dx%d, colour %d, %d channels", what, width, height, out.width, out.height,
+         static_cast<int>(out.color), out.channels);
+  for (int64_t i = 0; i < out.byteCount(); ++i)
+    if (out.data[i] != 0 && out.data[i] != 255) fail("%s: byte %lld is %d", what, static_cast<long long>(i), out.data[i]);
+}
+
+void stencilChain(Reader& in) {
+  const int width = in.byte() % 129;
+  const int height = in.byte() % 129;
+  const uint8_t flags = in.byte();
+  const JV_IMG_COLOR layouts[] = {JV_IMG_GRAY, JV_IMG_BGR, JV_IMG_RGB, JV_IMG_BGRA, JV_IMG_RGBA,
+                                  static_cast<JV_IMG_COLOR>(7), static_cast<JV_IMG_COLOR>(-1)};
+  const JV_IMG_COLOR color = layouts[flags % 7];
+  const int threshold = in.i32();
+  const size_t count = static_cast<size_t>(width) * height * jvChannelsOf(color);
+  const std::string pixels = kfuzz::fill(in.rest(), in.restSize(), count);
+  const auto* bytes = reinterpret_cast<const unsigned char*>(pixels.data());
+
+  JVImage src(width, height, color, bytes);
+  const JVImage out = (flags & 8) ? jvTattooDitheringX8Guarded(src) : jvTattooDitheringGuarded(src);
+  if (width == 0 || height == 0) {
+    if (out.width != width || out.height != height) fail("empty page changed size");
+    return;
+  }
+  checkStencil(out, width, height, (flags & 8) ? "Tattoo_X8" : "Tattoo");
+  JVImage gray(width, height, JV_IMG_GRAY, bytes);
+  checkStencil(edf_cus(gray, threshold), width, height, "edf_cus");
+}
+
+// ---- palette image ----
+
+void checkImage(PaletteImage& img, const char* after) {
+  if (!img.IsValid()) return;
+  const uint32_t w = img.GetWidth();
+  const uint32_t h = img.GetHeight();
+  const uint32_t colours = img.GetNumColors();
+  const uint32_t bpp = colours == 2 ? 1 : colours == 16 ? 4 : colours == 256 ? 8 : colours == 0 ? 24 : 0;
+  if (w == 0 || h == 0 || w > 0x7FFFFFFF || h > 0x7FFFFFFF || bpp == 0)
+    fail("after %s: %u x %u image with %u colours", after, w, h, colours);
+  const uint32_t eff = img.GetEffWidth();
+  if (eff != ((bpp * w + 31) >> 5) << 2) fail("after %s: %u bytes a row for %u pixels of %u bits", after, eff, w, bpp);
+  uint8_t* first = img.GetBits(0);
+  if (first == nullptr || (h > 1 && img.GetBits(h - 1) != first + static_cast<size_t>(eff) * (h - 1)))
+    fail("after %s: rows are not where they should be", after);
+  // Touches the last byte of the pixel area and every pixel.
+  volatile uint8_t last = first[static_cast<size_t>(eff) * h - 1];
+  (void)last;
+  unsigned sum = 0;
+  for (uint32_t y = 0; y < h; ++y)
+    for (uint32_t x = 0; x < w; ++x) sum += img.GetPixelIndex(x, y);
+  volatile unsigned keep = sum;
+  (void)keep;
+}
+
+void paletteOperations(Reader& in) {
+  const unsigned depths[] = {1, 4, 8, 24, 32};
+  const unsigned bpp = depths[in.byte() % 5];
+  const unsigned width = in.byte() % 65;  // 0 is refused by Create
+  const unsigned height = in.byte() % 65;
+  const unsigned stride = (bpp * width + 7) / 8 + in.byte() % 4;
+  const bool flip = in.byte() & 1;
+  const unsigned operations = in.byte() % 12;
+  std::vector<uint8_t> program;
+  for (unsigned i = 0; i < operations * 9; ++i) program.push_back(in.byte());
+  std::string pixels = kfuzz::fill(in.rest(), in.restSize(), static_cast<size_t>(stride) * height + 4 * width + 4);
+
+  PaletteImage img, other;
+  const bool made =
+      img.CreateFromArray(reinterpret_cast<unsigned char*>(&pixels[0]), width, height, bpp, stride, flip);
+  if (made != (width != 0 && height != 0)) fail("CreateFromArray of %u x %u returned %d", width, height, made);
+  checkImage(img, "CreateFromArray");
+
+  Reader op(program.data(), program.size());
+  for (unsigned i = 0; i < operations; ++i) {
+    const char* name = "";
+    switch (op.byte() % 10) {
+      case 0: {
+        name = "Light";
+        const int brightness = op.i32();
+        img.Light(brightness, op.i32());
+        break;
+      }
+      case 1:
+        name = "Rotate180";
+        if (op.byte() & 1) {
+          img.Rotate180(&other);
+          checkImage(other, name);
+        } else {
+          img.Rotate180(nullptr);
+        }
+        break;
+      case 2:
+        name = "Mirror";
+        img.Mirror();
+        break;
+      case 3: {
+        name = "Dither";
+        const long method = op.i32();
+        if (img.Dither(method) && img.IsValid()) {
+          const tagRGBQUAD black = img.GetPaletteColor(0), white = img.GetPaletteColor(1);
+          if (img.GetNumColors() != 2 || black.rgbRed != 0 || black.rgbGreen != 0 || black.rgbBlue != 0 ||
+              white.rgbRed != 255 || white.rgbGreen != 255 || white.rgbBlue != 255)
+            fail("Dither(%ld) did not leave a black and white image", method);
+        }
+        break;
+      }
+      case 4:
+        name = "IncreaseBpp";
+        img.IncreaseBpp(op.byte() % 30);
+        break;
+      case 5:
+        name = "Negative";
+        img.Negative();
+        break;
+      case 6: {
+        name = "Expand";
+        const long left = op.byte() % 17 - 1, top = op.byte() % 17 - 1, right = op.byte() % 17 - 1,
+                   bottom = op.byte() % 17 - 1;
+        const tagRGBQUAD canvas = {op.byte(), op.byte(), op.byte(), 0};
+        img.Expand(left, top, right, bottom, canvas);
+        break;
+      }
+      case 7: {
+        name = "DrawLine";
+        const int x0 = static_cast<int16_t>(op.u32()), x1 = static_cast<int16_t>(op.u32());
+        img.DrawLine(x0, x1, static_cast<int8_t>(op.byte()), static_cast<int8_t>(op.byte()), op.byte());
+        break;
+      }
+      case 8:
+        name = "MakeCenter";
+        img.MakeCenter(static_cast<int>(img.GetWidth()) + op.byte() % 40 - 8);
+        break;
+      default: {
+        name = "SetPixelIndex";
+        const long x = static_cast<int16_t>(op.u32() >> 8), y = static_cast<int8_t>(op.byte());
+        img.SetPixelIndex(x, y, op.byte());
+        volatile unsigned char v = img.GetPixelIndex(-x, y);
+        (void)v;
+        break;
+      }
+    }
+    checkImage(img, name);
+  }
+}
+
+// ---- page pipeline and graphic emitter ----
+
+// A printer whose output is kept in memory.
+class MemoryPrinter : public ZplPrinter {
+ public:
+  MemoryPrinter() { setStream(nullptr); }
+  ~MemoryPrinter() override { release(); }
+  PaletteImage* processed() { return pimage; }
+  void setResolution(int dpi) { resolution_ = dpi; }
+  void setStream(FILE* stream) {
+    release();
+    outputStreams_.clear();
+    if (stream == nullptr) stream = open_memstream(&text_, &length_);
+    if (stream == nullptr) fail("open_memstream failed");
+    stream_ = stream;
+    outputStreams_.push_back(stream_);
+  }
+  std::string output() {
+    std::fflush(stream_);
+    return text_ != nullptr ? std::string(text_, length_) : std::string();
+  }
+
+ private:
+  void release() {
+    if (stream_ != nullptr) std::fclose(stream_);
+    std::free(text_);
+    stream_ = nullptr;
+    text_ = nullptr;
+    length_ = 0;
+  }
+  FILE* stream_ = nullptr;
+  char* text_ = nullptr;
+  size_t length_ = 0;
+};
+
+size_t keptPixels(size_t width, size_t skip) { return skip != 0 && skip < width ? width - skip : width; }
+
+// The graphic's rows as the emitter must send them: rows `width` bytes
+// apart, the kept pixels of each packed eight to a byte, leftmost in bit 7.
+std::vector<unsigned char> packed(const unsigned char* bits, size_t width, size_t height, size_t skip) {
+  const size_t kept = keptPixels(width, skip);
+  const size_t rowBytes = (kept + 7) / 8;
+  std::vector<unsigned char> rows(rowBytes * height, 0);
+  for (size_t y = 0; y < height; ++y)
+    for (size_t x = 0; x < kept; ++x)
+      if (bits[y * width + x] != 0) rows[y * rowBytes + x / 8] |= static_cast<unsigned char>(0x80 >> (x % 8));
+  return rows;
+}
+
+ZplGraphic onlyGraphic(const std::string& job) {
+  std::vector<ZplGraphic> graphics;
+  std::string error;
+  if (!kelvoZplDecode(reinterpret_cast<const unsigned char*>(job.data()), job.size(), graphics, error))
+    fail("the printed page does not decode: %s", error.c_str());
+  if (graphics.size() != 1) fail("%zu graphics for one page", graphics.size());
+  return graphics[0];
+}
+
+void pagePipeline(Reader& in) {
+  const unsigned width = 1 + in.byte() % 96;
+  const unsigned height = 1 + in.byte() % 96;
+  const unsigned stride = width + in.byte() % 8;
+  MemoryPrinter printer;
+  printer.setHalftoneType(static_cast<DitherType>(static_cast<int8_t>(in.byte())));
+  printer.setBrightness(in.i32());
+  printer.setContrast(in.i32());
+  const uint8_t flags = in.byte();
+  printer.setMirrorPrint(flags & 1);
+  printer.setRotate180Print(flags & 2);
+  printer.setNegativePrint(flags & 4);
+  printer.setAntiWrinkle(in.byte() % 6);
+  // The frame grows the page to a whole sheet; a low resolution keeps that
+  // sheet small enough to fuzz quickly.
+  printer.setResolution(4 + in.byte() % 60);
+  printer.setRemoveBlankEdges(in.byte());
+  printer.setSkipRightPixels(in.byte() % (width + 4));
+  cups_page_header2_t header;
+  std::memset(&header, 0, sizeof header);
+  header.NumCopies = in.u32();
+  const char* names[] = {"A4", "Letter", "Tattoo_A5", "Tattoo_A6", ""};
+  const uint8_t name = in.byte() % 6;
+  if (name < 5)
+    std::snprintf(header.cupsPageSizeName, sizeof header.cupsPageSizeName, "%s", names[name]);
+  else
+    std::memset(header.cupsPageSizeName, 'A', sizeof header.cupsPageSizeName);  // unterminated
+  printer.setPageHeader(&header);
+  const std::string page = kfuzz::fill(in.rest(), in.restSize(), static_cast<size_t>(stride) * height);
+
+  sPrinter = &printer;
+  LastSet = 0;
+  page_index = 0;
+  printer.printImage(reinterpret_cast<const unsigned char*>(page.data()), stride, height, width);
+  sPrinter = nullptr;
+
+  PaletteImage* image = printer.processed();
+  if (image == nullptr || !image->IsValid()) fail("no processed image");
+  const size_t w = image->GetWidth(), h = image->GetHeight();
+  for (size_t y = 0; y < h; ++y)
+    for (size_t x = 0; x < w; ++x) {
+      const unsigned v = image->GetPixelIndex(static_cast<long>(x), static_cast<long>(y));
+      if (v != 0 && v != 1 && v != 254 && v != 255)
+        fail("halftone %d left pixel (%zu, %zu) at %u", static_cast<int>(printer.getHalftoneType()), x, y, v);
+    }
+  const ZplGraphic g = onlyGraphic(printer.output());
+  const size_t skip = printer.getSkipRightPixels();
+  if (g.height != h || g.bytesPerRow != (keptPixels(w, skip) + 7) / 8 ||
+      g.rows != kfuzz::asPrinted(packed(image->GetBits(0), w, h, skip), g.bytesPerRow))
+    fail("the graphic is not the processed %zu x %zu page", w, h);
+}
+
+// Cancels the job once `limit` bytes have been written.
+struct CancelCookie {
+  size_t written = 0;
+  size_t limit = 0;
+  std::string text;
+};
+
+ssize_t cancellingWrite(void* cookie, const char* data, size_t size) {
+  auto* c = static_cast<CancelCookie*>(cookie);
+  c->text.append(data, size);
+  c->written += size;
+  if (c->written >= c->limit) sJobCancelled = 1;
+  return static_cast<ssize_t>(size);
+}
+
+void emitter(Reader& in) {
+  const unsigned width = 1 + in.byte() % 200;
+  const unsigned height = 1 + in.byte() % 64;
+  const unsigned skip = in.byte() % (width + 4);
+  cups_page_header2_t header;
+  std::memset(&header, 0, sizeof header);
+  header.NumCopies = in.u32();
+  const size_t cancelAt = in.u32() % 20000;
+  const std::string page = kfuzz::fill(in.rest(), in.restSize(), static_cast<size_t>(width) * height);
+  const auto* bits = reinterpret_cast<const unsigned char*>(page.data());
+
+  MemoryPrinter printer;
+  printer.setSkipRightPixels(skip);
+  printer.setPageHeader(&header);
+  sPrinter = &printer;
+  LastSet = 0;
+  printer.doPrintImage(bits, width, height, width);
+  const std::string full = printer.output();
+  const ZplGraphic g = onlyGraphic(full);
+  const std::vector<unsigned char> sent = packed(bits, width, height, skip);
+  if (g.rows != kfuzz::asPrinted(sent, g.bytesPerRow))
+    fail("the graphic is not the packed %u x %u page", width, height);
+
+  // Where each row of the download ends in the job.
+  const size_t headerEnd = full.find('\n', full.find("~DGR:CUPS.GRF,")) + 1;
+  std::vector<size_t> rowEnds = {headerEnd};
+  MemoryPrinter rows;
+  LastSet = 0;
+  for (unsigned r = 0; r < height; ++r) {
+    rows.ZPLPrintLine(sent.data() + r * g.bytesPerRow, static_cast<int>(g.bytesPerRow));
+    rowEnds.push_back(headerEnd + rows.output().size());
+  }
+
+  CancelCookie cookie;
+  cookie.limit = cancelAt;
+  FILE* stream = fopencookie(&cookie, "w", cookie_io_functions_t{nullptr, cancellingWrite, nullptr, nullptr});
+  if (stream == nullptr) fail("fopencookie failed");
+  setvbuf(stream, nullptr, _IONBF, 0);
+  printer.setStream(stream);
+  sJobCancelled = 0;
+  LastSet = 0;
+  printer.doPrintImage(bits, width, height, width);
+  const bool cancelled = sJobCancelled != 0;
+  sJobCancelled = 0;
+  sPrinter = nullptr;
+  printer.setStream(nullptr);  // closes the cookie stream
+  const std::string& cut = cookie.text;
+
+  if (!cancelled || cut == full) return;
+  const std::string abort = "~DN\r\n";
+  if (cut.size() < abort.size() || cut.compare(cut.size() - abort.size(), abort.size(), abort) != 0)
+    fail("a cancelled graphic does not end with the abort");
+  const size_t before = cut.size() - abort.size();
+  if (full.compare(0, before, cut, 0, before) != 0) fail("a cancelled graphic differs from the whole one");
+  bool atRowEnd = false;
+  for (size_t end : rowEnds) atRowEnd = atRowEnd || end == before;
+  if (!atRowEnd) fail("cancelled after %zu bytes, not at the end of a row", before);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  kfuzz::quietStderr();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  Reader in(data, size);
+  switch (in.byte() % 4) {
+    case 0: stencilChain(in); break;
+    case 1: paletteOperations(in); break;
+    case 2: pagePipeline(in); break;
+    default: emitter(in); break;
+  }
+  return 0;
+}

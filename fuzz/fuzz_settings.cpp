@@ -1,0 +1,138 @@
+// The job settings and the label setup block, from a job option string and a
+// PPD whose choice words come from the input.
+//
+// Input: the option string up to a zero byte, then lines: the default choice
+// word of each option below in turn, the paper dimension text, the
+// recording-file prefix, and any further lines as raw PPD text.
+//
+// Properties: every text field stays terminated within its size; the
+// halftone is one of the ten methods; the setup block is well formed.
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "filter/job_setup.h"
+#include "filter/settings.h"
+#include "fuzz_util.h"
+#include "printer/kelvo_printer.h"
+
+namespace {
+
+const char* const kOptions[] = {"PageSize",   "Resolution",   "MediaMethod",   "PaperType",  "GapsHeight",
+                                "PostAction", "Occurrence",   "Origin",        "HalftoneType", "MirrorImage",
+                                "NegativeImage", "PrintSpeed", "Darkness",     "Brightness", "ForceRotation",
+                                "RecordPrinterCommands"};
+const size_t kOptionCount = sizeof kOptions / sizeof kOptions[0];
+
+class CapturePrinter : public KelvoPrinter {
+ public:
+  explicit CapturePrinter(FILE* stream) {
+    outputStreams_.clear();
+    outputStreams_.push_back(stream);
+  }
+  void doPrintImage(const unsigned char*, unsigned long, unsigned long, unsigned long) override {}
+};
+
+std::vector<std::string> lines(const uint8_t* p, const uint8_t* end) {
+  std::vector<std::string> out;
+  while (p < end) {
+    const uint8_t* nl = static_cast<const uint8_t*>(std::memchr(p, '\n', static_cast<size_t>(end - p)));
+    const uint8_t* stop = nl ? nl : end;
+    out.emplace_back(reinterpret_cast<const char*>(p), static_cast<size_t>(stop - p));
+    p = nl ? nl + 1 : end;
+  }
+  return out;
+}
+
+std::string makePpd(const std::vector<std::string>& words) {
+  std::string ppd =
+      "*PPD-Adobe: \"4.3\"\n*FormatVersion: \"4.3\"\n*FileVersion: \"1.0\"\n*LanguageVersion: English\n"
+      "*LanguageEncoding: ISOLatin1\n*PCFileName: \"FUZZ.PPD\"\n*Manufacturer: \"Kelvo\"\n*Product: \"(Fuzz)\"\n"
+      "*ModelName: \"Fuzz\"\n*NickName: \"Fuzz\"\n*ShortNickName: \"Fuzz\"\n";
+  auto word = [&](size_t i) -> const std::string* { return i < words.size() ? &words[i] : nullptr; };
+  for (size_t i = 0; i < kOptionCount; ++i) {
+    const std::string* w = word(i);
+    if (w == nullptr) break;
+    const std::string name = kOptions[i];
+    ppd += "*OpenUI *" + name + ": PickOne\n*Default" + name + ": " + *w + "\n*" + name + " " + *w +
+           ": \"\"\n*" + name + " Other: \"\"\n*CloseUI: *" + name + "\n";
+  }
+  if (const std::string* size = word(0)) {
+    const std::string* dims = word(kOptionCount);
+    ppd += "*PaperDimension " + *size + ": \"" + (dims ? *dims : std::string("288 432")) + "\"\n";
+    ppd += "*ImageableArea " + *size + ": \"0 0 " + (dims ? *dims : std::string("288 432")) + "\"\n";
+    ppd +=
+        "*VariablePaperSize: True\n*MaxMediaWidth: \"100000\"\n*MaxMediaHeight: \"100000\"\n*HWMargins: 0 0 0 0\n"
+        "*CustomPageSize True: \"pop pop pop <</PageSize[5 -2 roll]>>setpagedevice\"\n"
+        "*ParamCustomPageSize Width: 1 points 1 100000\n*ParamCustomPageSize Height: 2 points 1 100000\n"
+        "*ParamCustomPageSize WidthOffset: 3 points 0 0\n*ParamCustomPageSize HeightOffset: 4 points 0 0\n"
+        "*ParamCustomPageSize Orientation: 5 int 0 0\n";
+  }
+  if (const std::string* prefix = word(kOptionCount + 1)) ppd += "*kelvoFilterOutputFile: \"" + *prefix + "\"\n";
+  for (size_t i = kOptionCount + 2; i < words.size(); ++i) ppd += words[i] + "\n";
+  return ppd;
+}
+
+bool terminated(const char* field, size_t size) { return std::memchr(field, 0, size) != nullptr; }
+
+kfuzz::MemFile* gPpd;
+kfuzz::MemFile* gOutput;
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  kfuzz::quietStderr();
+  gPpd = new kfuzz::MemFile("ppd");
+  gOutput = new kfuzz::MemFile("setup");
+  setenv("PPD", gPpd->path().c_str(), 1);
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const uint8_t* end = data + size;
+  const uint8_t* zero = static_cast<const uint8_t*>(std::memchr(data, 0, size));
+  const std::string options(reinterpret_cast<const char*>(data), static_cast<size_t>((zero ? zero : end) - data));
+  gPpd->set(makePpd(lines(zero ? zero + 1 : end, end)));
+
+  Settings settings;
+  std::memset(&settings, 0xA5, sizeof settings);
+  parseSettings(&settings, options.c_str());
+
+  const struct {
+    const char* name;
+    const char* field;
+    size_t size;
+  } texts[] = {{"PageSize", settings.PageSize, sizeof settings.PageSize},
+               {"Resolution", settings.Resolution, sizeof settings.Resolution},
+               {"MediaMethod", settings.MediaMethod, sizeof settings.MediaMethod},
+               {"PaperType", settings.PaperType, sizeof settings.PaperType},
+               {"PostAction", settings.PostAction, sizeof settings.PostAction},
+               {"Occurrence", settings.Occurrence, sizeof settings.Occurrence},
+               {"Origin", settings.Origin, sizeof settings.Origin},
+               {"PrintSpeed", settings.PrintSpeed, sizeof settings.PrintSpeed},
+               {"outputFile", settings.outputFile, sizeof settings.outputFile}};
+  for (const auto& t : texts)
+    if (!terminated(t.field, t.size)) kfuzz::fail("%s is not terminated within %zu bytes", t.name, t.size);
+  if (settings.halftoneType < None || settings.halftoneType > Tattoo_X8)
+    kfuzz::fail("halftone type %d", static_cast<int>(settings.halftoneType));
+  if (settings.DirectBuffer != 0 || settings.StoredGraphics != 0 || settings.OptionDisplayUnit != 0)
+    kfuzz::fail("fields that are always 0 are not");
+
+  FILE* stream = std::fopen(gOutput->path().c_str(), "w+");
+  if (stream == nullptr) kfuzz::fail("cannot open the capture file");
+  {
+    CapturePrinter printer(stream);
+    sPrinter = &printer;
+    jobSetup(&settings);
+    sPrinter = nullptr;
+  }
+  std::fclose(stream);
+  const std::string block = gOutput->contents();
+  if (block.compare(0, 5, "SIZE ") != 0 || block.size() < 8 || block.compare(block.size() - 7, 7, "^XZ\r\n\r\n") != 0)
+    kfuzz::fail("setup block is not framed by SIZE and ^XZ: %s", block.c_str());
+  // Every command is one line ending in CR LF.
+  for (size_t at = 0; (at = block.find('\n', at)) != std::string::npos; ++at)
+    if (at == 0 || block[at - 1] != '\r') kfuzz::fail("bare line feed in the setup block: %s", block.c_str());
+  return 0;
+}

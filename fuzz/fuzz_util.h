@@ -1,0 +1,129 @@
+#pragma once
+// Shared by the fuzz targets: quiet output, in-memory files with a path, a
+// byte reader over the fuzzer's input, and a loud stop when a property fails.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace kfuzz {
+
+// Where findings are reported: the standard error the process started with.
+inline FILE*& realStderr() {
+  static FILE* stream = stderr;
+  return stream;
+}
+
+// The code under test logs every step on standard error; a fuzzer runs it
+// millions of times. KELVO_FUZZ_VERBOSE=1 keeps the log, for reproducing a
+// finding. libFuzzer and the sanitizers keep the real standard error.
+inline void quietStderr() {
+  realStderr();
+  const char* verbose = std::getenv("KELVO_FUZZ_VERBOSE");
+  if (verbose != nullptr && verbose[0] == '1') return;
+  if (FILE* sink = std::fopen("/dev/null", "w")) stderr = sink;
+}
+
+[[noreturn]] inline void fail(const char* format, ...) __attribute__((format(printf, 1, 2)));
+inline void fail(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  std::fputs("FUZZ PROPERTY FAILED: ", realStderr());
+  std::vfprintf(realStderr(), format, args);
+  std::fputc('\n', realStderr());
+  va_end(args);
+  std::fflush(realStderr());
+  std::abort();
+}
+
+// An anonymous in-memory file that code under test can open by name.
+class MemFile {
+ public:
+  explicit MemFile(const char* name) : fd_(memfd_create(name, 0)) {
+    if (fd_ < 0) fail("memfd_create failed");
+    path_ = "/proc/self/fd/" + std::to_string(fd_);
+  }
+  MemFile(const MemFile&) = delete;
+  MemFile& operator=(const MemFile&) = delete;
+
+  void set(const void* data, size_t size) {
+    if (ftruncate(fd_, 0) != 0) fail("ftruncate failed");
+    const char* p = static_cast<const char*>(data);
+    size_t done = 0;
+    while (done < size) {
+      const ssize_t n = pwrite(fd_, p + done, size - done, static_cast<off_t>(done));
+      if (n <= 0) fail("writing a memory file failed");
+      done += static_cast<size_t>(n);
+    }
+  }
+  void set(const std::string& text) { set(text.data(), text.size()); }
+
+  std::string contents() const {
+    std::string bytes;
+    char chunk[65536];
+    off_t at = 0;
+    for (;;) {
+      const ssize_t n = pread(fd_, chunk, sizeof chunk, at);
+      if (n <= 0) break;
+      bytes.append(chunk, static_cast<size_t>(n));
+      at += n;
+    }
+    return bytes;
+  }
+
+  int fd() const { return fd_; }
+  const std::string& path() const { return path_; }
+
+ private:
+  int fd_;
+  std::string path_;
+};
+
+// Takes the input apart from the front; past the end it reads zeros.
+class Reader {
+ public:
+  Reader(const uint8_t* data, size_t size) : data_(data), size_(size) {}
+  uint8_t byte() { return pos_ < size_ ? data_[pos_++] : 0; }
+  uint32_t u32() {
+    uint32_t v = 0;
+    for (int i = 0; i < 4; ++i) v = v << 8 | byte();
+    return v;
+  }
+  int32_t i32() { return static_cast<int32_t>(u32()); }
+  const uint8_t* rest() const { return data_ + pos_; }
+  size_t restSize() const { return size_ - pos_; }
+
+ private:
+  const uint8_t* data_;
+  size_t size_;
+  size_t pos_ = 0;
+};
+
+// `count` bytes made by repeating `pattern` (zeros when it is empty).
+inline std::string fill(const uint8_t* pattern, size_t patternSize, size_t count) {
+  std::string bytes(count, '\0');
+  if (patternSize > 0)
+    for (size_t i = 0; i < count; ++i) bytes[i] = static_cast<char>(pattern[i % patternSize]);
+  return bytes;
+}
+
+// Packed rows as a printer prints what the emitter sends: an all-dots row
+// after the first goes out as the repeat mark, which repeats the row before.
+inline std::vector<unsigned char> asPrinted(std::vector<unsigned char> rows, size_t rowBytes) {
+  for (size_t start = rowBytes; rowBytes > 0 && start + rowBytes <= rows.size(); start += rowBytes) {
+    bool allDots = true;
+    for (size_t i = 0; i < rowBytes && allDots; ++i) allDots = rows[start + i] == 0xFF;
+    if (allDots) std::copy(rows.begin() + static_cast<long>(start - rowBytes), rows.begin() + static_cast<long>(start), rows.begin() + static_cast<long>(start));
+  }
+  return rows;
+}
+
+}  // namespace kfuzz
