@@ -4,6 +4,10 @@
 #include <cstring>
 #include <ctime>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "printer/kelvo_printer.h"
 #include "stencil/jv_image.h"
 #include "stencil/jv_tattoo.h"
@@ -250,10 +254,23 @@ void KelvoPrinter::copyProcessedPixels(PaletteImage* image, unsigned char* out, 
   }
   if (image->IsValid() && image->GetNumColors() == 256 && width <= static_cast<int>(image->GetWidth()) &&
       height <= static_cast<int>(image->GetHeight())) {
+    // The same map as a sum of two steps, 16 pixels at a time: v | 0xFF
+    // where v == 1, then an exclusive or with 0xFF for the negative.
+    const unsigned char flip = negativePrint_ ? 0xFF : 0x00;
     for (int y = 0; y < height; ++y) {
       const unsigned char* src = image->GetBits(y);
       unsigned char* dst = out + static_cast<long>(y) * stride;
-      for (int x = 0; x < width; ++x) dst[x] = map[src[x]];
+      int x = 0;
+#if defined(__SSE2__)
+      const __m128i one = _mm_set1_epi8(1);
+      const __m128i invert = _mm_set1_epi8(static_cast<char>(flip));
+      for (; x + 16 <= width; x += 16) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + x));
+        const __m128i dot = _mm_or_si128(v, _mm_cmpeq_epi8(v, one));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + x), _mm_xor_si128(dot, invert));
+      }
+#endif
+      for (; x < width; ++x) dst[x] = map[src[x]];
     }
     return;
   }
