@@ -38,12 +38,13 @@ class CapturePrinter : public ZplPrinter {
   }
   // What printImage does between the debug saves: process, then render.
   void page(const std::vector<uint8_t>& data, int stride, int width, int height) {
-    std::vector<unsigned char> out(2 * static_cast<size_t>(stride) * height);
+    out.assign(2 * static_cast<size_t>(stride) * height, 0);
     PageProcess(getHalftoneType(), data.data(), stride, width, height, out.data());
     LastSet = 0;
     doPrintImage(pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(), pimage->GetWidth());
   }
   PaletteImage& processed() { return *pimage; }
+  std::vector<unsigned char> out;  // PageProcess's output buffer
 
  private:
   char* buf_ = nullptr;
@@ -79,6 +80,14 @@ void expectSamePage(CapturePrinter& p, const std::vector<uint8_t>& data, int str
   ASSERT_EQ(bits, want.px);
   int lastSet = 0;
   EXPECT_EQ(graphic, kref::zplGraphic(want.px.data(), width, height, 2, 0, lastSet));
+  // The output buffer: a dot index 1 becomes 0xFF, then the negative flips.
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x) {
+      uint8_t v = want.px[static_cast<size_t>(y) * want.eff + x];
+      if (v == 1) v = 0xFF;
+      if (o.negative) v = static_cast<uint8_t>(~v);
+      ASSERT_EQ(p.out[static_cast<size_t>(y) * want.eff + x], v) << "output buffer at " << x << "," << y;
+    }
 }
 
 TEST(PipelineEquivalence, EveryTypeAndWidth) {

@@ -1,0 +1,107 @@
+#!/usr/bin/env bash
+# Whole-process comparison with CUPS's own label filter (rastertolabel) on
+# the same content: CUPS's filter gets 1-bit pages, ours the 8-bit ink pages
+# it is given in a real job. The two are run alternately, several times per
+# case, and the medians are printed as a Markdown table.
+#
+#   bench/compare.sh [runs]      (default 7 runs per filter and case)
+#
+# Builds what it needs (release build in build/bench) and installs the Debian
+# packages it needs when they are missing. CPU time is user + system time of
+# the filter process, which is what matters on a busy print server; wall time
+# also counts waiting for a shared core.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+. tools/scripts/packages.sh
+# shellcheck disable=SC2086
+kelvo_ensure_packages $KELVO_BUILD_PACKAGES cups cups-ppdc
+
+runs=${1:-7}
+build=build/bench
+cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build "$build" -j2 --target rastertokelvozpl kelvo_ppds kelvo-bench-raster kelvo-bench-measure >/dev/null
+
+theirs=/usr/lib/cups/filter/rastertolabel
+ours=$build/filter/rastertokelvozpl
+make_raster=$build/bench/kelvo-bench-raster
+measure=$build/bench/kelvo-bench-measure
+spool=/var/spool/cups/tmp
+[ -x "$theirs" ] || { echo "compare: $theirs is missing" >&2; exit 1; }
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+# CUPS's sample driver file holds a ZPL label printer model; compile it.
+ppdc -d "$work/ppd" /usr/share/cups/drv/sample.drv >/dev/null
+zpl_ppd=$(grep -l '^\*ModelName: ".*ZPL' "$work"/ppd/*.ppd | head -1)
+[ -n "$zpl_ppd" ] || { echo "compare: no ZPL model in sample.drv" >&2; exit 1; }
+
+# The pages: the same content as 8-bit ink for ours and 1-bit for theirs.
+"$make_raster" -k label -r 203 "$work/label8.ras"
+"$make_raster" -1 -k label -r 203 "$work/label1.ras"
+"$make_raster" -n 10 -k label -r 203 "$work/label8x10.ras"
+"$make_raster" -1 -n 10 -k label -r 203 "$work/label1x10.ras"
+"$make_raster" -k photo -r 300 "$work/a4-8.ras"
+"$make_raster" -1 -k photo -r 300 "$work/a4-1.ras"
+
+# Our filter saves two debug BMPs per page into the spooler's folder by
+# design; they are part of its cost, but the ones these runs made go again.
+before_run() { ls "$spool" 2>/dev/null | sort >"$work/spool.before" || true; }
+after_run() {
+  ls "$spool" 2>/dev/null | sort | comm -13 "$work/spool.before" - | while read -r f; do
+    case $f in origin_*.bmp | dithered_*.bmp) rm -f "$spool/$f" ;; esac
+  done
+}
+
+# run_one <label> <ppd> <options> <raster> <command>: appends
+# "user sys wall maxrss bytes" to $work/<label>.txt
+run_one() {
+  local label=$1 ppd=$2 options=$3 raster=$4 command=$5
+  before_run
+  if ! PPD=$ppd "$measure" "$work/out.zpl" "$work/err.txt" "$command" 1 bench bench 1 "$options" "$raster" \
+    >>"$work/$label.txt"; then
+    echo "compare: $label failed:" >&2
+    tail -5 "$work/err.txt" >&2
+    exit 1
+  fi
+  after_run
+}
+
+median() { sort -g | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
+
+# name | our PPD | our options | our raster | their raster
+cases=(
+  "4x6 label 203 dpi, None|kelvo203.ppd|HalftoneType=None|label8.ras|label1.ras"
+  "4x6 label 203 dpi, error diffusion (Burkes)|kelvo203.ppd|HalftoneType=Ordered|label8.ras|label1.ras"
+  "10-page label job, None|kelvo203.ppd|HalftoneType=None|label8x10.ras|label1x10.ras"
+  "A4 300 dpi, Tattoo|kelvotat.ppd|HalftoneType=Tattoo|a4-8.ras|a4-1.ras"
+  "A4 300 dpi, Tattoo_X8|kelvotat.ppd|HalftoneType=Tattoo_X8|a4-8.ras|a4-1.ras"
+)
+
+printf '| Case | CPU ms ours | CPU ms theirs | CPU ratio | wall ms ours | wall ms theirs | max RSS MB ours | max RSS MB theirs | bytes ours | bytes theirs |\n'
+printf '|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n'
+n=0
+for c in "${cases[@]}"; do
+  IFS='|' read -r name ppd options ours_raster theirs_raster <<<"$c"
+  n=$((n + 1))
+  : >"$work/o$n.txt"
+  : >"$work/t$n.txt"
+  for ((r = 0; r < runs; r++)); do
+    run_one "t$n" "$zpl_ppd" "" "$work/$theirs_raster" "$theirs"
+    run_one "o$n" "$build/ppd/ppd/$ppd" "$options" "$work/$ours_raster" "$ours"
+  done
+  cpu_o=$(awk '{ print ($1 + $2) * 1000 }' "$work/o$n.txt" | median)
+  cpu_t=$(awk '{ print ($1 + $2) * 1000 }' "$work/t$n.txt" | median)
+  wall_o=$(awk '{ print $3 * 1000 }' "$work/o$n.txt" | median)
+  wall_t=$(awk '{ print $3 * 1000 }' "$work/t$n.txt" | median)
+  rss_o=$(awk '{ print $4 / 1024 }' "$work/o$n.txt" | median)
+  rss_t=$(awk '{ print $4 / 1024 }' "$work/t$n.txt" | median)
+  bytes_o=$(awk '{ print $5 }' "$work/o$n.txt" | median)
+  bytes_t=$(awk '{ print $5 }' "$work/t$n.txt" | median)
+  awk -v n="$name" -v co="$cpu_o" -v ct="$cpu_t" -v wo="$wall_o" -v wt="$wall_t" -v ro="$rss_o" -v rt="$rss_t" \
+    -v bo="$bytes_o" -v bt="$bytes_t" 'BEGIN {
+      printf "| %s | %.1f | %.1f | %.2f | %.1f | %.1f | %.1f | %.1f | %d | %d |\n",
+        n, co, ct, (ct > 0 ? co / ct : 0), wo, wt, ro, rt, bo, bt }'
+done
+echo
+echo "Medians of $runs alternating runs each; $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //'), $(nproc) cores, $(date -u +%Y-%m-%d)."
