@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Helpers for running the driver inside a private CUPS server: Debian's own
 # cupsd and cups-filters, configured under one scratch folder, listening only
 # on a unix socket of its own, with fake ZPL printers on 127.0.0.1 as the
@@ -66,8 +67,9 @@ e2e_init() {
     DESTDIR="$E2E_ROOT/install" cmake --install "$E2E_BUILD" --component "$component" >/dev/null ||
       e2e_die "cmake --install of the $component component failed"
   done
-  E2E_FILTER_DIR=$E2E_ROOT/install$(e2e_cache_var KELVO_CUPS_FILTER_DIR)
-  E2E_PPD_DIR=$E2E_ROOT/install$(e2e_cache_var KELVO_PPD_INSTALL_DIR)
+  E2E_FILTER_DIR=$E2E_ROOT/install$(e2e_install_dir KELVO_CUPS_FILTER_DIR)
+  # shellcheck disable=SC2034  # for the scripts that source this
+  E2E_PPD_DIR=$E2E_ROOT/install$(e2e_install_dir KELVO_PPD_INSTALL_DIR)
   [ -x "$E2E_FILTER_DIR/rastertokelvozpl" ] || e2e_die "the install put no filter in $E2E_FILTER_DIR"
 
   local system_bin sub f
@@ -91,6 +93,17 @@ e2e_init() {
 # Value of a variable in the build tree's CMake cache.
 e2e_cache_var() {
   sed -n "s/^$1:[A-Z]*=//p" "$E2E_BUILD/CMakeCache.txt"
+}
+
+# An install folder named by a cache variable; a relative one lies under
+# the install prefix.
+e2e_install_dir() {
+  local dir
+  dir=$(e2e_cache_var "$1")
+  case $dir in
+    /*) echo "$dir" ;;
+    *) echo "$(e2e_cache_var CMAKE_INSTALL_PREFIX)/$dir" ;;
+  esac
 }
 
 # Starts a fake ZPL printer named `name`; its jobs land in out/<name>/.

@@ -98,6 +98,10 @@ int main(int argc, char** argv) {
     }
   }
   if (dir.empty() || optind != argc) return usage(), 2;
+  if (access(dir.c_str(), W_OK | X_OK) != 0) {
+    std::fprintf(stderr, "fakezplprinter: cannot write jobs into %s: %s\n", dir.c_str(), std::strerror(errno));
+    return 1;
+  }
 
   struct sigaction sa {};
   sa.sa_handler = onSignal;  // no SA_RESTART: poll must return on a stop request
