@@ -86,7 +86,7 @@ stencil300  900x1200    SIZE 76.2 mm, 101.6 mm;^PW608;^LL811
 EOF
 # A4 is 595.28 x 841.89 points, 2480 x 3508 dots at 300 dpi. The stencil
 # picture (900 x 1200) fills the A4 width: 2480 x 1200 / 900 = 3307 rows.
-# Tattoo_A6 is 297.64 x 420 points. stencil300 is the picture as a raster
+# Tattoo_A6 is 297.64 x 420 points, 1240 x 1750 dots. stencil300 is the picture as a raster
 # page of its own at 300 dpi.
 
 # Jobs. ink: the share of dots per page, in percent, one range per page.
@@ -97,20 +97,21 @@ EOF
 # orientation, speed, darkness, print method and post-print lines of every
 # page, as the queue's PPD defaults and the options make them (label queue
 # defaults: LabelGaps with 3 mm gaps, Direct, TearOff; tattoo queue: Normal
-# paper, no post action).
+# paper, no post action). raster-label's two copies come from its raster
+# page header.
 scenarios=$(
   cat <<EOF
-# name        queue   document               format      copies ink            setup                          lp options
-label-png     label   $SAMPLES/label.png     4x6         2      20-40          ^MNY;^PON;^PR4;~SD20;^MTT;^MMT,N -o PrintSpeed=4 -o Darkness=20 -o MediaMethod=Transfer -n 2
-label-pdf     label   $SAMPLES/label.pdf     4x6         1      20-40          ^MNN;^POI;^PR2;~SD0;^MTD;^MMC,N  -o PaperType=Continue -o Origin=Rotation180 -o PostAction=Cut -o PrintSpeed=2 -o Darkness=0
-two-pages     label   $DOCS/two-pages.ps     4x6         1      49.5-50.5,24.5-25.5 ^MNM;^PON;^MTD;^MMP,N      -o PaperType=LabelMark -o GapsHeight=2 -o PostAction=PeelOff
-stencil       tattoo  $SAMPLES/stencil.png   A4-picture  1      20-60          ^PON;^PR3;~SD25;^MTD           -o HalftoneType=Tattoo -o PrintSpeed=3 -o Darkness=25
-stencil-x8    tattoo  $SAMPLES/stencil.png   A4-picture  3      20-60          ^MNN;^PON;^MTD                 -o HalftoneType=Tattoo_X8 -o PaperType=Continue -n 3
-blank-tattoo  tattoo  $DOCS/blank.ps         A4          1      0-0.1          ^PON;^MTD                      -o HalftoneType=Tattoo
-blank-x8      tattoo  $DOCS/blank.ps         A4          1      0-0.1          ^PON;^MTD                      -o HalftoneType=Tattoo_X8
-label-a6      tattoo  $SAMPLES/label.pdf     Tattoo_A6   1      20-60          ^POI;^PR1;^MTD                 -o PageSize=Tattoo_A6 -o Origin=Rotation180 -o PrintSpeed=1
-raster-label  label   $DOCS/label.ras        4x6         2      20-40          ^MNY;^PON;^PR6;~SD30;^MTD;^MMT,N -o document-format=application/vnd.cups-raster -o PrintSpeed=6 -o Darkness=30
-raster-x8     tattoo  $DOCS/stencil.ras      stencil300  1      20-60          ^PON;^MTD                      -o document-format=application/vnd.cups-raster -o HalftoneType=Tattoo_X8
+# name        queue  document               format     copies ink                 setup                            lp options
+label-png     label  $SAMPLES/label.png     4x6        2      20-40               ^MNY;^PON;^PR4;~SD20;^MTT;^MMT,N -o PrintSpeed=4 -o Darkness=20 -o MediaMethod=Transfer -n 2
+label-pdf     label  $SAMPLES/label.pdf     4x6        1      20-40               ^MNN;^POI;^PR2;~SD0;^MTD;^MMC,N  -o PaperType=Continue -o Origin=Rotation180 -o PostAction=Cut -o PrintSpeed=2 -o Darkness=0
+two-pages     label  $DOCS/two-pages.ps     4x6        1      49.5-50.5,24.5-25.5 ^MNM;^PON;^MTD;^MMP,N            -o PaperType=LabelMark -o GapsHeight=2 -o PostAction=PeelOff
+stencil       tattoo $SAMPLES/stencil.png   A4-picture 1      20-60               ^PON;^PR3;~SD25;^MTD             -o HalftoneType=Tattoo -o PrintSpeed=3 -o Darkness=25
+stencil-x8    tattoo $SAMPLES/stencil.png   A4-picture 3      20-60               ^MNN;^PON;^MTD                   -o HalftoneType=Tattoo_X8 -o PaperType=Continue -n 3
+blank-tattoo  tattoo $DOCS/blank.ps         A4         1      0-0.1               ^PON;^MTD                        -o HalftoneType=Tattoo
+blank-x8      tattoo $DOCS/blank.ps         A4         1      0-0.1               ^PON;^MTD                        -o HalftoneType=Tattoo_X8
+label-a6      tattoo $SAMPLES/label.pdf     Tattoo_A6  1      20-60               ^POI;^PR1;^MTD                   -o PageSize=Tattoo_A6 -o Origin=Rotation180 -o PrintSpeed=1
+raster-label  label  $DOCS/label.ras        4x6        2      20-40               ^MNY;^PON;^PR6;~SD30;^MTD;^MMT,N -o document-format=application/vnd.cups-raster -o PrintSpeed=6 -o Darkness=30
+raster-x8     tattoo $DOCS/stencil.ras      stencil300 1      20-60               ^PON;^MTD                        -o document-format=application/vnd.cups-raster -o HalftoneType=Tattoo_X8
 EOF
 )
 
