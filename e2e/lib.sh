@@ -228,7 +228,7 @@ e2e_job_done() {
 e2e_wait_job() {
   local id=$1 seconds=$2
   e2e_poll "$seconds" e2e_job_done "$id" || e2e_die "job $id not finished after $seconds s"
-  grep -q "\[Job $id\] Job completed\." "$E2E_ROOT/log/error_log" ||
+  e2e_poll 10 grep -q "\[Job $id\] Job completed\." "$E2E_ROOT/log/error_log" ||
     e2e_die "job $id did not complete: $(grep "\[Job $id\]" "$E2E_ROOT/log/error_log" | grep -E '^E |abort|stopped|cancel' | tail -5)"
 }
 

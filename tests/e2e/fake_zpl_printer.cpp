@@ -150,7 +150,6 @@ int main(int argc, char** argv) {
     if (conn < 0) continue;
     std::string job;
     const bool complete = receiveJob(conn, job);
-    close(conn);
     const std::string path = dir + "/job-" + std::to_string(jobNumber) + ".zpl";
     if (!complete) {
       // Keep what came for diagnosis, under a name no finished job has.
@@ -158,11 +157,15 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "fakezplprinter: connection %d ended early after %zu bytes\n", jobNumber, job.size());
     } else if (!writeFileAtomically(path, job)) {
       std::fprintf(stderr, "fakezplprinter: cannot write %s: %s\n", path.c_str(), std::strerror(errno));
+      close(conn);
       status = 1;
       break;
     } else {
       std::fprintf(stderr, "fakezplprinter: saved %zu bytes as %s\n", job.size(), path.c_str());
     }
+    // Closed only now, so a sender that waits for the close (the socket
+    // backend does) finishes its job after the file is in place.
+    close(conn);
     ++jobNumber;
   }
   close(listener);
