@@ -25,6 +25,8 @@ kelvo_ensure_packages() {
   $sudo apt-get install -y -qq --no-install-recommends $missing
 }
 
-# What building and testing the project needs.
+# What building and testing the project needs; the CUPS server, its filters
+# and Ghostscript are for the end-to-end test, which prints through a private
+# cupsd.
 KELVO_BUILD_PACKAGES="cmake make g++ clang libclang-rt-14-dev pkg-config libgtest-dev libgmock-dev \
-libbenchmark-dev libpng-dev libcups2-dev libcupsimage2-dev cups-ppdc cups-client"
+libbenchmark-dev libpng-dev libcups2-dev libcupsimage2-dev cups-ppdc cups-client cups cups-filters ghostscript"
