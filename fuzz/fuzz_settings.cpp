@@ -70,7 +70,9 @@ std::string makePpd(const std::vector<std::string>& words) {
         "*ParamCustomPageSize Orientation: 5 int 0 0\n";
   }
   if (const std::string* prefix = word(kOptionCount + 1)) ppd += "*kelvoFilterOutputFile: \"" + *prefix + "\"\n";
-  for (size_t i = kOptionCount + 2; i < words.size(); ++i) ppd += words[i] + "\n";
+  // *Include would let the input name any file, /dev/stdin included.
+  for (size_t i = kOptionCount + 2; i < words.size(); ++i)
+    if (words[i].find("Include") == std::string::npos) ppd += words[i] + "\n";
   return ppd;
 }
 

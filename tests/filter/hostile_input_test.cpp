@@ -16,10 +16,12 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <limits>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "filter/job_setup.h"
 #include "printer/zpl_printer.h"
 #include "tools/zpl_decode.h"
 
@@ -181,6 +183,15 @@ std::string pickOne(const std::string& name, const std::string& choice) {
          ": \"\"\n*CloseUI: *" + name + "\n";
 }
 
+// A printer writing to one stream of the test's choosing.
+class StreamPrinter : public ZplPrinter {
+ public:
+  explicit StreamPrinter(FILE* stream) {
+    outputStreams_.clear();
+    outputStreams_.push_back(stream);
+  }
+};
+
 // A header refused by the filter ends the job with an error; the page in
 // front of it is printed once and only once.
 TEST(HostileInput, RefusedHeadersEndTheJob) {
@@ -237,6 +248,34 @@ TEST(HostileInput, ExtremeResolutionsStillPrint) {
     const std::vector<ZplGraphic> graphics = graphicsOf(job.out);
     ASSERT_EQ(graphics.size(), 1u) << c.what;
     EXPECT_EQ(graphics[0].bytesPerRow, 8u) << c.what;
+  }
+}
+
+// Sizes that do not fit a dot count (a 128 MiB row at 1 dpi is 3.4e9 mm)
+// saturate instead of being undefined.
+TEST(HostileInput, LabelSizeConversionsAreDefined) {
+  const float inf = std::numeric_limits<float>::infinity();
+  const struct {
+    float mm;
+    const char* dots;
+  } cases[] = {
+      {3.4e9f, "2147483647"}, {inf, "2147483647"}, {-3.4e9f, "-2147483648"}, {-inf, "-2147483648"},
+      {std::numeric_limits<float>::quiet_NaN(), "0"},
+  };
+  for (const auto& c : cases) {
+    FILE* stream = std::tmpfile();
+    ASSERT_NE(stream, nullptr);
+    {
+      StreamPrinter printer(stream);
+      sPrinter = &printer;
+      setSize(c.mm, c.mm);
+      sPrinter = nullptr;
+    }
+    std::rewind(stream);
+    char text[128] = {};
+    EXPECT_GT(std::fread(text, 1, sizeof text - 1, stream), 0u);
+    std::fclose(stream);
+    EXPECT_EQ(std::string(text), std::string("^PW") + c.dots + "\r\n^LL" + c.dots + "\r\n") << c.mm;
   }
 }
 
@@ -408,14 +447,6 @@ struct CancellingStream {
     self->text.append(data, size);
     if (self->text.size() >= self->limit) sJobCancelled = 1;
     return static_cast<ssize_t>(size);
-  }
-};
-
-class StreamPrinter : public ZplPrinter {
- public:
-  explicit StreamPrinter(FILE* stream) {
-    outputStreams_.clear();
-    outputStreams_.push_back(stream);
   }
 };
 
