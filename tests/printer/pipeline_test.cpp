@@ -1,6 +1,6 @@
-// The printer object and its page pipeline: clamps, halftone dispatch,
-// negative printing, the debug BMP files, the anti-wrinkle frame and the
-// blank-row counters.
+// The printer object and its page pipeline: clamps, the debug BMP files, the
+// anti-wrinkle frame and the blank-row counters. The halftone dispatch is held
+// to the plain definitions in tests/reference.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,45 +8,17 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "printer/zpl_printer.h"
-#include "stencil/jv_tattoo.h"
-#include "tools/zpl_decode.h"
 
 namespace {
 
 class TestPrinter : public ZplPrinter {
  public:
-  PaletteImage* processed() { return pimage; }
   void setPattern(const std::string& pattern) { std::snprintf(imagePathPattern_, sizeof imagePathPattern_, "%s", pattern.c_str()); }
-  void writeTo(FILE* stream) {
-    outputStreams_.clear();
-    outputStreams_.push_back(stream);
-  }
-  // Runs the pipeline on a page of `width` bytes a row and returns the
-  // processed pixel indices, row after row, without padding.
-  std::vector<unsigned char> process(const std::vector<unsigned char>& page, int width, int height) {
-    std::vector<unsigned char> out(2 * page.size());
-    PageProcess(getHalftoneType(), page.data(), width, width, height, out.data());
-    return pixels(*pimage);
-  }
-  static std::vector<unsigned char> pixels(PaletteImage& image) {
-    std::vector<unsigned char> v;
-    for (uint32_t y = 0; y < image.GetHeight(); ++y)
-      for (uint32_t x = 0; x < image.GetWidth(); ++x) v.push_back(image.GetPixelIndex(x, y));
-    return v;
-  }
 };
-
-std::vector<unsigned char> randomPage(int width, int height, unsigned seed) {
-  std::mt19937 rng(seed);
-  std::vector<unsigned char> page(static_cast<size_t>(width) * height);
-  for (auto& b : page) b = static_cast<unsigned char>(rng());
-  return page;
-}
 
 std::string readFile(const std::string& path) {
   std::string bytes;
@@ -113,124 +85,6 @@ TEST(PrinterObject, PrintFormatReturnsCountOfLastStream) {
     EXPECT_EQ(std::string(buf, 6), std::string("^PQ3\n\0", 6));
     std::fclose(f);
   }
-}
-
-// Every halftone type except the tattoo ones is the image library's Dither
-// with the type's number, widened back to 8 bits; names and algorithms sit
-// one place apart on purpose.
-TEST(PageProcess, EachTypeMatchesTheImageLibrary) {
-  const int widths[] = {1, 7, 16, 33};
-  const int types[] = {0, 1, 2, 3, 4, 5, 6, 7, 10, 42};
-  for (int width : widths) {
-    const int height = 9;
-    std::vector<unsigned char> page = randomPage(width, height, width);
-    for (int type : types) {
-      for (bool negative : {false, true}) {
-        TestPrinter p;
-        p.setHalftoneType(static_cast<DitherType>(type));
-        p.setNegativePrint(negative);
-        const std::vector<unsigned char> got = p.process(page, width, height);
-
-        PaletteImage expected;
-        ASSERT_TRUE(expected.CreateFromArray(page.data(), width, height, 8, width, false));
-        ASSERT_TRUE(expected.Dither(type));
-        ASSERT_TRUE(expected.IncreaseBpp(8));
-        std::vector<unsigned char> want = TestPrinter::pixels(expected);
-        // Negative printing inverts the indices: 0 and 1 become 255 and 254,
-        // so every pixel prints.
-        if (negative)
-          for (auto& v : want) v = static_cast<unsigned char>(255 - v);
-        EXPECT_EQ(got, want) << "width " << width << " type " << type << " negative " << negative;
-        for (unsigned char v : got) ASSERT_TRUE(negative ? (v == 255 || v == 254) : v <= 1);
-      }
-    }
-  }
-}
-
-TEST(PageProcess, TattooTypesUseTheGuardedChain) {
-  const int width = 24, height = 10;
-  std::vector<unsigned char> page = randomPage(width, height, 7);
-  for (auto& b : page) b = static_cast<unsigned char>(b / 2 + 40);  // a spread-out histogram
-  for (DitherType type : {Tattoo, Tattoo_X8}) {
-    for (bool negative : {false, true}) {
-      TestPrinter p;
-      p.setHalftoneType(type);
-      p.setNegativePrint(negative);
-      const std::vector<unsigned char> got = p.process(page, width, height);
-      EXPECT_TRUE(p.getUseJVDithering());
-      JVImage src(width, height, JV_IMG_GRAY, page.data());
-      JVImage stencil = type == Tattoo ? jvTattooDithering(src) : jvTattooDitheringX8(src);
-      std::vector<unsigned char> want(stencil.data, stencil.data + width * height);
-      if (negative)
-        for (auto& v : want) v = static_cast<unsigned char>(255 - v);  // 0 and 255 swap
-      EXPECT_EQ(got, want) << type << " " << negative;
-    }
-  }
-  // A blank page and a line-art page would stall the plain chain; the page
-  // pipeline must finish them.
-  for (DitherType type : {Tattoo, Tattoo_X8}) {
-    std::vector<unsigned char> blank(width * height, 0), lineArt(width * height, 0);
-    for (size_t i = 0; i < lineArt.size(); i += 2) lineArt[i] = 255;
-    for (const auto* pg : {&blank, &lineArt}) {
-      TestPrinter p;
-      p.setHalftoneType(type);
-      for (unsigned char v : p.process(*pg, width, height)) ASSERT_TRUE(v == 0 || v == 255);
-    }
-  }
-}
-
-TEST(PageProcess, AdjustmentAndMirrorComeBeforeHalftoning) {
-  const int width = 11, height = 5;
-  std::vector<unsigned char> page = randomPage(width, height, 3);
-  TestPrinter p;
-  p.setBrightness(20);
-  p.setContrast(-10);
-  p.setMirrorPrint(true);
-  p.setHalftoneType(FloydSteinberg);
-  const std::vector<unsigned char> got = p.process(page, width, height);
-
-  PaletteImage expected;
-  ASSERT_TRUE(expected.CreateFromArray(page.data(), width, height, 8, width, false));
-  ASSERT_TRUE(expected.Light(100, -20));  // the user's steps times 5 and 2
-  expected.Mirror();
-  ASSERT_TRUE(expected.Dither(1));
-  ASSERT_TRUE(expected.IncreaseBpp(8));
-  EXPECT_EQ(got, TestPrinter::pixels(expected));
-}
-
-TEST(PrintImage, ThresholdPageDecodesToTheDotsOfTheInk) {
-  const int width = 20, height = 6;  // 20 is neither a multiple of 8 nor of 16
-  std::vector<unsigned char> page = randomPage(width, height, 11);
-  // Width 20 has 4 bytes of row padding in the image (stride 20), so rows lie
-  // the same distance apart for the emitter as in the image.
-  TestPrinter p;
-  FILE* out = std::tmpfile();
-  p.writeTo(out);
-  cups_page_header2_t header{};
-  header.NumCopies = 2;
-  p.setPageHeader(&header);
-  sPrinter = &p;  // the copy count goes out through the current printer
-  LastSet = 0;
-  p.printImage(page.data(), width, height, width);
-  sPrinter = nullptr;
-  std::fflush(out);
-  std::rewind(out);
-  std::string job;
-  char buf[4096];
-  size_t n;
-  while ((n = std::fread(buf, 1, sizeof buf, out)) > 0) job.append(buf, n);
-  std::fclose(out);
-
-  ASSERT_EQ(job.rfind("^XX\r\n^PQ2\n~DGR:CUPS.GRF,18,3,\n", 0), 0u) << job;
-  std::vector<ZplGraphic> graphics;
-  std::string error;
-  ASSERT_TRUE(kelvoZplDecode(reinterpret_cast<const unsigned char*>(job.data()), job.size(), graphics, error)) << error;
-  ASSERT_EQ(graphics.size(), 1u);
-  for (int y = 0; y < height; ++y)
-    for (int x = 0; x < width; ++x) {
-      const bool dot = graphics[0].rows[y * 3 + x / 8] & (0x80 >> (x % 8));
-      EXPECT_EQ(dot, page[y * width + x] > 128) << x << "," << y;
-    }
 }
 
 class SavedImage : public testing::Test {
