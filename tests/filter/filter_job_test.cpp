@@ -136,6 +136,16 @@ TEST(FilterJob, RecordingFileHoldsExactlyWhatThePrinterGets) {
   EXPECT_EQ(job.out.rfind(kLineFeeds + "SIZE", 0), 0u);
   EXPECT_NE(job.err.find("DEBUG:Filter data output to: " + recorded + "\n"), std::string::npos);
   std::remove(recorded.c_str());
+
+  // A recording file that cannot be created costs the recording, not the job.
+  ppd.replace(ppd.find(prefix), prefix.size(), "/nonexistent-kelvo-dir/rec");
+  std::ofstream(ppdFile.path) << ppd;
+  const JobResult unrecorded = runFilter(jobArgs("RecordPrinterCommands=1", raster.path), ppdFile.path);
+  EXPECT_EQ(unrecorded.status, 0);
+  EXPECT_EQ(unrecorded.out, job.out);
+  EXPECT_NE(unrecorded.err.find("ERROR:Unable to open the recording file /nonexistent-kelvo-dir/rec-"), std::string::npos)
+      << unrecorded.err;
+  EXPECT_EQ(unrecorded.err.find("Filter data output to"), std::string::npos);
 }
 
 TEST(FilterJob, FailuresAndTheirStatus) {

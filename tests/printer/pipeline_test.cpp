@@ -17,6 +17,7 @@ namespace {
 
 class TestPrinter : public ZplPrinter {
  public:
+  PaletteImage* processed() { return pimage; }
   void setPattern(const std::string& pattern) { std::snprintf(imagePathPattern_, sizeof imagePathPattern_, "%s", pattern.c_str()); }
 };
 
@@ -84,6 +85,32 @@ TEST(PrinterObject, PrintFormatReturnsCountOfLastStream) {
     ASSERT_EQ(std::fread(buf, 1, sizeof buf, f), 6u);
     EXPECT_EQ(std::string(buf, 6), std::string("^PQ3\n\0", 6));
     std::fclose(f);
+  }
+}
+
+// The halftone type goes to the image library's Dither unchanged (names and
+// methods sit one place apart on purpose), and negative printing turns the
+// indices 0 and 1 into 255 and 254.
+TEST(PageProcess, TypeNumberGoesToDitherUnchanged) {
+  const int width = 13, height = 6;
+  std::vector<unsigned char> page(width * height);
+  for (size_t i = 0; i < page.size(); ++i) page[i] = static_cast<unsigned char>(i * 37 % 256);
+  for (int type : {0, 1, 2, 3, 4, 5, 6, 7, 10, 42}) {
+    for (bool negative : {false, true}) {
+      TestPrinter p;
+      p.setHalftoneType(static_cast<DitherType>(type));
+      p.setNegativePrint(negative);
+      std::vector<unsigned char> scratch(2 * page.size());
+      p.PageProcess(p.getHalftoneType(), page.data(), width, width, height, scratch.data());
+      PaletteImage want;
+      ASSERT_TRUE(want.CreateFromArray(page.data(), width, height, 8, width, false));
+      ASSERT_TRUE(want.Dither(type) && want.IncreaseBpp(8));
+      for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+          const unsigned char v = want.GetPixelIndex(x, y);
+          ASSERT_EQ(p.processed()->GetPixelIndex(x, y), negative ? 255 - v : v) << type << " " << x << "," << y;
+        }
+    }
   }
 }
 
