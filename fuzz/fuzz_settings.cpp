@@ -70,9 +70,15 @@ std::string makePpd(const std::vector<std::string>& words) {
         "*ParamCustomPageSize Orientation: 5 int 0 0\n";
   }
   if (const std::string* prefix = word(kOptionCount + 1)) ppd += "*kelvoFilterOutputFile: \"" + *prefix + "\"\n";
-  // *Include would let the input name any file, /dev/stdin included.
-  for (size_t i = kOptionCount + 2; i < words.size(); ++i)
-    if (words[i].find("Include") == std::string::npos) ppd += words[i] + "\n";
+  // *Include would let the input name any file, /dev/stdin included. libcups
+  // keeps one copy of *NickName, *LanguageEncoding and the *JCL texts and
+  // leaks any earlier one; that leak is theirs, not the filter's.
+  for (size_t i = kOptionCount + 2; i < words.size(); ++i) {
+    const std::string& line = words[i];
+    if (line.find("Include") == std::string::npos && line.find("NickName") == std::string::npos &&
+        line.find("LanguageEncoding") == std::string::npos && line.find("JCL") == std::string::npos)
+      ppd += line + "\n";
+  }
   return ppd;
 }
 
