@@ -5,27 +5,8 @@
 
 #include "filter/filter_main.h"
 #include "job_runner.h"
-#include "tools/zpl_decode.h"
 
 namespace {
-
-const std::string kLineFeeds(64, '\n');
-
-std::string ppdPath(const char* name) { return std::string(KELVO_PPD_DIR) + "/" + name; }
-
-struct Scratch {
-  explicit Scratch(const std::string& name) : path(testing::TempDir() + "kelvo_" + std::to_string(getpid()) + "_" + name) {}
-  ~Scratch() { std::remove(path.c_str()); }
-  std::string path;
-};
-
-std::vector<ZplGraphic> graphicsOf(const std::string& job) {
-  std::vector<ZplGraphic> graphics;
-  std::string error;
-  EXPECT_TRUE(kelvoZplDecode(reinterpret_cast<const unsigned char*>(job.data()), job.size(), graphics, error))
-      << error;
-  return graphics;
-}
 
 bool dotAt(const ZplGraphic& g, size_t x, size_t y) { return g.rows[y * g.bytesPerRow + x / 8] & (0x80 >> (x % 8)); }
 

@@ -2,55 +2,18 @@
 // overflow or contradict themselves, extreme resolutions, streams that stop
 // anywhere, odd options and PPDs, outputs that fail, and a job cancelled in
 // the middle of its graphic.
-#include <cups/raster.h>
-#include <dirent.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <cstdio>
-#include <cstring>
-#include <fstream>
 #include <limits>
-#include <sstream>
-#include <string>
-#include <vector>
 
 #include "filter/job_setup.h"
+#include "job_runner.h"
 #include "printer/zpl_printer.h"
-#include "tools/zpl_decode.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-const std::string kLineFeeds(64, '\n');
-
-std::string ppdPath(const char* name) { return std::string(KELVO_PPD_DIR) + "/" + name; }
-
-std::string scratchPath(const std::string& name) {
-  return testing::TempDir() + "kelvo_hostile_" + std::to_string(getpid()) + "_" + name;
-}
-
-struct Scratch {
-  Scratch(const std::string& name, const std::string& bytes) : path(scratchPath(name)) {
-    std::ofstream(path, std::ios::binary) << bytes;
-  }
-  ~Scratch() { std::remove(path.c_str()); }
-  std::string path;
-};
-
-std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream bytes;
-  bytes << in.rdbuf();
-  return bytes.str();
-}
 
 // --- raster streams written byte by byte, so headers can say anything ---
 
@@ -93,83 +56,6 @@ std::string rasterStream(const std::vector<RawPage>& pages) {
   }
   return bytes;
 }
-
-// --- running the filter ---
-
-// The filter saves two debug pictures of every page in the spooler's
-// temporary folder; a test takes away what its own jobs left there.
-void removeDebugPicturesSince(time_t start) {
-  const std::string dir = "/var/spool/cups/tmp/";
-  DIR* d = opendir(dir.c_str());
-  if (d == nullptr) return;
-  while (const dirent* e = readdir(d)) {
-    const std::string name = e->d_name;
-    if (name.rfind("origin_", 0) != 0 && name.rfind("dithered_", 0) != 0) continue;
-    struct stat st;
-    if (stat((dir + name).c_str(), &st) == 0 && st.st_mtime >= start) std::remove((dir + name).c_str());
-  }
-  closedir(d);
-}
-
-enum class Output { Capture, DevFull, Closed, BrokenPipe };
-
-struct Job {
-  int status = -1;
-  std::string out, err;
-  double seconds = 0;
-};
-
-// Runs the filter on `raster` with `options`, PPD set to `ppd`, standard
-// output as `output` says.
-Job runJob(const std::string& raster, const std::string& options, const std::string& ppd,
-           Output output = Output::Capture) {
-  const Scratch input("job.ras", raster);
-  const std::string outPath = scratchPath("job.out"), errPath = scratchPath("job.err");
-  int pipeEnds[2] = {-1, -1};
-  if (output == Output::BrokenPipe) {
-    EXPECT_EQ(pipe(pipeEnds), 0);
-    close(pipeEnds[0]);  // nobody will ever read
-  }
-  const auto start = Clock::now();
-  const time_t wallStart = time(nullptr);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    dup2(err, 2);
-    switch (output) {
-      case Output::Capture: dup2(open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1); break;
-      case Output::DevFull: dup2(open("/dev/full", O_WRONLY), 1); break;
-      case Output::Closed: close(1); break;
-      case Output::BrokenPipe: dup2(pipeEnds[1], 1); break;
-    }
-    setenv("PPD", ppd.c_str(), 1);
-    execl(KELVO_FILTER_PATH, "rastertokelvozpl", "7", "user", "title", "1", options.c_str(), input.path.c_str(),
-          static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  if (pipeEnds[1] >= 0) close(pipeEnds[1]);
-  Job job;
-  int status = 0;
-  waitpid(pid, &status, 0);
-  job.seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  job.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  job.out = slurp(outPath);
-  job.err = slurp(errPath);
-  std::remove(outPath.c_str());
-  std::remove(errPath.c_str());
-  removeDebugPicturesSince(wallStart);
-  return job;
-}
-
-std::vector<ZplGraphic> graphicsOf(const std::string& job) {
-  std::vector<ZplGraphic> graphics;
-  std::string error;
-  EXPECT_TRUE(kelvoZplDecode(reinterpret_cast<const unsigned char*>(job.data()), job.size(), graphics, error))
-      << error;
-  return graphics;
-}
-
-bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 std::string minimalPpd(const std::string& body) {
   return "*PPD-Adobe: \"4.3\"\n*FormatVersion: \"4.3\"\n*LanguageVersion: English\n*LanguageEncoding: ISOLatin1\n"
@@ -214,7 +100,7 @@ TEST(HostileInput, RefusedHeadersEndTheJob) {
   };
   const RawPage stencil = noisePage(24, 16, 300, 9);
   for (const auto& c : cases) {
-    const Job job = runJob(rasterStream({stencil, c.page}), "HalftoneType=Tattoo", ppdPath("kelvotat.ppd"));
+    const JobResult job = runJob(rasterStream({stencil, c.page}), "HalftoneType=Tattoo", ppdPath("kelvotat.ppd"));
     EXPECT_EQ(job.status, 1) << c.what;
     EXPECT_TRUE(has(job.err, c.error)) << c.what << "\n" << job.err;
     EXPECT_EQ(job.out.compare(0, kLineFeeds.size(), kLineFeeds), 0) << c.what;
@@ -242,7 +128,7 @@ TEST(HostileInput, ExtremeResolutionsStillPrint) {
       {"1 dpi", one, "SIZE 1625.6 mm, 203.2 mm\r\n^XX\r\n^PW12991\r\n^LL1623\r\n"},
   };
   for (const auto& c : cases) {
-    const Job job = runJob(rasterStream({c.page}), "", ppdPath("kelvo203.ppd"));
+    const JobResult job = runJob(rasterStream({c.page}), "", ppdPath("kelvo203.ppd"));
     EXPECT_EQ(job.status, 0) << c.what << "\n" << job.err;
     EXPECT_TRUE(has(job.out, c.setup)) << c.what << "\n" << job.out.substr(64, 80);
     const std::vector<ZplGraphic> graphics = graphicsOf(job.out);
@@ -296,7 +182,7 @@ TEST(HostileInput, StreamsThatStopAnywhere) {
       {"second header without pixels", page + headerOnly.substr(4), 1},
   };
   for (const auto& c : cases) {
-    const Job job = runJob(c.stream, "", ppdPath("kelvo203.ppd"));
+    const JobResult job = runJob(c.stream, "", ppdPath("kelvo203.ppd"));
     EXPECT_EQ(job.status, 0) << c.what << "\n" << job.err;
     EXPECT_EQ(job.out.compare(0, kLineFeeds.size(), kLineFeeds), 0) << c.what;
     EXPECT_EQ(graphicsOf(job.out).size(), c.graphics) << c.what;
@@ -322,7 +208,7 @@ TEST(HostileInput, OddOptionStrings) {
   };
   const std::string raster = rasterStream({noisePage(40, 8)});
   for (const auto& c : cases) {
-    const Job job = runJob(raster, c.options, ppdPath("kelvo203.ppd"));
+    const JobResult job = runJob(raster, c.options, ppdPath("kelvo203.ppd"));
     EXPECT_EQ(job.status, 0) << c.what << "\n" << job.err.substr(0, 500);
     EXPECT_EQ(graphicsOf(job.out).size(), 1u) << c.what;
     EXPECT_LT(job.seconds, 10) << c.what;
@@ -348,7 +234,7 @@ TEST(HostileInput, BrokenPpdFiles) {
   };
   const std::string raster = rasterStream({noisePage(16, 4)});
   for (const auto& c : cases) {
-    const Job job = runJob(raster, "", c.ppd);
+    const JobResult job = runJob(raster, "", c.ppd);
     EXPECT_EQ(job.status, 1) << c.what;
     EXPECT_EQ(job.out, "") << c.what;
     EXPECT_TRUE(has(job.err, "ERROR: Paper size must not less than 1.0 : (0.000000, 0.000000)\n"))
@@ -365,7 +251,7 @@ TEST(HostileInput, ChoiceWordsAsLongAsTheFields) {
                                                  pickOne("PaperType", std::string(31, 'a') + "LabelGaps") +
                                                  pickOne("Origin", std::string(29, 'o') + "Rotation180") +
                                                  pickOne("GapsHeight", "3") + pickOne("Darkness", "30")));
-  const Job job = runJob(rasterStream({noisePage(16, 4)}), "", ppd.path);
+  const JobResult job = runJob(rasterStream({noisePage(16, 4)}), "", ppd.path);
   ASSERT_EQ(job.status, 0) << job.err;
   EXPECT_TRUE(has(job.out, "\r\n^MNY\r\n^POI\r\n^PR" + speed + "\r\n~SD30\r\n^XZ\r\n")) << job.out.substr(64, 200);
 }
@@ -394,7 +280,7 @@ TEST(HostileInput, RecordingPrefixAtTheFieldLimit) {
     while (prefix.size() < length) prefix += prefix.size() % 100 == 99 ? '\n' : 'r';
     const Scratch ppd("rec.ppd", minimalPpd(pickOne("RecordPrinterCommands", "1") + "*kelvoFilterOutputFile: \"" +
                                             prefix + "\"\n"));
-    const Job job = runJob(raster, "", ppd.path);
+    const JobResult job = runJob(raster, "", ppd.path);
     EXPECT_EQ(job.status, 0) << length << "\n" << job.err;
     EXPECT_EQ(graphicsOf(job.out).size(), 1u) << length;
     const std::vector<std::string> files = filesIn(dir);
@@ -427,7 +313,7 @@ TEST(HostileInput, OutputThatFails) {
   // Many pages: the job must stop at the first one that cannot be sent.
   const std::string raster = rasterStream(std::vector<RawPage>(50, noisePage(400, 300)));
   for (const auto& c : cases) {
-    const Job job = runJob(raster, "", ppdPath("kelvo203.ppd"), c.output);
+    const JobResult job = runJob(raster, "", ppdPath("kelvo203.ppd"), c.output);
     EXPECT_EQ(job.status, 1) << c.what << "\n" << job.err.substr(job.err.size() > 800 ? job.err.size() - 800 : 0);
     EXPECT_TRUE(has(job.err, c.error)) << c.what;
     EXPECT_FALSE(has(job.err, "PAGE: 2 ")) << c.what << ": went on after the failure";
@@ -497,7 +383,7 @@ TEST(Cancel, GraphicStopsAtARowAndAborts) {
 // before the abort is exactly what the uncancelled job sends.
 TEST(Cancel, SigtermInTheMiddleOfAPage) {
   const std::string raster = rasterStream({noisePage(2400, 2000, 203, 4)});
-  const Job whole = runJob(raster, "", ppdPath("kelvo203.ppd"));
+  const JobResult whole = runJob(raster, "", ppdPath("kelvo203.ppd"));
   ASSERT_EQ(whole.status, 0);
   ASSERT_EQ(graphicsOf(whole.out).size(), 1u);
   const size_t download = whole.out.find("~DGR:CUPS.GRF,");
@@ -543,7 +429,7 @@ TEST(Cancel, SigtermInTheMiddleOfAPage) {
   waitpid(pid, &status, 0);
   const double seconds = std::chrono::duration<double>(Clock::now() - cancelled).count();
   close(out[0]);
-  removeDebugPicturesSince(wallStart);
+  removeDebugImagesSince(wallStart);
 
   ASSERT_TRUE(WIFEXITED(status)) << "ended by signal " << WTERMSIG(status);
   EXPECT_EQ(WEXITSTATUS(status), 0);
