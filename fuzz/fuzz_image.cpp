@@ -9,17 +9,17 @@
 //
 // Properties: stencils hold only 0 and 255; palette images stay consistent;
 // the processed page holds only dots and paper, and the printed graphic is
-// exactly the packed page; a cancelled graphic is a whole number of rows
-// followed by the abort and nothing else.
+// exactly the plain encoding of the page; a cancelled graphic is a whole
+// number of rows followed by the abort and nothing else.
+#include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "fuzz_util.h"
-#include "printer/zpl_printer.h"
 #include "stencil/jv_tattoo.h"
-#include "tools/zpl_decode.h"
+#include "tests/common/memory_printer.h"
+#include "tests/reference/reference.h"
 
 namespace {
 
@@ -177,60 +177,13 @@ void paletteOperations(Reader& in) {
 
 // ---- page pipeline and graphic emitter ----
 
-// A printer whose output is kept in memory.
-class MemoryPrinter : public ZplPrinter {
- public:
-  MemoryPrinter() { setStream(nullptr); }
-  ~MemoryPrinter() override { release(); }
-  PaletteImage* processed() { return pimage; }
-  void setResolution(int dpi) { resolution_ = dpi; }
-  void setStream(FILE* stream) {
-    release();
-    outputStreams_.clear();
-    if (stream == nullptr) stream = open_memstream(&text_, &length_);
-    if (stream == nullptr) fail("open_memstream failed");
-    stream_ = stream;
-    outputStreams_.push_back(stream_);
-  }
-  std::string output() {
-    std::fflush(stream_);
-    return text_ != nullptr ? std::string(text_, length_) : std::string();
-  }
-
- private:
-  void release() {
-    if (stream_ != nullptr) std::fclose(stream_);
-    std::free(text_);
-    stream_ = nullptr;
-    text_ = nullptr;
-    length_ = 0;
-  }
-  FILE* stream_ = nullptr;
-  char* text_ = nullptr;
-  size_t length_ = 0;
-};
-
-size_t keptPixels(size_t width, size_t skip) { return skip != 0 && skip < width ? width - skip : width; }
-
-// The graphic's rows as the emitter must send them: rows `width` bytes
-// apart, the kept pixels of each packed eight to a byte, leftmost in bit 7.
-std::vector<unsigned char> packed(const unsigned char* bits, size_t width, size_t height, size_t skip) {
-  const size_t kept = keptPixels(width, skip);
-  const size_t rowBytes = (kept + 7) / 8;
-  std::vector<unsigned char> rows(rowBytes * height, 0);
-  for (size_t y = 0; y < height; ++y)
-    for (size_t x = 0; x < kept; ++x)
-      if (bits[y * width + x] != 0) rows[y * rowBytes + x / 8] |= static_cast<unsigned char>(0x80 >> (x % 8));
-  return rows;
-}
-
-ZplGraphic onlyGraphic(const std::string& job) {
-  std::vector<ZplGraphic> graphics;
-  std::string error;
-  if (!kelvoZplDecode(reinterpret_cast<const unsigned char*>(job.data()), job.size(), graphics, error))
-    fail("the printed page does not decode: %s", error.c_str());
-  if (graphics.size() != 1) fail("%zu graphics for one page", graphics.size());
-  return graphics[0];
+// What the printer sent must be the plain encoding of the page.
+void checkGraphic(const std::string& sent, const unsigned char* bits, size_t width, size_t height,
+                  const cups_page_header2_t& header, unsigned long skip) {
+  int lastSet = 0;
+  if (sent != kref::zplGraphic(bits, static_cast<int>(width), static_cast<int>(height),
+                               static_cast<int>(header.NumCopies), skip, lastSet))
+    fail("the graphic is not the plain encoding of the %zu x %zu page", width, height);
 }
 
 void pagePipeline(Reader& in) {
@@ -278,26 +231,7 @@ void pagePipeline(Reader& in) {
       if (v != 0 && v != 1 && v != 254 && v != 255)
         fail("halftone %d left pixel (%zu, %zu) at %u", static_cast<int>(printer.getHalftoneType()), x, y, v);
     }
-  const ZplGraphic g = onlyGraphic(printer.output());
-  const size_t skip = printer.getSkipRightPixels();
-  if (g.height != h || g.bytesPerRow != (keptPixels(w, skip) + 7) / 8 ||
-      g.rows != kfuzz::asPrinted(packed(image->GetBits(0), w, h, skip), g.bytesPerRow))
-    fail("the graphic is not the processed %zu x %zu page", w, h);
-}
-
-// Cancels the job once `limit` bytes have been written.
-struct CancelCookie {
-  size_t written = 0;
-  size_t limit = 0;
-  std::string text;
-};
-
-ssize_t cancellingWrite(void* cookie, const char* data, size_t size) {
-  auto* c = static_cast<CancelCookie*>(cookie);
-  c->text.append(data, size);
-  c->written += size;
-  if (c->written >= c->limit) sJobCancelled = 1;
-  return static_cast<ssize_t>(size);
+  checkGraphic(printer.take(), image->GetBits(0), w, h, header, printer.getSkipRightPixels());
 }
 
 void emitter(Reader& in) {
@@ -317,36 +251,29 @@ void emitter(Reader& in) {
   sPrinter = &printer;
   LastSet = 0;
   printer.doPrintImage(bits, width, height, width);
-  const std::string full = printer.output();
-  const ZplGraphic g = onlyGraphic(full);
-  const std::vector<unsigned char> sent = packed(bits, width, height, skip);
-  if (g.rows != kfuzz::asPrinted(sent, g.bytesPerRow))
-    fail("the graphic is not the packed %u x %u page", width, height);
+  const std::string full = printer.take();
+  checkGraphic(full, bits, width, height, header, skip);
 
   // Where each row of the download ends in the job.
-  const size_t headerEnd = full.find('\n', full.find("~DGR:CUPS.GRF,")) + 1;
-  std::vector<size_t> rowEnds = {headerEnd};
-  MemoryPrinter rows;
-  LastSet = 0;
-  for (unsigned r = 0; r < height; ++r) {
-    rows.ZPLPrintLine(sent.data() + r * g.bytesPerRow, static_cast<int>(g.bytesPerRow));
-    rowEnds.push_back(headerEnd + rows.output().size());
-  }
+  std::vector<unsigned char> rows(bits, bits + page.size());
+  const size_t rowBytes = static_cast<size_t>(kref::grayToMono(int(width), int(height), rows.data(), skip)) / height;
+  std::vector<size_t> rowEnds = {full.find('\n', full.find("~DGR:CUPS.GRF,")) + 1};
+  int lastSet = 0;
+  for (unsigned r = 0; r < height; ++r)
+    rowEnds.push_back(rowEnds.back() + kref::zplLine(&rows[r * rowBytes], static_cast<int>(rowBytes), lastSet).size());
 
-  CancelCookie cookie;
-  cookie.limit = cancelAt;
-  FILE* stream = fopencookie(&cookie, "w", cookie_io_functions_t{nullptr, cancellingWrite, nullptr, nullptr});
+  CancellingSink sink(cancelAt);
+  FILE* stream = sink.open();
   if (stream == nullptr) fail("fopencookie failed");
-  setvbuf(stream, nullptr, _IONBF, 0);
-  printer.setStream(stream);
+  printer.sendTo(stream);
   sJobCancelled = 0;
   LastSet = 0;
   printer.doPrintImage(bits, width, height, width);
   const bool cancelled = sJobCancelled != 0;
   sJobCancelled = 0;
   sPrinter = nullptr;
-  printer.setStream(nullptr);  // closes the cookie stream
-  const std::string& cut = cookie.text;
+  printer.sendTo(nullptr);  // closes the cookie stream
+  const std::string& cut = sink.text;
 
   if (!cancelled || cut == full) return;
   const std::string abort = "~DN\r\n";
@@ -354,9 +281,8 @@ void emitter(Reader& in) {
     fail("a cancelled graphic does not end with the abort");
   const size_t before = cut.size() - abort.size();
   if (full.compare(0, before, cut, 0, before) != 0) fail("a cancelled graphic differs from the whole one");
-  bool atRowEnd = false;
-  for (size_t end : rowEnds) atRowEnd = atRowEnd || end == before;
-  if (!atRowEnd) fail("cancelled after %zu bytes, not at the end of a row", before);
+  if (std::find(rowEnds.begin(), rowEnds.end(), before) == rowEnds.end())
+    fail("cancelled after %zu bytes, not at the end of a row", before);
 }
 
 }  // namespace

@@ -5,14 +5,12 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <vector>
 
 namespace kfuzz {
 
@@ -113,17 +111,6 @@ inline std::string fill(const uint8_t* pattern, size_t patternSize, size_t count
   if (patternSize > 0)
     for (size_t i = 0; i < count; ++i) bytes[i] = static_cast<char>(pattern[i % patternSize]);
   return bytes;
-}
-
-// Packed rows as a printer prints what the emitter sends: an all-dots row
-// after the first goes out as the repeat mark, which repeats the row before.
-inline std::vector<unsigned char> asPrinted(std::vector<unsigned char> rows, size_t rowBytes) {
-  for (size_t start = rowBytes; rowBytes > 0 && start + rowBytes <= rows.size(); start += rowBytes) {
-    bool allDots = true;
-    for (size_t i = 0; i < rowBytes && allDots; ++i) allDots = rows[start + i] == 0xFF;
-    if (allDots) std::copy(rows.begin() + static_cast<long>(start - rowBytes), rows.begin() + static_cast<long>(start), rows.begin() + static_cast<long>(start));
-  }
-  return rows;
 }
 
 }  // namespace kfuzz

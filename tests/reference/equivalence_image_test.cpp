@@ -1,13 +1,11 @@
 // Halftoning, packing and the row encoder against the plain definitions.
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <random>
 #include <string>
 
 #include "image/palette_image.h"
-#include "printer/zpl_printer.h"
+#include "tests/common/memory_printer.h"
 #include "tests/reference/random_pages.h"
 #include "tests/reference/reference.h"
 
@@ -58,31 +56,6 @@ TEST(ImageEquivalence, DitherFourBitPages) {
   }
 }
 
-class EncoderPrinter : public ZplPrinter {
- public:
-  EncoderPrinter() {
-    stream_ = open_memstream(&buf_, &len_);
-    outputStreams_.clear();
-    outputStreams_.push_back(stream_);
-  }
-  ~EncoderPrinter() override {
-    std::fclose(stream_);
-    std::free(buf_);
-  }
-  std::string take() {
-    std::fflush(stream_);
-    std::string s(buf_, len_);
-    std::rewind(stream_);
-    len_ = 0;
-    return s;
-  }
-
- private:
-  char* buf_ = nullptr;
-  size_t len_ = 0;
-  FILE* stream_ = nullptr;
-};
-
 // Rows with long runs of each byte value, all-dots rows and short noise,
 // so every count letter, the comma and the repeat colon all appear.
 std::vector<uint8_t> randomRow(std::mt19937& rng, int n) {
@@ -99,7 +72,7 @@ std::vector<uint8_t> randomRow(std::mt19937& rng, int n) {
 
 TEST(ImageEquivalence, RowEncoder) {
   std::mt19937 rng(31337);
-  EncoderPrinter p;
+  MemoryPrinter p;
   for (int trial = 0; trial < 3000; ++trial) {
     const int n = 1 + static_cast<int>(trial < 2000 ? rng() % 70 : rng() % 1200);
     const std::vector<uint8_t> row = randomRow(rng, n);
@@ -113,7 +86,7 @@ TEST(ImageEquivalence, RowEncoder) {
 
 TEST(ImageEquivalence, GrayToMonoEveryWidthAndSkip) {
   std::mt19937 rng(8);
-  EncoderPrinter p;
+  MemoryPrinter p;
   for (int bpl = 1; bpl <= 70; ++bpl) {
     for (unsigned long skip : {0UL, 1UL, 3UL, 7UL, 8UL, 9UL, 69UL, 70UL, 500UL}) {
       const int h = 1 + static_cast<int>(rng() % 5);
@@ -134,7 +107,7 @@ TEST(ImageEquivalence, GrayToMonoEveryWidthAndSkip) {
 // without a skipped right edge.
 TEST(ImageEquivalence, GraphicOfLargePages) {
   std::mt19937 rng(2);
-  EncoderPrinter p;
+  MemoryPrinter p;
   cups_page_header2_t header{};
   header.NumCopies = 3;
   p.setPageHeader(&header);

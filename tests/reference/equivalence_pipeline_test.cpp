@@ -4,37 +4,26 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 
-#include "printer/zpl_printer.h"
+#include "tests/common/memory_printer.h"
 #include "tests/reference/random_pages.h"
 #include "tests/reference/reference.h"
 
 namespace {
 
-class CapturePrinter : public ZplPrinter {
+// The current printer, two copies a page.
+class CapturePrinter : public MemoryPrinter {
  public:
   CapturePrinter() {
-    stream_ = open_memstream(&buf_, &len_);
-    outputStreams_.clear();
-    outputStreams_.push_back(stream_);
     header_.NumCopies = 2;
     setPageHeader(&header_);
     sPrinter = this;
   }
-  ~CapturePrinter() override {
-    sPrinter = nullptr;
-    std::fclose(stream_);
-    std::free(buf_);
-  }
-  std::string take() {
-    std::fflush(stream_);
-    std::string s(buf_, len_);
-    std::rewind(stream_);
-    len_ = 0;
-    return s;
+  ~CapturePrinter() override { sPrinter = nullptr; }
+  void apply(const kref::Options& o) {
+    setHalftoneType(static_cast<DitherType>(o.type)), setBrightness(o.brightness), setContrast(o.contrast);
+    setRotate180Print(o.rotate), setMirrorPrint(o.mirror), setNegativePrint(o.negative);
   }
   // What printImage does between the debug saves: process, then render.
   void page(const std::vector<uint8_t>& data, int stride, int width, int height) {
@@ -43,24 +32,11 @@ class CapturePrinter : public ZplPrinter {
     LastSet = 0;
     doPrintImage(pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(), pimage->GetWidth());
   }
-  PaletteImage& processed() { return *pimage; }
   std::vector<unsigned char> out;  // PageProcess's output buffer
 
  private:
-  char* buf_ = nullptr;
-  size_t len_ = 0;
-  FILE* stream_ = nullptr;
   cups_page_header2_t header_{};
 };
-
-void apply(CapturePrinter& p, const kref::Options& o) {
-  p.setHalftoneType(static_cast<DitherType>(o.type));
-  p.setBrightness(o.brightness);
-  p.setContrast(o.contrast);
-  p.setRotate180Print(o.rotate);
-  p.setMirrorPrint(o.mirror);
-  p.setNegativePrint(o.negative);
-}
 
 void expectSamePage(CapturePrinter& p, const std::vector<uint8_t>& data, int stride, int width, int height,
                     const kref::Options& o) {
@@ -68,11 +44,11 @@ void expectSamePage(CapturePrinter& p, const std::vector<uint8_t>& data, int str
                " stride " + std::to_string(stride) + ", b/c " + std::to_string(o.brightness) + "/" +
                std::to_string(o.contrast) + (o.rotate ? " rot" : "") + (o.mirror ? " mir" : "") +
                (o.negative ? " neg" : ""));
-  apply(p, o);
+  p.apply(o);
   p.page(data, stride, width, height);
   const std::string graphic = p.take();
   const kref::Page want = kref::processPage(data.data(), stride, width, height, o);
-  PaletteImage& got = p.processed();
+  PaletteImage& got = *p.processed();
   ASSERT_EQ(got.GetWidth(), static_cast<uint32_t>(width));
   ASSERT_EQ(got.GetHeight(), static_cast<uint32_t>(height));
   ASSERT_EQ(got.GetEffWidth(), static_cast<uint32_t>(want.eff));
@@ -140,7 +116,7 @@ TEST(PipelineEquivalence, MultiPageJobs) {
     kref::Options o;
     o.type = static_cast<int>(rng() % 10);
     o.negative = job % 2 == 1;
-    apply(p, o);
+    p.apply(o);
     std::string want;
     std::string got;
     for (int n = 0; n < 3; ++n) {

@@ -58,6 +58,9 @@ std::string zplGraphic(const uint8_t* bits, int width, int height, int copies, u
 std::string zplLine(const uint8_t* row, int n, int& lastSet);
 // GrayToMono(bpl, h, data) in place; returns the packed size.
 int grayToMono(int bpl, int h, uint8_t* data, unsigned long skip);
+// Packed rows as a printer prints what the encoder sends: an all-dots row
+// after the first goes out as ":", which repeats the row before.
+std::vector<uint8_t> asPrinted(std::vector<uint8_t> rows, size_t rowBytes);
 
 // The stencil chain's image stages.
 JVImage convolve1D(const JVImage& src, const double* taps, int size, bool horizontal);

@@ -1,4 +1,6 @@
 // Plain 1-bit packing and row encoding: one output byte at a time.
+#include <algorithm>
+
 #include "tests/reference/reference.h"
 
 namespace kref {
@@ -36,6 +38,14 @@ int grayToMono(int bpl, int h, uint8_t* data, unsigned long skip) {
     if (wb % 8 != 0) data[out++] = acc;
   }
   return out;
+}
+
+std::vector<uint8_t> asPrinted(std::vector<uint8_t> rows, size_t rowBytes) {
+  for (size_t start = rowBytes; rowBytes > 0 && start + rowBytes <= rows.size(); start += rowBytes) {
+    uint8_t* row = rows.data() + start;
+    if (std::all_of(row, row + rowBytes, [](uint8_t b) { return b == 0xFF; })) std::copy_n(row - rowBytes, rowBytes, row);
+  }
+  return rows;
 }
 
 std::string zplLine(const uint8_t* row, int n, int& lastSet) {
