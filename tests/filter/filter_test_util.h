@@ -1,6 +1,6 @@
 #pragma once
-// Shared by the filter configuration tests: capture what the setup commands
-// write, and write small PPD files.
+// Shared by the filter tests: capture what the setup commands write, and
+// write small PPD files.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -9,39 +9,32 @@
 #include <functional>
 #include <string>
 
-#include "printer/kelvo_printer.h"
+#include "tests/common/memory_printer.h"
 
-// A printer whose one stream is a temporary file, published as sPrinter.
-class CapturePrinter : public KelvoPrinter {
- public:
-  CapturePrinter() : file_(std::tmpfile()) { getOutputStreams().front() = file_; sPrinter = this; }
-  ~CapturePrinter() override { sPrinter = nullptr; std::fclose(file_); }
-  void doPrintImage(const unsigned char*, unsigned long, unsigned long, unsigned long) override {}
-  std::string contents() {
-    std::string text(static_cast<size_t>(std::ftell(file_)), '\0');
-    std::rewind(file_);
-    text.resize(std::fread(&text[0], 1, text.size(), file_));
-    return text;
-  }
-
- private:
-  FILE* file_;
-};
-
+// What `write` sends through the current printer.
 inline std::string printed(const std::function<void()>& write) {
-  CapturePrinter printer;
+  MemoryPrinter printer;
+  sPrinter = &printer;
   write();
-  return printer.contents();
+  sPrinter = nullptr;
+  return printer.take();
 }
 
-// A temporary file, removed at the end; the process id keeps test cases that
-// ctest runs in parallel apart.
+// The process id keeps test cases that ctest runs in parallel apart.
+inline std::string scratchPath(const std::string& name) {
+  return testing::TempDir() + "kelvo_" + std::to_string(getpid()) + "_" + name;
+}
+
+// A file holding `text`, removed at the end.
 struct TempFile {
-  TempFile(const std::string& name, const std::string& text)
-      : path(testing::TempDir() + "kelvo_" + std::to_string(getpid()) + "_" + name) { std::ofstream(path) << text; }
+  TempFile(const std::string& name, const std::string& text) : path(scratchPath(name)) {
+    std::ofstream(path, std::ios::binary) << text;
+  }
   ~TempFile() { std::remove(path.c_str()); }
   std::string path;
 };
+
+inline std::string ppdPath(const char* name) { return std::string(KELVO_PPD_DIR) + "/" + name; }
 
 inline std::string ppdText(const std::string& body) {
   return "*PPD-Adobe: \"4.3\"\n*FormatVersion: \"4.3\"\n*LanguageVersion: English\n*LanguageEncoding: ISOLatin1\n" +
@@ -54,4 +47,11 @@ inline std::string ppdOption(const std::string& name, const std::string& def,
   std::string text = "*OpenUI *" + name + ": PickOne\n*Default" + name + ": " + def + "\n";
   for (const std::string& choice : choices) text += "*" + name + " " + choice + ": \"\"\n";
   return text + "*CloseUI: *" + name + "\n";
+}
+inline std::string ppdOption(const std::string& name, const std::string& def) { return ppdOption(name, def, {def}); }
+
+// A PPD with one 4x6 inch page size and `body`.
+inline std::string labelPpd(const std::string& body) {
+  return ppdText(ppdOption("PageSize", "w288h432") + "*PaperDimension w288h432: \"288 432\"\n" +
+                 "*ImageableArea w288h432: \"4 6 280 420\"\n" + body);
 }

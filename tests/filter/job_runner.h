@@ -1,43 +1,22 @@
 #pragma once
-// Whole jobs through the real filter binary: raster files written with
-// libcups's own raster writer or byte by byte, the program run as the
-// spooler runs it, and everything it wrote collected.
+// Whole jobs through the real filter binary: raster streams written byte by
+// byte, so headers can say anything, the program run as the spooler runs it,
+// and everything it wrote collected.
 #include <cups/raster.h>
 #include <dirent.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <sstream>
-#include <string>
 #include <vector>
 
+#include "filter_test_util.h"
 #include "tools/zpl_decode.h"
 
 inline const std::string kLineFeeds(64, '\n');
-
-inline std::string ppdPath(const char* name) { return std::string(KELVO_PPD_DIR) + "/" + name; }
-
-inline std::string scratchPath(const std::string& name) {
-  return testing::TempDir() + "kelvo_job_" + std::to_string(getpid()) + "_" + name;
-}
-
-// A file for one test, removed at its end: written by the test later, or
-// at once with `bytes`.
-struct Scratch {
-  explicit Scratch(const std::string& name) : path(scratchPath(name)) {}
-  Scratch(const std::string& name, const std::string& bytes) : path(scratchPath(name)) {
-    std::ofstream(path, std::ios::binary) << bytes;
-  }
-  ~Scratch() { std::remove(path.c_str()); }
-  std::string path;
-};
 
 inline std::string slurp(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -48,43 +27,40 @@ inline std::string slurp(const std::string& path) {
 
 inline bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
-struct RasterPage {
-  unsigned width = 16, height = 4, dpi = 203, bitsPerPixel = 8, copies = 1;
-  std::string sizeName;
-  std::vector<unsigned char> pixels;  // bytes per line times height; missing bytes are zero
-  bool headerOnly = false;            // write no pixel data at all
-  unsigned bytesPerLine() const { return (width * bitsPerPixel + 7) / 8; }
+// An 8-bit K page, 0 = no ink; `pixels` are written as they are, however
+// many there are.
+struct RawPage {
+  cups_page_header2_t h;
+  std::string pixels;
 };
 
-// Writes the pages with libcups's raster writer (8-bit K, chunky, 0 = no ink).
-inline void writeRaster(const std::string& path, const std::vector<RasterPage>& pages) {
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  ASSERT_GE(fd, 0) << path;
-  cups_raster_t* raster = cupsRasterOpen(fd, CUPS_RASTER_WRITE);
-  for (const RasterPage& page : pages) {
-    cups_page_header2_t h;
-    std::memset(&h, 0, sizeof h);
-    std::snprintf(h.cupsPageSizeName, sizeof h.cupsPageSizeName, "%s", page.sizeName.c_str());
-    h.HWResolution[0] = h.HWResolution[1] = page.dpi;
-    h.PageSize[0] = page.width * 72 / (page.dpi ? page.dpi : 1);
-    h.PageSize[1] = page.height * 72 / (page.dpi ? page.dpi : 1);
-    h.NumCopies = page.copies;
-    h.cupsWidth = page.width;
-    h.cupsHeight = page.height;
-    h.cupsBitsPerColor = page.bitsPerPixel;
-    h.cupsBitsPerPixel = page.bitsPerPixel;
-    h.cupsBytesPerLine = page.bytesPerLine();
-    h.cupsColorOrder = CUPS_ORDER_CHUNKED;
-    h.cupsColorSpace = CUPS_CSPACE_K;
-    h.cupsNumColors = 1;
-    ASSERT_TRUE(cupsRasterWriteHeader2(raster, &h));
-    if (page.headerOnly) continue;
-    std::vector<unsigned char> bytes = page.pixels;
-    bytes.resize(static_cast<size_t>(page.bytesPerLine()) * page.height, 0);
-    if (!bytes.empty()) cupsRasterWritePixels(raster, bytes.data(), static_cast<unsigned>(bytes.size()));
-  }
-  cupsRasterClose(raster);
-  close(fd);
+inline RawPage page(unsigned width, unsigned height, unsigned dpi = 203, unsigned char ink = 0) {
+  RawPage p{{}, std::string(static_cast<size_t>(width) * height, static_cast<char>(ink))};
+  p.h.HWResolution[0] = p.h.HWResolution[1] = dpi;
+  p.h.NumCopies = 1;
+  p.h.cupsWidth = width;
+  p.h.cupsHeight = height;
+  p.h.cupsBitsPerColor = p.h.cupsBitsPerPixel = 8;
+  p.h.cupsBytesPerLine = width;
+  p.h.cupsColorOrder = CUPS_ORDER_CHUNKED;
+  p.h.cupsColorSpace = CUPS_CSPACE_K;
+  p.h.cupsNumColors = 1;
+  return p;
+}
+
+inline RawPage noisePage(unsigned width, unsigned height, unsigned dpi = 203, uint32_t seed = 1) {
+  RawPage p = page(width, height, dpi);
+  for (char& c : p.pixels) c = static_cast<char>((seed = seed * 1103515245u + 12345u) >> 24);
+  return p;
+}
+
+// An uncompressed raster stream in this machine's byte order, as libcups
+// writes one.
+inline std::string rasterStream(const std::vector<RawPage>& pages) {
+  const uint32_t sync = CUPS_RASTER_SYNC;
+  std::string bytes(reinterpret_cast<const char*>(&sync), sizeof sync);
+  for (const RawPage& p : pages) bytes.append(reinterpret_cast<const char*>(&p.h), sizeof p.h) += p.pixels;
+  return bytes;
 }
 
 // The filter saves two debug pictures per page in the spooler's temporary
@@ -166,7 +142,7 @@ inline std::vector<std::string> jobArgs(const std::string& options, const std::s
 // Runs a job on raster bytes as they are.
 inline JobResult runJob(const std::string& raster, const std::string& options, const std::string& ppd,
                         Output output = Output::Capture) {
-  const Scratch input("job.ras", raster);
+  const TempFile input("job.ras", raster);
   return runFilter(jobArgs(options, input.path), ppd, "", output);
 }
 

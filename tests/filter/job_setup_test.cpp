@@ -30,6 +30,10 @@ TEST(JobSetup, LabelSizeInDotsAt203Dpi) {
       {{mm(103, 203), mm(1218, 300)}, "^PW102\r\n^LL824\r\n"},  // 203 dpi whatever the raster's resolution
       {{0.0f, -1.0f}, "^PW0\r\n^LL-7\r\n"},
       {{NAN, INFINITY}, "^PW0\r\n^LL2147483647\r\n"},  // a zero resolution in the header: no size, no crash
+      // Sizes past a dot count (a 128 MiB row at 1 dpi is 3.4e9 mm) saturate
+      // instead of being undefined.
+      {{3.4e9f, -3.4e9f}, "^PW2147483647\r\n^LL-2147483648\r\n"},
+      {{-INFINITY, 3.4e9f}, "^PW-2147483648\r\n^LL2147483647\r\n"},
   };
   for (const auto& c : cases) EXPECT_EQ(printed([&] { setSize(c.first.first, c.first.second); }), c.second);
 }

@@ -13,7 +13,7 @@ struct PpdFile {
 
 TEST(PpdHelpers, MarkedThenDeclaredThenCallerDefault) {
   PpdFile f(ppdOption("PaperType", "Continue", {"LabelGaps", "Continue"}) + ppdOption("Ghost", "Gone", {"Here"}) +
-            ppdOption("Resolution", "203dpi", {"203dpi"}) + "*kelvoOut: \"/var/tmp/rec\"\n*kelvoScale Main: \"2.5\"\n");
+            ppdOption("Resolution", "203dpi") + "*kelvoOut: \"/var/tmp/rec\"\n*kelvoScale Main: \"2.5\"\n");
   ASSERT_NE(f.ppd, nullptr);
   EXPECT_STREQ(kelvoPpdGetChoiceAsStrDefault(f.ppd, "PaperType", "x"), "Continue");  // nothing marked yet
   ppdMarkOption(f.ppd, "PaperType", "LabelGaps");
@@ -40,7 +40,7 @@ TEST(PpdHelpers, TruthValues) {
                                                {"3", 3},   {"300", 44}, {"256", 0},  {"200", -56}, {"On", 0}};
   std::string body;
   for (size_t i = 0; i < std::size(cases); ++i)
-    body += ppdOption("B" + std::to_string(i), cases[i].first, {cases[i].first});
+    body += ppdOption("B" + std::to_string(i), cases[i].first);
   PpdFile f(body);
   ASSERT_NE(f.ppd, nullptr);
   for (size_t i = 0; i < std::size(cases); ++i)

@@ -11,14 +11,10 @@ namespace {
 
 const char kLongWord[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmn";  // 40 characters, the most a PPD allows
 
-std::string labelPpd(const std::string& extra = "") {
-  return ppdText(ppdOption("PageSize", "w288h432", {"w288h432"}) + "*PaperDimension w288h432: \"288 432\"\n"
-                 "*ImageableArea w288h432: \"4 6 280 420\"\n" +
-                 ppdOption("MediaMethod", "Transfer", {"Transfer"}) + ppdOption("GapsHeight", "3", {"3"}) +
-                 ppdOption("Occurrence", kLongWord, {kLongWord}) +
-                 ppdOption("HalftoneType", "Burkes", {"Burkes", "Tattoo_x8"}) +
-                 ppdOption("MirrorImage", "True", {"True"}) + ppdOption("PrintSpeed", "3", {"3", "4"}) +
-                 ppdOption("Brightness", "-20", {"-20"}) + extra);
+std::string settingsPpd(const std::string& extra = "") {
+  return labelPpd(ppdOption("MediaMethod", "Transfer") + ppdOption("GapsHeight", "3") + ppdOption("Occurrence", kLongWord) +
+                  ppdOption("HalftoneType", "Burkes", {"Burkes", "Tattoo_x8"}) + ppdOption("MirrorImage", "True") +
+                  ppdOption("PrintSpeed", "3", {"3", "4"}) + ppdOption("Brightness", "-20") + extra);
 }
 
 Settings parse(const std::string& ppdPath, const char* options, std::string* log = nullptr) {
@@ -33,7 +29,7 @@ Settings parse(const std::string& ppdPath, const char* options, std::string* log
 }
 
 TEST(Settings, PpdDefaultsJobOptionsAndLog) {
-  TempFile ppd("settings.ppd", labelPpd());
+  TempFile ppd("settings.ppd", settingsPpd());
   std::string log;
   const Settings s = parse(ppd.path, "PrintSpeed=4", &log);
   EXPECT_EQ(s.Brightness, -20);
@@ -61,13 +57,12 @@ TEST(Settings, RecordingFileName) {
   const std::pair<std::string, std::string> cases[] = {
       {prefix, ""},
       {prefix + ppdOption("RecordPrinterCommands", "1", {"0", "1"}), "/var/tmp/rec-(\\d{14})\\.bin"},
-      {ppdOption("RecordPrinterCommands", "2", {"2"}), "-(\\d{14})\\.bin"},  // relative without the attribute
+      {ppdOption("RecordPrinterCommands", "2"), "-(\\d{14})\\.bin"},  // relative without the attribute
       // A name that would not fit is not cut short: nothing is recorded.
-      {"*kelvoFilterOutputFile: \"/" + std::string(240, 'd') + "\"\n" + ppdOption("RecordPrinterCommands", "1", {"1"}),
-       ""},
+      {"*kelvoFilterOutputFile: \"/" + std::string(240, 'd') + "\"\n" + ppdOption("RecordPrinterCommands", "1"), ""},
   };
   for (const auto& c : cases) {
-    TempFile ppd("record.ppd", labelPpd(c.first));
+    TempFile ppd("record.ppd", settingsPpd(c.first));
     const time_t before = std::time(nullptr);
     const std::string name = parse(ppd.path, "").outputFile;
     std::smatch match;

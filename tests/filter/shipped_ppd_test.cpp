@@ -19,7 +19,7 @@ std::set<std::string> choices(ppd_file_t* ppd, const char* keyword) {
 
 TEST(ShippedPpd, CupsRendersEightBitBlackPagesAndChoicesFitTheCommands) {
   for (const char* name : {"kelvo203.ppd", "kelvo300.ppd", "kelvotat.ppd"}) {
-    ppd_file_t* ppd = ppdOpenFile((std::string(KELVO_PPD_DIR) + "/" + name).c_str());
+    ppd_file_t* ppd = ppdOpenFile(ppdPath(name).c_str());
     ASSERT_NE(ppd, nullptr) << name;
     ppdMarkDefaults(ppd);
     cups_page_header2_t h;
