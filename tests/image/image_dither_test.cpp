@@ -33,58 +33,6 @@ TEST(Dither, OrderedTablesOnFlatPages) {
   for (const Case& c : cases) EXPECT_EQ(flatTile(c.method, c.level), c.tile) << c.method << "/" << int(c.level);
 }
 
-struct Cell { int dx, dy, w; };
-struct RefKernel { std::vector<long> methods; int divisor; std::vector<Cell> cells; };
-
-const RefKernel kKernels[] = {
-    {{2}, 32, {{1, 0, 8}, {2, 0, 4}, {-2, 1, 2}, {-1, 1, 4}, {0, 1, 8}, {1, 1, 4}, {2, 1, 2}}},
-    {{3}, 42, {{1, 0, 8}, {2, 0, 4}, {-2, 1, 2}, {-1, 1, 4}, {0, 1, 8}, {1, 1, 4}, {2, 1, 2},
-               {-2, 2, 1}, {-1, 2, 2}, {0, 2, 4}, {1, 2, 2}, {2, 2, 1}}},
-    {{4}, 48, {{1, 0, 7}, {2, 0, 5}, {-2, 1, 3}, {-1, 1, 5}, {0, 1, 7}, {1, 1, 5}, {2, 1, 3},
-               {-2, 2, 1}, {-1, 2, 3}, {0, 2, 5}, {1, 2, 3}, {2, 2, 1}}},
-    {{5}, 32, {{1, 0, 5}, {2, 0, 3}, {-2, 1, 2}, {-1, 1, 4}, {0, 1, 5}, {1, 1, 4}, {2, 1, 2},
-               {-1, 2, 2}, {0, 2, 3}, {1, 2, 2}}},
-    {{6}, 200, {{2, 0, 32}, {-3, 1, 12}, {-1, 1, 26}, {1, 1, 30}, {3, 1, 16}, {-2, 2, 12}, {0, 2, 26},
-                {2, 2, 12}, {-3, 3, 5}, {-1, 3, 12}, {1, 3, 12}, {3, 3, 5}}},
-    {{-1, 8, 9, 100}, 16, {{1, 0, 7}, {-1, 1, 3}, {0, 1, 5}, {1, 1, 1}}},
-};
-
-// Plain error diffusion on a level grid: threshold 128, each share truncated
-// toward zero, clamped as it lands, cells off the page dropped.
-std::vector<int> referenceDiffusion(std::vector<int> g, int w, int h, const RefKernel& k) {
-  std::vector<int> out(g.size());
-  for (int y = 0; y < h; ++y) {
-    for (int x = 0; x < w; ++x) {
-      const int level = g[y * w + x];
-      out[y * w + x] = level > 128;
-      const int err = level > 128 ? level - 255 : level;
-      for (const Cell& c : k.cells) {
-        const int nx = x + c.dx, ny = y + c.dy;
-        if (nx < 0 || nx >= w || ny >= h) continue;
-        const int v = g[ny * w + nx] + err * c.w / k.divisor;
-        g[ny * w + nx] = v < 0 ? 0 : (v > 255 ? 255 : v);
-      }
-    }
-  }
-  return out;
-}
-
-TEST(Dither, ErrorDiffusionMatchesPlainKernels) {
-  const int w = 13, h = 9;
-  std::vector<int> levels;
-  for (int y = 0; y < h; ++y)
-    for (int x = 0; x < w; ++x) levels.push_back((x * 37 + y * 91 + x * y * 13) % 256);
-  for (const RefKernel& k : kKernels) {
-    const std::vector<int> expected = referenceDiffusion(levels, w, h, k);
-    for (long method : k.methods) {
-      PaletteImage img;
-      makeGray(img, w, h, std::vector<uint8_t>(levels.begin(), levels.end()));
-      ASSERT_TRUE(img.Dither(method));
-      EXPECT_EQ(indices(img), expected) << "method " << method;
-    }
-  }
-}
-
 TEST(Dither, WorkedExamplesAndOneBit) {
   PaletteImage img;
   makeFlat(img, 2, 1, 128);  // 0 first, then 128 + 128 * 7 / 16 = 184 gives 1

@@ -1,35 +1,21 @@
 // The printer object and its page pipeline: clamps, the debug BMP files, the
 // anti-wrinkle frame and the blank-row counters. The halftone dispatch is held
 // to the plain definitions in tests/reference.
+#include <glob.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <string>
+#include <fstream>
+#include <iterator>
 #include <vector>
 
-#include "printer/zpl_printer.h"
+#include "tests/common/memory_printer.h"
 
 namespace {
 
-class TestPrinter : public ZplPrinter {
- public:
-  PaletteImage* processed() { return pimage; }
-  void setPattern(const std::string& pattern) { std::snprintf(imagePathPattern_, sizeof imagePathPattern_, "%s", pattern.c_str()); }
-};
-
 std::string readFile(const std::string& path) {
-  std::string bytes;
-  if (FILE* f = std::fopen(path.c_str(), "rb")) {
-    char buf[4096];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) bytes.append(buf, n);
-    std::fclose(f);
-  }
-  return bytes;
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 uint32_t le32(const std::string& s, size_t at) {
@@ -38,7 +24,7 @@ uint32_t le32(const std::string& s, size_t at) {
 }
 
 TEST(PrinterObject, DefaultsAndClamps) {
-  TestPrinter p;
+  ZplPrinter p;
   EXPECT_EQ(p.getPrintSpeed(), 7);
   EXPECT_EQ(p.getPrintDensity(), 8);
   ASSERT_EQ(p.getOutputStreams().size(), 1u);
@@ -70,7 +56,7 @@ TEST(PrinterObject, DefaultsAndClamps) {
 }
 
 TEST(PrinterObject, PrintFormatReturnsCountOfLastStream) {
-  TestPrinter p;
+  ZplPrinter p;
   p.getOutputStreams().clear();
   EXPECT_EQ(p.printFormat("^PQ%d\n", 3), 0);  // no stream, nothing written
   FILE* a = std::tmpfile();
@@ -97,7 +83,7 @@ TEST(PageProcess, TypeNumberGoesToDitherUnchanged) {
   for (size_t i = 0; i < page.size(); ++i) page[i] = static_cast<unsigned char>(i * 37 % 256);
   for (int type : {0, 1, 2, 3, 4, 5, 6, 7, 10, 42}) {
     for (bool negative : {false, true}) {
-      TestPrinter p;
+      MemoryPrinter p;
       p.setHalftoneType(static_cast<DitherType>(type));
       p.setNegativePrint(negative);
       std::vector<unsigned char> scratch(2 * page.size());
@@ -120,19 +106,18 @@ class SavedImage : public testing::Test {
     char dirTemplate[] = "/tmp/kelvo-bmp-XXXXXX";
     ASSERT_NE(mkdtemp(dirTemplate), nullptr);
     dir = dirTemplate;
-    p.setPattern(dir + "/img_%d-%d-%d_%d_%d_%d_%ld.bmp");
+    p.setImagePattern(dir + "/img_%d-%d-%d_%d_%d_%d_%ld.bmp");
   }
   void TearDown() override { std::system(("rm -rf " + dir).c_str()); }
   std::string onlyFile() {
-    std::string listing;
-    FILE* ls = popen(("ls " + dir).c_str(), "r");
-    char buf[512];
-    while (std::fgets(buf, sizeof buf, ls)) listing += buf;
-    pclose(ls);
-    EXPECT_EQ(std::count(listing.begin(), listing.end(), '\n'), 1) << listing;
-    return dir + "/" + listing.substr(0, listing.find('\n'));
+    glob_t found{};
+    glob((dir + "/*").c_str(), 0, nullptr, &found);
+    EXPECT_EQ(found.gl_pathc, 1u);
+    const std::string path = found.gl_pathc > 0 ? found.gl_pathv[0] : "";
+    globfree(&found);
+    return path;
   }
-  TestPrinter p;
+  MemoryPrinter p;
   std::string dir;
 };
 
@@ -172,7 +157,7 @@ TEST_F(SavedImage, OneBitRowsBottomUpWithPaperBitsSet) {
 }
 
 TEST_F(SavedImage, UnwritableDirectoryOnlyCostsTheMessage) {
-  p.setPattern("/nonexistent-kelvo-dir/x_%d-%d-%d_%d_%d_%d_%ld.bmp");
+  p.setImagePattern("/nonexistent-kelvo-dir/x_%d-%d-%d_%d_%d_%d_%ld.bmp");
   const uint64_t before = page_index;
   const unsigned char data[4] = {};
   testing::internal::CaptureStderr();
@@ -193,7 +178,7 @@ class AntiWrinkle : public testing::TestWithParam<FrameCase> {};
 
 TEST_P(AntiWrinkle, FrameAlongTheCanvas) {
   const FrameCase c = GetParam();
-  TestPrinter p;
+  ZplPrinter p;
   cups_page_header2_t header{};
   std::snprintf(header.cupsPageSizeName, sizeof header.cupsPageSizeName, "%s", c.pageSize);
   p.setPageHeader(&header);

@@ -1,4 +1,6 @@
-// Halftoning, packing and the row encoder against the plain definitions.
+// Halftoning, packing and the row encoder against the plain definitions:
+// every error-diffusion kernel, the ordered tables and the threshold on
+// every width.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -18,7 +20,7 @@ void grayImage(PaletteImage& img, const std::vector<uint8_t>& data, int width, i
 TEST(ImageEquivalence, DitherEveryMethodAndWidth) {
   std::mt19937 rng(1234);
   for (int width = 1; width <= 70; ++width) {
-    for (long method : {0L, 1L, 2L, 3L, 4L, 5L, 6L, 7L, 8L, -1L, 100L}) {
+    for (long method : {0L, 1L, 2L, 3L, 4L, 5L, 6L, 7L, 8L, 9L, -1L, 100L}) {
       const int height = 1 + static_cast<int>(rng() % 8);
       const std::vector<uint8_t> data = kref::randomPage(width, height, width, rng());
       SCOPED_TRACE("method " + std::to_string(method) + ", " + std::to_string(width) + "x" + std::to_string(height));
