@@ -19,31 +19,14 @@ src=$(dirname "$here")
 # shellcheck source=e2e/lib.sh
 . "$here/lib.sh"
 
-build="" filter="" zplpreview="" pngtoraster="" fake=""
-while [ $# -gt 0 ]; do
-  case $1 in
-    --build-dir) build=$2 ;;
-    --filter) filter=$2 ;;
-    --zplpreview) zplpreview=$2 ;;
-    --pngtoraster) pngtoraster=$2 ;;
-    --fake-printer) fake=$2 ;;
-    *) e2e_die "unknown argument $1 (see the top of $0)" ;;
-  esac
-  shift 2 || e2e_die "$1 needs a value"
-done
-[ -n "$build" ] || e2e_die "--build-dir is required"
-build=$(cd "$build" && pwd) || e2e_die "no build tree at $build"
-filter=${filter:-$build/filter/rastertokelvozpl}
-zplpreview=${zplpreview:-$build/tools/zplpreview}
-pngtoraster=${pngtoraster:-$build/tools/pngtoraster}
-fake=${fake:-$build/tests/e2e/fakezplprinter}
+[ "${1:-}" = --build-dir ] && [ -n "${2:-}" ] || e2e_die "usage: $0 --build-dir <build tree>"
+build=$(cd "$2" && pwd) || e2e_die "no build tree at $2"
+filter=$build/filter/rastertokelvozpl zplpreview=$build/tools/zplpreview
+pngtoraster=$build/tools/pngtoraster fake=$build/tests/e2e/fakezplprinter
 for program in "$filter" "$zplpreview" "$pngtoraster" "$fake"; do
   [ -x "$program" ] || e2e_die "$program is missing: build the project first"
 done
-for command in cupsd lpadmin lp lpstat gs timeout; do
-  command -v "$command" >/dev/null ||
-    e2e_die "$command not found: install the Debian packages cups cups-client cups-filters ghostscript"
-done
+e2e_require cupsd lpadmin lp lpstat gs timeout
 
 T=$(mktemp -d /tmp/kelvo-e2e.XXXXXX)
 passed=0
@@ -184,11 +167,7 @@ check_by_hand() {
   cmp "$job" "$T/jobs/$name.by-hand.zpl" || e2e_die "$name: the printer got other bytes than the filter run by hand"
 }
 
-e2e_start_printer label
-e2e_start_printer tattoo
-e2e_start_cupsd
-e2e_add_queue label "$E2E_PPD_DIR/kelvo203.ppd"
-e2e_add_queue tattoo "$E2E_PPD_DIR/kelvotat.ppd"
+e2e_start_queues
 
 count=0
 while read -r name queue document format copies inks setup options; do

@@ -8,9 +8,7 @@
 # Sourced by e2e-test.sh and try-driver.sh. In outline:
 #   e2e_init <scratch-dir> <build-dir> <fakezplprinter>
 #   trap e2e_stop_all EXIT
-#   e2e_start_printer label                  # sets E2E_PORT[label]
-#   e2e_start_cupsd
-#   e2e_add_queue label "$E2E_PPD_DIR/kelvo203.ppd"
+#   e2e_start_queues                         # queues label and tattoo
 #   id=$(e2e_print label picture.png -o Darkness=20)
 #   e2e_wait_job "$id" 120
 #   e2e_take_output label                    # sets E2E_OUTPUT: the bytes received
@@ -34,6 +32,15 @@ e2e_log() { echo "e2e: $*" >&2; }
 e2e_die() {
   echo "e2e: FAILED: $*" >&2
   exit 1
+}
+
+# Dies unless every command named is installed.
+e2e_require() {
+  local command
+  for command in "$@"; do
+    command -v "$command" >/dev/null ||
+      e2e_die "$command not found: install the Debian packages cups cups-client cups-filters ghostscript cmake"
+  done
 }
 
 # Polls "$@" every 0.2 s until it succeeds or `seconds` have passed.
@@ -67,10 +74,10 @@ e2e_init() {
     DESTDIR="$E2E_ROOT/install" cmake --install "$E2E_BUILD" --component "$component" >/dev/null ||
       e2e_die "cmake --install of the $component component failed"
   done
-  E2E_FILTER_DIR=$E2E_ROOT/install$(e2e_install_dir KELVO_CUPS_FILTER_DIR)
+  E2E_FILTER_DIR=$(dirname "$(find "$E2E_ROOT/install" -name rastertokelvozpl -type f | head -1)")
   # shellcheck disable=SC2034  # for the scripts that source this
-  E2E_PPD_DIR=$E2E_ROOT/install$(e2e_install_dir KELVO_PPD_INSTALL_DIR)
-  [ -x "$E2E_FILTER_DIR/rastertokelvozpl" ] || e2e_die "the install put no filter in $E2E_FILTER_DIR"
+  E2E_PPD_DIR=$(dirname "$(find "$E2E_ROOT/install" -name kelvo203.ppd | head -1)")
+  [ -x "$E2E_FILTER_DIR/rastertokelvozpl" ] || e2e_die "the install put no filter under $E2E_ROOT/install"
 
   local system_bin sub f
   system_bin=$(cups-config --serverbin 2>/dev/null || echo /usr/lib/cups)
@@ -90,22 +97,6 @@ e2e_init() {
   export HOME=$E2E_ROOT/home
 }
 
-# Value of a variable in the build tree's CMake cache.
-e2e_cache_var() {
-  sed -n "s/^$1:[A-Z]*=//p" "$E2E_BUILD/CMakeCache.txt"
-}
-
-# An install folder named by a cache variable; a relative one lies under
-# the install prefix.
-e2e_install_dir() {
-  local dir
-  dir=$(e2e_cache_var "$1")
-  case $dir in
-    /*) echo "$dir" ;;
-    *) echo "$(e2e_cache_var CMAKE_INSTALL_PREFIX)/$dir" ;;
-  esac
-}
-
 # Starts a fake ZPL printer named `name`; its jobs land in out/<name>/.
 e2e_start_printer() {
   local name=$1
@@ -118,18 +109,12 @@ e2e_start_printer() {
   E2E_PORT[$name]=$(cat "$dir.port")
 }
 
-e2e_datadir() {
-  local d
-  d=$(cups-config --datadir 2>/dev/null) && [ -d "$d" ] && echo "$d" && return
-  echo /usr/share/cups
-}
-
 e2e_write_config() {
   local conf=$E2E_ROOT/conf
   {
     echo "ServerRoot $conf"
     echo "ServerBin $E2E_ROOT/serverbin"
-    echo "DataDir $(e2e_datadir)"
+    echo "DataDir $(cups-config --datadir 2>/dev/null || echo /usr/share/cups)"
     echo "DocumentRoot $E2E_ROOT/state"
     echo "RequestRoot $E2E_ROOT/spool"
     echo "TempDir $E2E_ROOT/spool/tmp"
@@ -222,6 +207,16 @@ e2e_print() {
 
 e2e_job_done() {
   ! lpstat -W not-completed -o 2>/dev/null | grep -q -- "-$1 "
+}
+
+# The two fake printers and their queues, label (kelvo203.ppd) and tattoo
+# (kelvotat.ppd), in a running private scheduler.
+e2e_start_queues() {
+  e2e_start_printer label
+  e2e_start_printer tattoo
+  e2e_start_cupsd
+  e2e_add_queue label "$E2E_PPD_DIR/kelvo203.ppd"
+  e2e_add_queue tattoo "$E2E_PPD_DIR/kelvotat.ppd"
 }
 
 # Waits until job `id` has left the queue and checks that it completed.

@@ -33,10 +33,7 @@ while [ $# -gt 0 ]; do
   esac
   shift
 done
-for command in cupsd lpadmin lp lpstat gs cmake; do
-  command -v "$command" >/dev/null ||
-    e2e_die "$command not found: install the Debian packages cups cups-client cups-filters ghostscript cmake"
-done
+e2e_require cupsd lpadmin lp lpstat gs cmake
 
 if [ ! -f "$build/CMakeCache.txt" ]; then
   cmake -S "$src" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null || e2e_die "cmake configure failed"
@@ -59,11 +56,7 @@ trap finish EXIT
 trap 'exit 130' INT TERM
 
 e2e_init "$T" "$build" "$build/tests/e2e/fakezplprinter"
-e2e_start_printer label
-e2e_start_printer tattoo
-e2e_start_cupsd
-e2e_add_queue label "$E2E_PPD_DIR/kelvo203.ppd"
-e2e_add_queue tattoo "$E2E_PPD_DIR/kelvotat.ppd"
+e2e_start_queues
 e2e_log "private CUPS server up; queues: label (ZPL Label Printer 203dpi), tattoo (ZPL Tattoo Stencil 300dpi)"
 
 # try_print <name> <queue> <file> [lp options...]: prints, waits, previews.
