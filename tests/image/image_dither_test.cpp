@@ -48,7 +48,7 @@ TEST(Dither, WorkedExamplesAndOneBit) {
 
 // Flat black and white pages stay so on every width, with the exact palette.
 TEST(Dither, EveryMethodEveryWidth) {
-  for (long method = -1; method <= 8; ++method)
+  for (long method : {-1L, 0L, 1L, 2L, 3L, 4L, 5L, 6L, 7L, 8L, 9L, 100L})
     for (unsigned w = 1; w <= 17; ++w)
       for (uint8_t flat : {0, 255}) {
         PaletteImage img;

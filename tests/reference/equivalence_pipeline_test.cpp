@@ -43,7 +43,7 @@ void expectSamePage(CapturePrinter& p, const std::vector<uint8_t>& data, int str
   SCOPED_TRACE("type " + std::to_string(o.type) + ", " + std::to_string(width) + "x" + std::to_string(height) +
                " stride " + std::to_string(stride) + ", b/c " + std::to_string(o.brightness) + "/" +
                std::to_string(o.contrast) + (o.rotate ? " rot" : "") + (o.mirror ? " mir" : "") +
-               (o.negative ? " neg" : ""));
+               (o.negative ? " neg" : "") + ", skip " + std::to_string(p.getSkipRightPixels()));
   p.apply(o);
   p.page(data, stride, width, height);
   const std::string graphic = p.take();
@@ -55,7 +55,7 @@ void expectSamePage(CapturePrinter& p, const std::vector<uint8_t>& data, int str
   const std::vector<uint8_t> bits(got.GetBits(0), got.GetBits(0) + want.px.size());
   ASSERT_EQ(bits, want.px);
   int lastSet = 0;
-  EXPECT_EQ(graphic, kref::zplGraphic(want.px.data(), width, height, 2, 0, lastSet));
+  EXPECT_EQ(graphic, kref::zplGraphic(want.px.data(), width, height, 2, p.getSkipRightPixels(), lastSet));
   // The output buffer: a dot index 1 becomes 0xFF, then the negative flips.
   for (int y = 0; y < height; ++y)
     for (int x = 0; x < width; ++x) {
@@ -89,6 +89,7 @@ TEST(PipelineEquivalence, EveryTypeAndWidth) {
   }
 }
 
+// Pages wider than any row above, half of them with a skipped right edge.
 TEST(PipelineEquivalence, LargePages) {
   std::mt19937 rng(77);
   CapturePrinter p;
@@ -100,6 +101,7 @@ TEST(PipelineEquivalence, LargePages) {
       o.negative = type % 3 == 1;
       o.mirror = type % 4 == 2;
       o.brightness = type % 2 ? 15 : 0;
+      p.setSkipRightPixels(type % 2 ? 0 : 5);
       expectSamePage(p, kref::randomPage(s.w, s.h, s.w, rng()), s.w, s.w, s.h, o);
     }
   }
