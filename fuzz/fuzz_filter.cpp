@@ -8,9 +8,10 @@
 // with libcups) comes out as one graphic of the page's size.
 #include <cups/raster.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -39,17 +40,11 @@ kfuzz::MemFile* gPpd[3];
 // exist: a job option can switch recording on, and a fuzzer must not leave
 // a file per second in the spooler's folder.
 std::string shippedPpd(const char* name) {
-  std::ifstream in(std::string(KELVO_FUZZ_PPD_DIR) + "/" + name);
-  if (!in) kfuzz::fail("shipped PPD %s not found in %s", name, KELVO_FUZZ_PPD_DIR);
-  std::ostringstream text;
-  text << in.rdbuf();
-  std::string ppd = text.str();
+  std::string ppd = kfuzz::readFile(std::string(KELVO_FUZZ_PPD_DIR) + "/" + name);
+  if (ppd.empty()) kfuzz::fail("shipped PPD %s not found in %s", name, KELVO_FUZZ_PPD_DIR);
   const std::string attribute = "*kelvoFilterOutputFile:";
   const size_t at = ppd.find(attribute);
-  if (at != std::string::npos) {
-    const size_t end = ppd.find('\n', at);
-    ppd.replace(at, end - at, attribute + " \"/nonexistent/kelvo-fuzz/record\"");
-  }
+  if (at != std::string::npos) ppd.replace(at, ppd.find('\n', at) - at, attribute + " \"/nonexistent/kelvo-fuzz/record\"");
   return ppd;
 }
 
@@ -57,7 +52,7 @@ std::string shippedPpd(const char* name) {
 // the first one that ends the job, that arrive in full. False when the
 // pages are too large to fuzz quickly.
 bool expectedPages(std::vector<Page>& pages) {
-  const int fd = open(gRaster->path().c_str(), O_RDONLY);
+  const int fd = open(gRaster->path.c_str(), O_RDONLY);
   if (fd < 0) kfuzz::fail("cannot reopen the raster");
   cups_raster_t* raster = cupsRasterOpen(fd, CUPS_RASTER_READ);
   cups_page_header2_t h;
@@ -98,7 +93,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   }
   // The printer's stream is standard output.
   std::fflush(stdout);
-  if (dup2(gOutput->fd(), STDOUT_FILENO) < 0) kfuzz::fail("cannot redirect standard output");
+  if (dup2(gOutput->fd, STDOUT_FILENO) < 0) kfuzz::fail("cannot redirect standard output");
   return 0;
 }
 
@@ -110,7 +105,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const uint8_t* zero = static_cast<const uint8_t*>(std::memchr(begin, 0, static_cast<size_t>(end - begin)));
   std::string options(reinterpret_cast<const char*>(begin), static_cast<size_t>((zero ? zero : end) - begin));
   const uint8_t* raster = zero ? zero + 1 : end;
-  gRaster->set(raster, static_cast<size_t>(end - raster));
+  gRaster->set(std::string(reinterpret_cast<const char*>(raster), static_cast<size_t>(end - raster)));
 
   std::vector<Page> pages;
   if (!expectedPages(pages)) return -1;
@@ -118,13 +113,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (ppdChoice == 3)
     unsetenv("PPD");
   else
-    setenv("PPD", gPpd[ppdChoice]->path().c_str(), 1);
-  gOutput->set("", 0);
+    setenv("PPD", gPpd[ppdChoice]->path.c_str(), 1);
+  gOutput->set("");
   lseek(STDOUT_FILENO, 0, SEEK_SET);
   std::clearerr(stdout);
   page_index = 0;
 
-  std::string path = gRaster->path();
+  std::string path = gRaster->path;
   char program[] = "rastertokelvozpl", job[] = "1", user[] = "fuzz", title[] = "fuzz", copies[] = "1";
   char* argv[] = {program, job, user, title, copies, &options[0], &path[0], nullptr};
   const int status = kelvoFilterMain(7, argv);

@@ -7,15 +7,14 @@
 //
 // Properties: every text field stays terminated within its size; the
 // halftone is one of the ten methods; the setup block is well formed.
-#include <cstdio>
-#include <cstdlib>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "filter/job_setup.h"
 #include "filter/settings.h"
 #include "fuzz_util.h"
-#include "printer/kelvo_printer.h"
+#include "tests/common/memory_printer.h"
 
 namespace {
 
@@ -25,27 +24,11 @@ const char* const kOptions[] = {"PageSize",   "Resolution",   "MediaMethod",   "
                                 "RecordPrinterCommands"};
 const size_t kOptionCount = sizeof kOptions / sizeof kOptions[0];
 
-class CapturePrinter : public KelvoPrinter {
- public:
-  explicit CapturePrinter(FILE* stream) {
-    outputStreams_.clear();
-    outputStreams_.push_back(stream);
-  }
-  void doPrintImage(const unsigned char*, unsigned long, unsigned long, unsigned long) override {}
-};
-
-std::vector<std::string> lines(const uint8_t* p, const uint8_t* end) {
-  std::vector<std::string> out;
-  while (p < end) {
-    const uint8_t* nl = static_cast<const uint8_t*>(std::memchr(p, '\n', static_cast<size_t>(end - p)));
-    const uint8_t* stop = nl ? nl : end;
-    out.emplace_back(reinterpret_cast<const char*>(p), static_cast<size_t>(stop - p));
-    p = nl ? nl + 1 : end;
-  }
-  return out;
-}
-
-std::string makePpd(const std::vector<std::string>& words) {
+// The PPD that the input's lines describe (see the top of this file).
+std::string makePpd(const std::string& text) {
+  std::vector<std::string> words;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) words.push_back(line);
   std::string ppd =
       "*PPD-Adobe: \"4.3\"\n*FormatVersion: \"4.3\"\n*FileVersion: \"1.0\"\n*LanguageVersion: English\n"
       "*LanguageEncoding: ISOLatin1\n*PCFileName: \"FUZZ.PPD\"\n*Manufacturer: \"Kelvo\"\n*Product: \"(Fuzz)\"\n"
@@ -85,15 +68,13 @@ std::string makePpd(const std::vector<std::string>& words) {
 bool terminated(const char* field, size_t size) { return std::memchr(field, 0, size) != nullptr; }
 
 kfuzz::MemFile* gPpd;
-kfuzz::MemFile* gOutput;
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   kfuzz::quietStderr();
   gPpd = new kfuzz::MemFile("ppd");
-  gOutput = new kfuzz::MemFile("setup");
-  setenv("PPD", gPpd->path().c_str(), 1);
+  setenv("PPD", gPpd->path.c_str(), 1);
   return 0;
 }
 
@@ -101,7 +82,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const uint8_t* end = data + size;
   const uint8_t* zero = static_cast<const uint8_t*>(std::memchr(data, 0, size));
   const std::string options(reinterpret_cast<const char*>(data), static_cast<size_t>((zero ? zero : end) - data));
-  gPpd->set(makePpd(lines(zero ? zero + 1 : end, end)));
+  const uint8_t* lines = zero ? zero + 1 : end;
+  gPpd->set(makePpd(std::string(reinterpret_cast<const char*>(lines), static_cast<size_t>(end - lines))));
 
   Settings settings;
   std::memset(&settings, 0xA5, sizeof settings);
@@ -127,16 +109,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (settings.DirectBuffer != 0 || settings.StoredGraphics != 0 || settings.OptionDisplayUnit != 0)
     kfuzz::fail("fields that are always 0 are not");
 
-  FILE* stream = std::fopen(gOutput->path().c_str(), "w+");
-  if (stream == nullptr) kfuzz::fail("cannot open the capture file");
-  {
-    CapturePrinter printer(stream);
-    sPrinter = &printer;
-    jobSetup(&settings);
-    sPrinter = nullptr;
-  }
-  std::fclose(stream);
-  const std::string block = gOutput->contents();
+  MemoryPrinter printer;
+  sPrinter = &printer;
+  jobSetup(&settings);
+  sPrinter = nullptr;
+  const std::string block = printer.take();
   if (block.compare(0, 5, "SIZE ") != 0 || block.size() < 8 || block.compare(block.size() - 7, 7, "^XZ\r\n\r\n") != 0)
     kfuzz::fail("setup block is not framed by SIZE and ^XZ: %s", block.c_str());
   // Every command is one line ending in CR LF.

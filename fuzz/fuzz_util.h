@@ -1,15 +1,15 @@
 #pragma once
 // Shared by the fuzz targets: quiet output, in-memory files with a path, a
 // byte reader over the fuzzer's input, and a loud stop when a property fails.
-#include <fcntl.h>
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <string>
 
 namespace kfuzz {
@@ -42,47 +42,23 @@ inline void fail(const char* format, ...) {
   std::abort();
 }
 
+inline std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
 // An anonymous in-memory file that code under test can open by name.
-class MemFile {
- public:
-  explicit MemFile(const char* name) : fd_(memfd_create(name, 0)) {
-    if (fd_ < 0) fail("memfd_create failed");
-    path_ = "/proc/self/fd/" + std::to_string(fd_);
+struct MemFile {
+  explicit MemFile(const char* name) : fd(memfd_create(name, 0)), path("/proc/self/fd/" + std::to_string(fd)) {
+    if (fd < 0) fail("memfd_create failed");
   }
-  MemFile(const MemFile&) = delete;
-  MemFile& operator=(const MemFile&) = delete;
-
-  void set(const void* data, size_t size) {
-    if (ftruncate(fd_, 0) != 0) fail("ftruncate failed");
-    const char* p = static_cast<const char*>(data);
-    size_t done = 0;
-    while (done < size) {
-      const ssize_t n = pwrite(fd_, p + done, size - done, static_cast<off_t>(done));
-      if (n <= 0) fail("writing a memory file failed");
-      done += static_cast<size_t>(n);
-    }
+  void set(const std::string& bytes) const {
+    if (!std::ofstream(path, std::ios::binary | std::ios::trunc).write(bytes.data(), static_cast<long>(bytes.size())))
+      fail("writing the memory file %s failed", path.c_str());
   }
-  void set(const std::string& text) { set(text.data(), text.size()); }
-
-  std::string contents() const {
-    std::string bytes;
-    char chunk[65536];
-    off_t at = 0;
-    for (;;) {
-      const ssize_t n = pread(fd_, chunk, sizeof chunk, at);
-      if (n <= 0) break;
-      bytes.append(chunk, static_cast<size_t>(n));
-      at += n;
-    }
-    return bytes;
-  }
-
-  int fd() const { return fd_; }
-  const std::string& path() const { return path_; }
-
- private:
-  int fd_;
-  std::string path_;
+  std::string contents() const { return readFile(path); }
+  const int fd;
+  const std::string path;
 };
 
 // Takes the input apart from the front; past the end it reads zeros.
