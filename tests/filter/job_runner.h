@@ -5,6 +5,8 @@
 #include <cups/raster.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -85,21 +87,23 @@ struct JobResult {
   double seconds = 0;
 };
 
-// Where the filter's standard output goes.
-enum class Output { Capture, DevFull, Closed, BrokenPipe };
+// Where the filter's standard output goes. Cancel: a pipe the test reads;
+// once `cancelAt` bytes have come and the filter has filled the pipe, the
+// job gets SIGTERM as the spooler cancels it, and the time counts from there.
+enum class Output { Capture, DevFull, Closed, BrokenPipe, Cancel };
 
 // Runs the filter with `args` after the program name, the environment
 // variable PPD set to `ppd` (unset when empty) and standard input from
 // `stdinPath` (empty: /dev/null).
 inline JobResult runFilter(const std::vector<std::string>& args, const std::string& ppd,
-                           const std::string& stdinPath = "", Output output = Output::Capture) {
+                           const std::string& stdinPath = "", Output output = Output::Capture, size_t cancelAt = 0) {
   const std::string outPath = scratchPath("job.out"), errPath = scratchPath("job.err");
   int pipeEnds[2] = {-1, -1};
-  if (output == Output::BrokenPipe) {
+  if (output == Output::BrokenPipe || output == Output::Cancel) {
     EXPECT_EQ(pipe(pipeEnds), 0);
-    close(pipeEnds[0]);  // nobody will ever read
   }
-  const auto start = std::chrono::steady_clock::now();
+  if (output == Output::BrokenPipe) close(pipeEnds[0]);  // nobody will ever read
+  auto start = std::chrono::steady_clock::now();
   const time_t wallStart = time(nullptr);
   const pid_t pid = fork();
   if (pid == 0) {
@@ -109,7 +113,8 @@ inline JobResult runFilter(const std::vector<std::string>& args, const std::stri
       case Output::Capture: dup2(open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1); break;
       case Output::DevFull: dup2(open("/dev/full", O_WRONLY), 1); break;
       case Output::Closed: close(1); break;
-      case Output::BrokenPipe: dup2(pipeEnds[1], 1); break;
+      case Output::BrokenPipe:
+      case Output::Cancel: dup2(pipeEnds[1], 1), close(pipeEnds[0]); break;
     }
     if (ppd.empty()) unsetenv("PPD");
     else setenv("PPD", ppd.c_str(), 1);
@@ -122,11 +127,28 @@ inline JobResult runFilter(const std::vector<std::string>& args, const std::stri
   }
   if (pipeEnds[1] >= 0) close(pipeEnds[1]);
   JobResult result;
+  if (output == Output::Cancel) {
+    auto readSome = [&] {
+      char chunk[8192];
+      pollfd p{pipeEnds[0], POLLIN, 0};
+      const ssize_t n = poll(&p, 1, 60000) > 0 ? read(pipeEnds[0], chunk, sizeof chunk) : 0;
+      if (n > 0) result.out.append(chunk, static_cast<size_t>(n));
+      return n > 0;
+    };
+    while (result.out.size() < cancelAt && readSome()) {
+    }
+    usleep(200 * 1000);
+    start = std::chrono::steady_clock::now();
+    kill(pid, SIGTERM);
+    while (readSome()) {
+    }
+    close(pipeEnds[0]);
+  }
   int status = 0;
   waitpid(pid, &status, 0);
   result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  result.out = slurp(outPath);
+  if (output != Output::Cancel) result.out = slurp(outPath);
   result.err = slurp(errPath);
   std::remove(outPath.c_str());
   std::remove(errPath.c_str());
@@ -141,9 +163,9 @@ inline std::vector<std::string> jobArgs(const std::string& options, const std::s
 
 // Runs a job on raster bytes as they are.
 inline JobResult runJob(const std::string& raster, const std::string& options, const std::string& ppd,
-                        Output output = Output::Capture) {
+                        Output output = Output::Capture, size_t cancelAt = 0) {
   const TempFile input("job.ras", raster);
-  return runFilter(jobArgs(options, input.path), ppd, "", output);
+  return runFilter(jobArgs(options, input.path), ppd, "", output, cancelAt);
 }
 
 inline std::vector<ZplGraphic> graphicsOf(const std::string& job) {
