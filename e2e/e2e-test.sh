@@ -26,7 +26,7 @@ pngtoraster=$build/tools/pngtoraster fake=$build/tests/e2e/fakezplprinter
 for program in "$filter" "$zplpreview" "$pngtoraster" "$fake"; do
   [ -x "$program" ] || e2e_die "$program is missing: build the project first"
 done
-e2e_require cupsd lpadmin lp lpstat gs timeout
+e2e_require cupsd lpadmin lp lpstat gs timeout cmake
 
 T=$(mktemp -d /tmp/kelvo-e2e.XXXXXX)
 passed=0

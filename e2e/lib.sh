@@ -18,9 +18,7 @@
 
 E2E_LIFETIME=${E2E_LIFETIME:-900}
 E2E_ROOT=""              # scratch folder of this run
-E2E_BUILD=""             # build tree with the filter and the PPDs
 E2E_FAKE_PRINTER=""      # the fakezplprinter program
-E2E_FILTER_DIR=""        # where the install put the filter
 E2E_PPD_DIR=""           # where the install put the PPDs
 E2E_CUPSD_PID=""
 E2E_OUTPUT=""
@@ -62,22 +60,21 @@ e2e_poll() {
 # in folders that others may write to.
 e2e_init() {
   E2E_ROOT=$1
-  E2E_BUILD=$2
   E2E_FAKE_PRINTER=$3
+  local build=$2 filter_dir component
   umask 022
   chmod 755 "$E2E_ROOT"
   mkdir -p "$E2E_ROOT"/{install,conf,spool/tmp,cache,state,log,run,out,home}
   chmod 700 "$E2E_ROOT/run"  # the scheduler's socket: ours only
 
-  local component
   for component in filter ppd; do
-    DESTDIR="$E2E_ROOT/install" cmake --install "$E2E_BUILD" --component "$component" >/dev/null ||
+    DESTDIR="$E2E_ROOT/install" cmake --install "$build" --component "$component" >/dev/null ||
       e2e_die "cmake --install of the $component component failed"
   done
-  E2E_FILTER_DIR=$(dirname "$(find "$E2E_ROOT/install" -name rastertokelvozpl -type f | head -1)")
+  filter_dir=$(dirname "$(find "$E2E_ROOT/install" -name rastertokelvozpl -type f | head -1)")
   # shellcheck disable=SC2034  # for the scripts that source this
   E2E_PPD_DIR=$(dirname "$(find "$E2E_ROOT/install" -name kelvo203.ppd | head -1)")
-  [ -x "$E2E_FILTER_DIR/rastertokelvozpl" ] || e2e_die "the install put no filter under $E2E_ROOT/install"
+  [ -x "$filter_dir/rastertokelvozpl" ] || e2e_die "the install put no filter under $E2E_ROOT/install"
 
   local system_bin sub f
   system_bin=$(cups-config --serverbin 2>/dev/null || echo /usr/lib/cups)
@@ -88,7 +85,7 @@ e2e_init() {
   for f in "$system_bin"/filter/*; do
     ln -s "$f" "$E2E_ROOT/serverbin/filter/"
   done
-  ln -sf "$E2E_FILTER_DIR/rastertokelvozpl" "$E2E_ROOT/serverbin/filter/rastertokelvozpl"
+  ln -sf "$filter_dir/rastertokelvozpl" "$E2E_ROOT/serverbin/filter/rastertokelvozpl"
 
   # The client programs talk to our scheduler only, and read no lpoptions
   # or client.conf of this machine or of its users.
@@ -171,7 +168,6 @@ e2e_scheduler_running() {
 
 # Starts cupsd in the foreground as a child of this shell.
 e2e_start_cupsd() {
-  command -v cupsd >/dev/null || e2e_die "cupsd not found (Debian package cups-daemon)"
   e2e_write_config
   local conf=$E2E_ROOT/conf
   cupsd -t -c "$conf/cupsd.conf" -s "$conf/cups-files.conf" >"$E2E_ROOT/log/cupsd-check.log" 2>&1 ||

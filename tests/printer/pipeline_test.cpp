@@ -31,21 +31,17 @@ TEST(PrinterObject, DefaultsAndClamps) {
   EXPECT_EQ(p.getOutputStreams().front(), stdout);
   EXPECT_EQ(std::strncmp(p.getCopyRight(), "MFT:", 4), 0);
 
-  struct IntCase { void (KelvoPrinter::*set)(int); int (KelvoPrinter::*get)() const; int in, out; };
-  const IntCase ints[] = {
-      {&KelvoPrinter::setBrightness, &KelvoPrinter::getBrightness, -250, -100},
-      {&KelvoPrinter::setBrightness, &KelvoPrinter::getBrightness, 100, 100},
-      {&KelvoPrinter::setBrightness, &KelvoPrinter::getBrightness, -37, -37},
-      {&KelvoPrinter::setContrast, &KelvoPrinter::getContrast, 101, 100},
-      {&KelvoPrinter::setContrast, &KelvoPrinter::getContrast, -101, -100},
-      {&KelvoPrinter::setPrintDensity, &KelvoPrinter::getPrintDensity, -1, 0},
-      {&KelvoPrinter::setPrintDensity, &KelvoPrinter::getPrintDensity, 30, 15},
-      {&KelvoPrinter::setPrintDensity, &KelvoPrinter::getPrintDensity, 0, 0},
+  struct Clamp { void (KelvoPrinter::*set)(int); int (KelvoPrinter::*get)() const; std::vector<std::pair<int, int>> inOut; };
+  const Clamp clamps[] = {
+      {&KelvoPrinter::setBrightness, &KelvoPrinter::getBrightness, {{-250, -100}, {100, 100}, {-37, -37}}},
+      {&KelvoPrinter::setContrast, &KelvoPrinter::getContrast, {{101, 100}, {-101, -100}}},
+      {&KelvoPrinter::setPrintDensity, &KelvoPrinter::getPrintDensity, {{-1, 0}, {30, 15}, {0, 0}}},
   };
-  for (const IntCase& c : ints) {
-    (p.*c.set)(c.in);
-    EXPECT_EQ((p.*c.get)(), c.out) << c.in;
-  }
+  for (const Clamp& c : clamps)
+    for (const auto& [in, out] : c.inOut) {
+      (p.*c.set)(in);
+      EXPECT_EQ((p.*c.get)(), out) << in;
+    }
   // The speed starts at 1 where the density starts at 0.
   struct SpeedCase { const char* in; int out; };
   for (SpeedCase c : {SpeedCase{"0", 1}, {"fast", 1}, {"16", 15}, {"9", 9}, {"-3", 1}}) {
