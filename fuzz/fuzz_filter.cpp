@@ -40,7 +40,7 @@ kfuzz::MemFile* gPpd[3];
 // exist: a job option can switch recording on, and a fuzzer must not leave
 // a file per second in the spooler's folder.
 std::string shippedPpd(const char* name) {
-  std::string ppd = kfuzz::readFile(std::string(KELVO_FUZZ_PPD_DIR) + "/" + name);
+  std::string ppd = readFile(std::string(KELVO_FUZZ_PPD_DIR) + "/" + name);
   if (ppd.empty()) kfuzz::fail("shipped PPD %s not found in %s", name, KELVO_FUZZ_PPD_DIR);
   const std::string attribute = "*kelvoFilterOutputFile:";
   const size_t at = ppd.find(attribute);

@@ -9,8 +9,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <string>
+
+#include "tests/common/read_file.h"
 
 namespace kfuzz {
 
@@ -40,11 +41,6 @@ inline void fail(const char* format, ...) {
   va_end(args);
   std::fflush(realStderr());
   std::abort();
-}
-
-inline std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // An anonymous in-memory file that code under test can open by name.

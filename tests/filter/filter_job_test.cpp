@@ -98,7 +98,7 @@ TEST(FilterJob, PagesAreEncodedIndependently) {
 TEST(FilterJob, RecordingFile) {
   const std::string dir = scratchPath("rec");
   mkdir(dir.c_str(), 0755);
-  const std::string shipped = slurp(ppdPath("kelvo203.ppd"));
+  const std::string shipped = readFile(ppdPath("kelvo203.ppd"));
   const std::string attribute = "*kelvoFilterOutputFile: \"/var/spool/cups/tmp/kelvozpl\"";
   const size_t at = shipped.find(attribute);
   ASSERT_NE(at, std::string::npos);
@@ -121,7 +121,7 @@ TEST(FilterJob, RecordingFile) {
       ASSERT_EQ(files.size(), 1u) << "a prefix that fits is recorded\n" << job.err;
       EXPECT_EQ(files[0].size(), prefix.size() + 19);
       EXPECT_EQ(files[0].rfind(prefix + "-", 0), 0u);
-      EXPECT_EQ(slurp(files[0]), job.out);
+      EXPECT_EQ(readFile(files[0]), job.out);
       EXPECT_TRUE(has(job.err, "DEBUG:Filter data output to: " + files[0] + "\n")) << job.err;
       EXPECT_FALSE(has(job.err, "ERROR:")) << job.err;
     } else {

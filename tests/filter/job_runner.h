@@ -12,20 +12,13 @@
 
 #include <chrono>
 #include <cstring>
-#include <sstream>
 #include <vector>
 
 #include "filter_test_util.h"
+#include "tests/common/read_file.h"
 #include "tools/zpl_decode.h"
 
 inline const std::string kLineFeeds(64, '\n');
-
-inline std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 inline bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
@@ -148,8 +141,8 @@ inline JobResult runFilter(const std::vector<std::string>& args, const std::stri
   waitpid(pid, &status, 0);
   result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  if (output != Output::Cancel) result.out = slurp(outPath);
-  result.err = slurp(errPath);
+  if (output != Output::Cancel) result.out = readFile(outPath);
+  result.err = readFile(errPath);
   std::remove(outPath.c_str());
   std::remove(errPath.c_str());
   removeDebugImagesSince(wallStart);

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/common/read_file.h"
 #include "tools/png_io.h"
 #include "tools/zpl_decode.h"
 
@@ -80,14 +81,6 @@ TEST(ZplDecode, SurvivesDamagedJobs) {
   }
 }
 
-std::string slurp(const std::string& path) {
-  std::string text;
-  FILE* f = std::fopen(path.c_str(), "rb");
-  for (int c; f != nullptr && (c = std::fgetc(f)) != EOF;) text.push_back(static_cast<char>(c));
-  if (f != nullptr) std::fclose(f);
-  return text;
-}
-
 // Gray pages round-trip, a transparent file from another program reads as
 // gray on white paper, and zplpreview draws dots black.
 TEST(Png, ReadsWhatItAndOthersWrite) {
@@ -107,13 +100,13 @@ TEST(Png, ReadsWhatItAndOthersWrite) {
   }
   const std::string run = std::string(ZPLPREVIEW_PATH) + " -o " + dir + "/p - > " + dir + "/out 2>&1 <<'EOF'\n";
   EXPECT_EQ(std::system((run + "~DGR:CUPS.GRF,4,1,\n0F:,80\n^XZ\nEOF").c_str()), 0);
-  EXPECT_EQ(slurp(dir + "/out"), dir + "/p-1.png: 8 x 4 dots, 9 printed (graphic R:CUPS.GRF)\n");
+  EXPECT_EQ(readFile(dir + "/out"), dir + "/p-1.png: 8 x 4 dots, 9 printed (graphic R:CUPS.GRF)\n");
   ASSERT_TRUE(kelvoPngReadGray(dir + "/p-1.png", page, error)) << error;
   std::vector<unsigned char> expected(32, 255);
   for (int x : {4, 5, 6, 7, 12, 13, 14, 15, 24}) expected[x] = 0;
   EXPECT_EQ(page.pixels, expected);
   EXPECT_NE(std::system((run + "~DGR:CUPS.GRF,2,1,\nzF\nEOF").c_str()), 0);
-  EXPECT_EQ(slurp(dir + "/out"), "zplpreview: standard input: byte 19: repeat count runs past the end of the row\n");
+  EXPECT_EQ(readFile(dir + "/out"), "zplpreview: standard input: byte 19: repeat count runs past the end of the row\n");
   EXPECT_EQ(std::system(("rm -rf " + dir).c_str()), 0);
 }
 
