@@ -44,7 +44,8 @@ std::string shippedPpd(const char* name) {
   if (ppd.empty()) kfuzz::fail("shipped PPD %s not found in %s", name, KELVO_FUZZ_PPD_DIR);
   const std::string attribute = "*kelvoFilterOutputFile:";
   const size_t at = ppd.find(attribute);
-  if (at != std::string::npos) ppd.replace(at, ppd.find('\n', at) - at, attribute + " \"/nonexistent/kelvo-fuzz/record\"");
+  if (at != std::string::npos)
+    ppd.replace(at, ppd.find('\n', at) - at, attribute + " \"/nonexistent/kelvo-fuzz/record\"");
   return ppd;
 }
 

@@ -65,7 +65,7 @@ int main(int argc, char** argv) {
   std::string dir, portFile;
   long lifetime = 900;
   auto usage = [] {
-    std::fprintf(stderr, "Usage: fakezplprinter -d <dir for job-1.zpl, ...> [-f port-file] [-t seconds, default 900]\n");
+    std::fprintf(stderr, "Usage: fakezplprinter -d <dir> [-f port-file] [-t seconds, default 900]\n");
     return 2;
   };
   for (int opt; (opt = getopt(argc, argv, "d:f:t:")) != -1;) {

@@ -77,7 +77,8 @@ TEST(FilterJob, PpdDefaultsAndJobOptions) {
 // Every page starts its row compression afresh: an all-dots first row is
 // sent in full on every page, later all-dots rows as ":".
 TEST(FilterJob, PagesAreEncodedIndependently) {
-  const JobResult job = runJob(rasterStream({page(16, 2, 203, 255), page(16, 2, 203, 255)}), "", ppdPath("kelvo203.ppd"));
+  const RawPage dots = page(16, 2, 203, 255);
+  const JobResult job = runJob(rasterStream({dots, dots}), "", ppdPath("kelvo203.ppd"));
   ASSERT_EQ(job.status, 0) << job.err;
   const std::string graphic = "^XX\r\n^PQ1\n~DGR:CUPS.GRF,4,2,\nJF:^FO0,0^XGR:CUPS.GRF,1,1^FS\n^XZ\r\n";
   const size_t first = job.out.find(graphic);
@@ -159,7 +160,8 @@ TEST(FilterJob, FailuresAndTheirStatus) {
   const Case cases[] = {
       {"five arguments", {"1", "u", "t", "1"}, label, 1, "",
        program + " v3.13.13\n\nUsage:\n\n    " + program + " job_id user title copyies options [file]\n\n"},
-      {"raster file missing", jobArgs("", "/nonexistent/job.ras"), label, 1, "", "ERROR: Unable to open raster file - "},
+      {"raster file missing", jobArgs("", "/nonexistent/job.ras"), label, 1, "",
+       "ERROR: Unable to open raster file - "},
       {"no PPD", jobArgs("", ok.path), "", 1, "", "ERROR: Paper size must not less than 1.0 : (0.000000, 0.000000)\n"},
       {"1-bit page", jobArgs("", bits.path), label, 1, kLineFeeds,
        "ERROR:Unsupported bits per pixel : 1 ! Requires 8 bits per pixel!\n"},

@@ -60,7 +60,8 @@ TEST(HostileInput, ExtremeResolutionsStillPrint) {
       {1, "SIZE 1625.6 mm, 203.2 mm\r\n^XX\r\n^PW12991\r\n^LL1623\r\n"},
   };
   for (const auto& c : cases)
-    expectJob(std::to_string(c.first) + " dpi", runJob(rasterStream({noisePage(64, 8, c.first)}), "", ppdPath("kelvo203.ppd")),
+    expectJob(std::to_string(c.first) + " dpi",
+              runJob(rasterStream({noisePage(64, 8, c.first)}), "", ppdPath("kelvo203.ppd")),
               {0, 1, "", {c.second, "~DGR:CUPS.GRF,64,8,\n"}});
 }
 

@@ -12,9 +12,10 @@ namespace {
 const char kLongWord[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmn";  // 40 characters, the most a PPD allows
 
 std::string settingsPpd(const std::string& extra = "") {
-  return labelPpd(ppdOption("MediaMethod", "Transfer") + ppdOption("GapsHeight", "3") + ppdOption("Occurrence", kLongWord) +
-                  ppdOption("HalftoneType", "Burkes", {"Burkes", "Tattoo_x8"}) + ppdOption("MirrorImage", "True") +
-                  ppdOption("PrintSpeed", "3", {"3", "4"}) + ppdOption("Brightness", "-20") + extra);
+  return labelPpd(ppdOption("MediaMethod", "Transfer") + ppdOption("GapsHeight", "3") +
+                  ppdOption("Occurrence", kLongWord) + ppdOption("HalftoneType", "Burkes", {"Burkes", "Tattoo_x8"}) +
+                  ppdOption("MirrorImage", "True") + ppdOption("PrintSpeed", "3", {"3", "4"}) +
+                  ppdOption("Brightness", "-20") + extra);
 }
 
 Settings parse(const std::string& ppdPath, const char* options, std::string* log = nullptr) {

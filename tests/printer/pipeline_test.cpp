@@ -25,7 +25,11 @@ TEST(PrinterObject, DefaultsAndClamps) {
   EXPECT_EQ(p.getOutputStreams().front(), stdout);
   EXPECT_EQ(std::strncmp(p.getCopyRight(), "MFT:", 4), 0);
 
-  struct Clamp { void (KelvoPrinter::*set)(int); int (KelvoPrinter::*get)() const; std::vector<std::pair<int, int>> inOut; };
+  struct Clamp {
+    void (KelvoPrinter::*set)(int);
+    int (KelvoPrinter::*get)() const;
+    std::vector<std::pair<int, int>> inOut;
+  };
   const Clamp clamps[] = {
       {&KelvoPrinter::setBrightness, &KelvoPrinter::getBrightness, {{-250, -100}, {100, 100}, {-37, -37}}},
       {&KelvoPrinter::setContrast, &KelvoPrinter::getContrast, {{101, 100}, {-101, -100}}},
@@ -157,64 +161,58 @@ TEST_F(SavedImage, UnwritableDirectoryOnlyCostsTheMessage) {
   EXPECT_EQ(page_index, before + 1);
 }
 
-struct FrameCase {
-  const char* pageSize;
-  int level, width, height;
-  int expectWidth, expectHeight;
-  int frameX0, frameY0, canvasWidth, canvasHeight;  // canvas in image coordinates
-};
-
-class AntiWrinkle : public testing::TestWithParam<FrameCase> {};
-
-TEST_P(AntiWrinkle, FrameAlongTheCanvas) {
-  const FrameCase c = GetParam();
-  ZplPrinter p;
-  cups_page_header2_t header{};
-  std::snprintf(header.cupsPageSizeName, sizeof header.cupsPageSizeName, "%s", c.pageSize);
-  p.setPageHeader(&header);
-  p.setAntiWrinkle(c.level);
-  PaletteImage image;
-  std::vector<unsigned char> blank(static_cast<size_t>(c.width) * c.height, 0);
-  ASSERT_TRUE(image.CreateFromArray(blank.data(), c.width, c.height, 8, c.width, false));
-  p.EnableAntiWrink(image);
-  ASSERT_EQ(static_cast<int>(image.GetWidth()), c.expectWidth);
-  ASSERT_EQ(static_cast<int>(image.GetHeight()), c.expectHeight);
-
-  // At 300 dpi the side lines are 12 dots a millimetre of level, the top and
-  // bottom lines 12 dots.
-  const int lineV = c.level == 1 ? 12 : 24, lineH = 12;
-  const int ex = (c.expectWidth - c.width) / 2, ey = (c.expectHeight - c.height) / 2;
-  long mismatches = 0;
-  for (int y = 0; y < c.expectHeight; ++y) {
-    for (int x = 0; x < c.expectWidth; ++x) {
-      const int cx = x - c.frameX0, cy = y - c.frameY0;
-      const bool inCanvas = cx >= 0 && cy >= 0 && cx < c.canvasWidth && cy < c.canvasHeight;
-      const bool frame = inCanvas && (cx < lineV || cx >= c.canvasWidth - lineV || cy < lineH ||
-                                      cy >= c.canvasHeight - lineH);
-      const bool oldArea = x >= ex && x < ex + c.width && y >= ey && y < ey + c.height;
-      // Frame dots are 255; the added margin takes the gray palette's white,
-      // 255 as well; the old page keeps its 0.
-      const unsigned char want = frame || !oldArea ? 255 : 0;
-      mismatches += image.GetPixelIndex(x, y) != want;
+// At 300 dpi the side lines are 12 dots a millimetre of level, the top and
+// bottom lines 12 dots. Frame dots are 255; the added margin takes the gray
+// palette's white, 255 as well; the old page keeps its 0.
+TEST(AntiWrinkle, FrameAlongTheCanvas) {
+  struct Case {
+    const char* pageSize;
+    int level, width, height;
+    int expectWidth, expectHeight;
+    int frameX0, frameY0, canvasWidth, canvasHeight;  // canvas in image coordinates
+  };
+  const Case cases[] = {
+      // A4 at 300 dpi: 2362 x 3000 grows to the 2386 x 3272 canvas.
+      {"A4", 1, 2362, 3000, 2386, 3272, 0, 0, 2386, 3272},
+      // One dot short: the difference halves to 0, no widening, and the
+      // right line's last column lies outside the image.
+      {"A4", 1, 2385, 3272, 2385, 3272, 0, 0, 2386, 3272},
+      // Wider than the canvas: the frame is drawn into the picture from 307.
+      {"A4", 1, 3000, 3272, 3000, 3272, 307, 0, 2386, 3272},
+      {"Tattoo_A6", 2, 1000, 1400, 1228, 1418, 0, 0, 1229, 1418},
+      // Unknown names (also by letter case) get no frame at all.
+      {"a4", 1, 40, 30, 40, 30, 0, 0, 0, 0},
+      {"w288h432", 1, 40, 30, 40, 30, 0, 0, 0, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.pageSize) + " " + std::to_string(c.width) + "x" + std::to_string(c.height));
+    ZplPrinter p;
+    cups_page_header2_t header{};
+    std::snprintf(header.cupsPageSizeName, sizeof header.cupsPageSizeName, "%s", c.pageSize);
+    p.setPageHeader(&header);
+    p.setAntiWrinkle(c.level);
+    PaletteImage image;
+    std::vector<unsigned char> blank(static_cast<size_t>(c.width) * c.height, 0);
+    ASSERT_TRUE(image.CreateFromArray(blank.data(), c.width, c.height, 8, c.width, false));
+    p.EnableAntiWrink(image);
+    ASSERT_EQ(static_cast<int>(image.GetWidth()), c.expectWidth);
+    ASSERT_EQ(static_cast<int>(image.GetHeight()), c.expectHeight);
+    const int lineV = c.level == 1 ? 12 : 24, lineH = 12;
+    const int ex = (c.expectWidth - c.width) / 2, ey = (c.expectHeight - c.height) / 2;
+    long mismatches = 0;
+    for (int y = 0; y < c.expectHeight; ++y) {
+      for (int x = 0; x < c.expectWidth; ++x) {
+        const int cx = x - c.frameX0, cy = y - c.frameY0;
+        const bool inCanvas = cx >= 0 && cy >= 0 && cx < c.canvasWidth && cy < c.canvasHeight;
+        const bool frame = inCanvas && (cx < lineV || cx >= c.canvasWidth - lineV || cy < lineH ||
+                                        cy >= c.canvasHeight - lineH);
+        const bool oldArea = x >= ex && x < ex + c.width && y >= ey && y < ey + c.height;
+        mismatches += image.GetPixelIndex(x, y) != (frame || !oldArea ? 255 : 0);
+      }
     }
+    EXPECT_EQ(mismatches, 0);
   }
-  EXPECT_EQ(mismatches, 0);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Figures, AntiWrinkle,
-    testing::Values(
-        // A4 at 300 dpi: 2362 x 3000 grows to the 2386 x 3272 canvas.
-        FrameCase{"A4", 1, 2362, 3000, 2386, 3272, 0, 0, 2386, 3272},
-        // One dot short: the difference halves to 0, no widening, and the
-        // right line's last column lies outside the image.
-        FrameCase{"A4", 1, 2385, 3272, 2385, 3272, 0, 0, 2386, 3272},
-        // Wider than the canvas: the frame is drawn into the picture from 307.
-        FrameCase{"A4", 1, 3000, 3272, 3000, 3272, 307, 0, 2386, 3272},
-        FrameCase{"Tattoo_A6", 2, 1000, 1400, 1228, 1418, 0, 0, 1229, 1418},
-        // Unknown names (also by letter case) get no frame at all.
-        FrameCase{"a4", 1, 40, 30, 40, 30, 0, 0, 0, 0},
-        FrameCase{"w288h432", 1, 40, 30, 40, 30, 0, 0, 0, 0}));
 
 TEST(BlankRows, CountersFromFrontAndBack) {
   struct Case {

@@ -43,7 +43,8 @@ int grayToMono(int bpl, int h, uint8_t* data, unsigned long skip) {
 std::vector<uint8_t> asPrinted(std::vector<uint8_t> rows, size_t rowBytes) {
   for (size_t start = rowBytes; rowBytes > 0 && start + rowBytes <= rows.size(); start += rowBytes) {
     uint8_t* row = rows.data() + start;
-    if (std::all_of(row, row + rowBytes, [](uint8_t b) { return b == 0xFF; })) std::copy_n(row - rowBytes, rowBytes, row);
+    if (std::all_of(row, row + rowBytes, [](uint8_t b) { return b == 0xFF; }))
+      std::copy_n(row - rowBytes, rowBytes, row);
   }
   return rows;
 }
