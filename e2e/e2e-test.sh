@@ -19,7 +19,7 @@ src=$(dirname "$here")
 # shellcheck source=e2e/lib.sh
 . "$here/lib.sh"
 
-[ "${1:-}" = --build-dir ] && [ -n "${2:-}" ] || e2e_die "usage: $0 --build-dir <build tree>"
+[[ $# -eq 2 && $1 = --build-dir ]] || e2e_die "usage: $0 --build-dir <build tree>"
 build=$(cd "$2" && pwd) || e2e_die "no build tree at $2"
 filter=$build/filter/rastertokelvozpl zplpreview=$build/tools/zplpreview
 pngtoraster=$build/tools/pngtoraster fake=$build/tests/e2e/fakezplprinter
