@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "bench/pages.h"
+#include "tools/raster_header.h"
 
 namespace {
 
@@ -70,26 +71,9 @@ int main(int argc, char** argv) {
   }
 
   const kelvobench::InkPage page = kind == "label" ? kelvobench::makeLabelPage(dpi) : kelvobench::makePhotoPage(dpi);
-  cups_page_header2_t header;
-  std::memset(&header, 0, sizeof header);
-  std::snprintf(header.MediaClass, sizeof header.MediaClass, "PwgRaster");
-  std::snprintf(header.cupsPageSizeName, sizeof header.cupsPageSizeName, "%s", kind == "label" ? "4x6" : "A4");
-  header.HWResolution[0] = header.HWResolution[1] = static_cast<unsigned>(dpi);
-  header.PageSize[0] = static_cast<unsigned>(page.width * 72.0 / dpi + 0.5);
-  header.PageSize[1] = static_cast<unsigned>(page.height * 72.0 / dpi + 0.5);
-  header.cupsPageSize[0] = static_cast<float>(page.width * 72.0 / dpi);
-  header.cupsPageSize[1] = static_cast<float>(page.height * 72.0 / dpi);
-  header.ImagingBoundingBox[2] = header.PageSize[0];
-  header.ImagingBoundingBox[3] = header.PageSize[1];
-  header.NumCopies = 1;
-  header.cupsWidth = static_cast<unsigned>(page.width);
-  header.cupsHeight = static_cast<unsigned>(page.height);
-  header.cupsBitsPerColor = oneBit ? 1 : 8;
-  header.cupsBitsPerPixel = oneBit ? 1 : 8;
-  header.cupsBytesPerLine = oneBit ? static_cast<unsigned>(page.width + 7) / 8 : static_cast<unsigned>(page.width);
-  header.cupsColorOrder = CUPS_ORDER_CHUNKED;
-  header.cupsColorSpace = CUPS_CSPACE_K;
-  header.cupsNumColors = 1;
+  cups_page_header2_t header =
+      kelvoRasterHeader(static_cast<unsigned>(page.width), static_cast<unsigned>(page.height),
+                        static_cast<unsigned>(dpi), oneBit ? 1 : 8, kind == "label" ? "4x6" : "A4", 1);
   const std::vector<unsigned char> pixels = oneBit ? toOneBit(page, header.cupsBytesPerLine) : page.ink;
 
   const int fd = open(out, O_WRONLY | O_CREAT | O_TRUNC, 0644);

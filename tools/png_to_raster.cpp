@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "tools/png_io.h"
+#include "tools/raster_header.h"
 
 namespace {
 
@@ -74,26 +75,7 @@ int main(int argc, char** argv) {
       status = 1;
       break;
     }
-    cups_page_header2_t header;
-    std::memset(&header, 0, sizeof header);
-    std::snprintf(header.MediaClass, sizeof header.MediaClass, "PwgRaster");
-    std::snprintf(header.cupsPageSizeName, sizeof header.cupsPageSizeName, "%s", sizeName.c_str());
-    header.HWResolution[0] = header.HWResolution[1] = dpi;
-    header.PageSize[0] = static_cast<unsigned>(picture.width * 72.0 / dpi + 0.5);
-    header.PageSize[1] = static_cast<unsigned>(picture.height * 72.0 / dpi + 0.5);
-    header.cupsPageSize[0] = static_cast<float>(picture.width * 72.0 / dpi);
-    header.cupsPageSize[1] = static_cast<float>(picture.height * 72.0 / dpi);
-    header.ImagingBoundingBox[2] = header.PageSize[0];
-    header.ImagingBoundingBox[3] = header.PageSize[1];
-    header.NumCopies = copies;
-    header.cupsWidth = picture.width;
-    header.cupsHeight = picture.height;
-    header.cupsBitsPerColor = 8;
-    header.cupsBitsPerPixel = 8;
-    header.cupsBytesPerLine = picture.width;
-    header.cupsColorOrder = CUPS_ORDER_CHUNKED;
-    header.cupsColorSpace = CUPS_CSPACE_K;
-    header.cupsNumColors = 1;
+    cups_page_header2_t header = kelvoRasterHeader(picture.width, picture.height, dpi, 8, sizeName.c_str(), copies);
     // A picture holds light; the raster holds ink.
     std::vector<unsigned char> ink(picture.pixels.size());
     for (size_t i = 0; i < ink.size(); ++i) ink[i] = static_cast<unsigned char>(255 - picture.pixels[i]);
