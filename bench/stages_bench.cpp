@@ -61,26 +61,8 @@ class BenchPrinter : public ZplPrinter {
     outputStreams_.clear();
     outputStreams_.push_back(devNull());
   }
-  void setPattern(const char* name) {
-    std::snprintf(imagePathPattern_, sizeof imagePathPattern_, "%s/%s_%%d-%%d-%%d_%%d_%%d_%%d_%%ld.bmp",
-                  scratchDir().c_str(), name);
-  }
   PaletteImage& work() { return workImage_; }
 };
-
-// printImage overwrites the pattern with the spooler's folder; the saves of
-// a whole-page run go there like in the filter, so remove what it leaves.
-// The benchmark numbers its images far above any filter run's, so the glob
-// below never matches another process's files.
-void removeDebugImages(uint64_t first, uint64_t end) {
-  for (uint64_t i = first; i < end; ++i) {
-    const std::string pattern = "/var/spool/cups/tmp/*_" + std::to_string(i) + ".bmp";
-    glob_t found{};
-    if (glob(pattern.c_str(), 0, nullptr, &found) == 0)
-      for (size_t k = 0; k < found.gl_pathc; ++k) std::remove(found.gl_pathv[k]);
-    globfree(&found);
-  }
-}
 
 void BM_CreateFromArray(benchmark::State& state) {
   const InkPage& page = pageFor(static_cast<int>(state.range(0)));
@@ -231,15 +213,10 @@ void BM_ZplGraphic(benchmark::State& state) {
   const InkPage& page = pageFor(static_cast<int>(state.range(0)));
   const std::vector<unsigned char> src = halftoned(page);
   BenchPrinter printer;
-  sPrinter = &printer;
   cups_page_header2_t header{};
   header.NumCopies = 1;
   printer.setPageHeader(&header);
-  for (auto _ : state) {
-    LastSet = 0;
-    printer.doPrintImage(src.data(), page.width, page.height, page.width);
-  }
-  sPrinter = nullptr;
+  for (auto _ : state) printer.doPrintImage(src.data(), page.width, page.height, page.width);
   perPixel(state, page);
 }
 BENCHMARK(BM_ZplGraphic)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
@@ -247,16 +224,13 @@ BENCHMARK(BM_ZplGraphic)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 void BM_SaveImage(benchmark::State& state) {
   const InkPage& page = pageFor(static_cast<int>(state.range(0)));
   BenchPrinter printer;
-  printer.setPattern("bench");
+  printer.setDebugImages(true, scratchDir(), "bench");
   for (auto _ : state) {
-    const uint64_t index = page_index;
-    printer.saveImage(page.ink.data(), page.width, page.height, page.width, 8);
+    printer.saveImage(page.ink.data(), page.width, page.height, page.width, 8, "origin");
     state.PauseTiming();
-    char path[1400];
-    // The file name carries the time; remove every file of the scratch folder.
-    std::snprintf(path, sizeof path, "rm -f %s/bench_*_%lu.bmp", scratchDir().c_str(),
-                  static_cast<unsigned long>(index));
-    if (std::system(path) != 0) state.SkipWithError("cannot clean the scratch folder");
+    // Every file of the scratch folder is the benchmark's own.
+    const std::string clean = "rm -f " + scratchDir() + "/kelvozpl-debug-*.bmp";
+    if (std::system(clean.c_str()) != 0) state.SkipWithError("cannot clean the scratch folder");
     state.ResumeTiming();
   }
   perPixel(state, page);
@@ -276,20 +250,12 @@ void BM_WholePage(benchmark::State& state) {
   const PageCase& c = kPageCases[state.range(0)];
   const InkPage& page = pageFor(c.page);
   BenchPrinter printer;
-  sPrinter = &printer;
   cups_page_header2_t header{};
   header.NumCopies = 1;
   printer.setPageHeader(&header);
   printer.setHalftoneType(c.type);
-  for (auto _ : state) {
-    LastSet = 0;
-    const uint64_t first = page_index;
-    printer.printImage(page.ink.data(), page.width, page.height, page.width);
-    state.PauseTiming();
-    removeDebugImages(first, page_index);
-    state.ResumeTiming();
-  }
-  sPrinter = nullptr;
+  // Debug pictures are off, as in the shipped PPDs.
+  for (auto _ : state) printer.printImage(page.ink.data(), page.width, page.height, page.width);
   perPixel(state, page);
 }
 BENCHMARK(BM_WholePage)->DenseRange(0, 3)->Unit(benchmark::kMillisecond);
@@ -300,7 +266,6 @@ int main(int argc, char** argv) {
   // The pipeline's progress lines go to standard error; keep the report clean.
   const int null = open("/dev/null", O_WRONLY);
   if (null >= 0) dup2(null, 2);
-  page_index = 7000000000000ull + static_cast<uint64_t>(getpid()) * 100000ull;
   // Make the pages before timing anything: the photo takes a while.
   label();
   photo();

@@ -1,29 +1,38 @@
 #include "filter/filter_main.h"
 
+#include <cups/ppd.h>
 #include <cups/raster.h>
 #include <fcntl.h>
+#include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
 
-#include "filter/job_setup.h"
 #include "filter/settings.h"
+#include "printer/label_setup.h"
 #include "printer/zpl_printer.h"
 #include "support/kelvo_log.h"
 #include "support/kelvo_string.h"
+#include "support/safe_files.h"
+
+// Where the debug pictures go when the spooler does not say (CUPS gives its
+// filters TMPDIR, its own temporary folder). The fuzz build points it at a
+// folder that does not exist.
+#ifndef KELVO_DEBUG_IMAGE_DIR
+#define KELVO_DEBUG_IMAGE_DIR "/var/spool/cups/tmp/"
+#endif
 
 namespace {
 
 const char sVersion[] = "3.13.13";
-
-struct CFileCloser {
-  void operator()(FILE* file) const { std::fclose(file); }
-};
 
 // Refuses pages the pipeline cannot hold safely; valid jobs never hit this.
 bool pageFits(const cups_page_header2_t& header) {
@@ -53,8 +62,25 @@ bool pageFits(const cups_page_header2_t& header) {
   return true;
 }
 
-// Only sets the flag; the page loop and the graphic emitter act on it.
-extern "C" void onCancel(int) { sJobCancelled = 1; }
+// Set when the spooler cancels the job (SIGTERM). The filter runs one job per
+// process, so the flag lives here; the printer is handed a pointer to it.
+volatile std::sig_atomic_t sJobCancelled = 0;
+
+// A cancelled job finishes the row it is sending and ends the download; that
+// takes milliseconds. Should the printer link stall instead, the alarm half a
+// second later makes the stream non-blocking, so the writes fail at once and
+// the filter ends instead of waiting until the spooler kills it.
+extern "C" void onCancel(int) {
+  sJobCancelled = 1;
+  struct itimerval grace {};
+  grace.it_value.tv_usec = 500 * 1000;
+  setitimer(ITIMER_REAL, &grace, nullptr);
+}
+
+extern "C" void onCancelGraceOver(int) {
+  const int flags = fcntl(STDOUT_FILENO, F_GETFL);
+  if (flags != -1) fcntl(STDOUT_FILENO, F_SETFL, flags | O_NONBLOCK);
+}
 
 // For the length of a job: SIGTERM (the spooler cancelling the job) sets the
 // cancel flag, and SIGPIPE is ignored so that a printer connection that went
@@ -70,13 +96,21 @@ class JobSignals {
     // would drop bytes from the middle of a graphic.
     cancel.sa_flags = SA_RESTART;
     sigaction(SIGTERM, &cancel, &oldTerm_);
+    // Not restarted: a write blocked on a stalled link returns.
+    struct sigaction grace {};
+    grace.sa_handler = onCancelGraceOver;
+    sigemptyset(&grace.sa_mask);
+    sigaction(SIGALRM, &grace, &oldAlarm_);
     struct sigaction ignore {};
     ignore.sa_handler = SIG_IGN;
     sigemptyset(&ignore.sa_mask);
     sigaction(SIGPIPE, &ignore, &oldPipe_);
   }
   ~JobSignals() {
+    const struct itimerval off {};
+    setitimer(ITIMER_REAL, &off, nullptr);
     sigaction(SIGPIPE, &oldPipe_, nullptr);
+    sigaction(SIGALRM, &oldAlarm_, nullptr);
     sigaction(SIGTERM, &oldTerm_, nullptr);
   }
   JobSignals(const JobSignals&) = delete;
@@ -84,6 +118,7 @@ class JobSignals {
 
  private:
   struct sigaction oldTerm_ {};
+  struct sigaction oldAlarm_ {};
   struct sigaction oldPipe_ {};
 };
 
@@ -93,7 +128,9 @@ class JobSignals {
 bool outputFailed(FILE* out) {
   errno = 0;
   const bool failed = std::fflush(out) != 0 || std::ferror(out) != 0;
-  if (failed)
+  // After a cancel the write error is the cancel itself (the link was closed,
+  // or made non-blocking above), not a failure of the job.
+  if (failed && !sJobCancelled)
     kelvoLogCommon(LogError, "Unable to send the job to the printer: writing standard output failed (%s)",
                    errno != 0 ? std::strerror(errno) : "write error");
   return failed;
@@ -130,12 +167,84 @@ void logHeader(int pageCount, const cups_page_header2_t& header) {
   kelvoLogCommon(LogDebug, "header.cupsRowStep:%d", header.cupsRowStep);
 }
 
+// The raster input as libcups reads it, counted, so that the end of the
+// stream can be told from a header libcups refused: libcups answers both with
+// "no more pages".
+struct RasterSource {
+  int fd = 0;
+  uint64_t delivered = 0;  // bytes handed to libcups so far
+  uint64_t pageEnd = 0;    // delivered when the last page was read in full
+  bool atEnd = false;      // the input has no more bytes
+  uint32_t sync = 0;       // the stream's first four bytes
+  std::string next;        // the first bytes after pageEnd: the next header
+
+  void markPageEnd() {
+    pageEnd = delivered;
+    next.clear();
+  }
+
+  static ssize_t read(void* context, unsigned char* buffer, size_t length) {
+    auto* self = static_cast<RasterSource*>(context);
+    for (;;) {
+      const ssize_t got = ::read(self->fd, buffer, length);
+      if (got < 0 && errno == EINTR && !sJobCancelled) continue;
+      if (got <= 0) {
+        self->atEnd = true;
+        return got < 0 && errno == EINTR ? 0 : got;
+      }
+      for (ssize_t i = 0; i < got && self->delivered + i < 4; ++i)
+        self->sync |= static_cast<uint32_t>(buffer[i]) << (8 * (self->delivered + i));
+      const uint64_t from = std::max(self->delivered, self->pageEnd);
+      const uint64_t to = std::min(self->delivered + got, self->pageEnd + sizeof(cups_page_header2_t));
+      if (from < to) self->next.append(reinterpret_cast<char*>(buffer) + (from - self->delivered), to - from);
+      self->delivered += static_cast<uint64_t>(got);
+      return got;
+    }
+  }
+
+  // A field of the header that follows the last page, as the stream holds it.
+  uint32_t nextField(size_t offset) const {
+    uint32_t value = 0;
+    std::memcpy(&value, next.data() + offset, sizeof value);
+    const bool swapped = sync == CUPS_RASTER_REVSYNC || sync == CUPS_RASTER_REVSYNCv1 ||
+                         sync == CUPS_RASTER_REVSYNCv2 || sync == CUPS_RASTER_REVSYNCapple;
+    return swapped ? __builtin_bswap32(value) : value;
+  }
+
+  // After libcups found no further page: true when what follows the last
+  // page is a whole header it refused or more input than a header, rather
+  // than the end of the stream or a header cut short. A header of zero
+  // height or zero bytes a line is the end mark some spoolers send.
+  bool refused() const {
+    // Version 1 streams have the short header.
+    const bool v1 = sync == CUPS_RASTER_SYNCv1 || sync == CUPS_RASTER_REVSYNCv1;
+    const size_t headerBytes = v1 ? sizeof(cups_page_header_t) : sizeof(cups_page_header2_t);
+    if (next.size() >= headerBytes &&
+        (nextField(offsetof(cups_page_header2_t, cupsHeight)) == 0 ||
+         nextField(offsetof(cups_page_header2_t, cupsBytesPerLine)) == 0))
+      return false;
+    return !atEnd || delivered - pageEnd >= headerBytes;
+  }
+};
+
 // Reads and prints pages until the stream ends; returns the exit status.
-int pageLoop(cups_raster_t* raster, Settings& settings, KelvoPrinter& printer, unsigned char*& buffer) {
+int pageLoop(cups_raster_t* raster, RasterSource& source, Settings& settings, KelvoPrinter& printer,
+             unsigned char*& buffer) {
   cups_page_header2_t header;
   int pageCount = 0;
   FILE* out = printer.getOutputStreams().front();
-  while (!sJobCancelled && cupsRasterReadHeader2(raster, &header)) {
+  source.markPageEnd();
+  while (!sJobCancelled) {
+    if (!cupsRasterReadHeader2(raster, &header)) {
+      if (sJobCancelled || !source.refused()) break;
+      kelvoLogCommon(LogError, "Page %d: the raster stream holds %s after %d complete pages; the job stops here",
+                     pageCount + 1, cupsLastErrorString() != nullptr && *cupsLastErrorString() != '\0'
+                                        ? "a page header that is not valid (bits per pixel, bytes per line or "
+                                          "height out of range)"
+                                        : "bytes that are not a raster page",
+                     pageCount);
+      return 1;
+    }
     if (header.cupsBitsPerPixel != 8) {
       kelvoLogCommon(LogError, "Unsupported bits per pixel : %d ! Requires 8 bits per pixel!",
                      header.cupsBitsPerPixel);
@@ -154,37 +263,156 @@ int pageLoop(cups_raster_t* raster, Settings& settings, KelvoPrinter& printer, u
     // From here on the raster's own size is the page size of the job.
     settings.pageWidth = static_cast<float>(header.cupsWidth * 25.4 / header.HWResolution[0]);
     settings.pageHeight = static_cast<float>(header.cupsHeight * 25.4 / header.HWResolution[1]);
+    settings.pageWidthDots = header.cupsWidth;
+    settings.pageHeightDots = header.cupsHeight;
     kelvoLogCommon(LogDebug, "pageWidth: %f,pageHeight: %f", settings.pageWidth, settings.pageHeight);
 
-    jobSetup(&settings);
+    jobSetup(printer, &settings);
     printer.setPageHeader(&header);
     printer.setBrightness(settings.Brightness);
     printer.setHalftoneType(static_cast<DitherType>(settings.halftoneType));
     printer.setMirrorPrint(settings.MirrorImage != 0);
     printer.setNegativePrint(settings.NegativeImage != 0);
-    setCls();
+    setCls(printer);
 
     ++pageCount;
     logHeader(pageCount, header);
 
-    if (cupsRasterReadPixels(raster, buffer, pageBytes) != 0 && !sJobCancelled) {
-      // The line-repeat compression must never refer to a row of an earlier page.
-      LastSet = 0;
+    const bool whole = cupsRasterReadPixels(raster, buffer, pageBytes) != 0;
+    source.markPageEnd();
+    if (whole && !sJobCancelled) {
+      printer.startPage();
       printer.printImage(buffer, header.cupsBytesPerLine, header.cupsHeight, header.cupsWidth);
     }
     // Stop at the first page the printer could not receive; the rest would
     // be rendered for nobody.
-    if (outputFailed(out)) return 1;
+    if (outputFailed(out)) return sJobCancelled ? 0 : 1;
   }
   // Cancelling is the spooler's decision, not a failure of the job.
   if (sJobCancelled) kelvoLogCommon(LogDebug, "Job cancelled after %d pages", pageCount);
   return 0;
 }
 
+// One line a person can act on, after the fixed page size message: what is
+// wrong with the printer's PPD.
+void explainMissingPageSize(const Settings& settings) {
+  const char* path = std::getenv("PPD");
+  if (path == nullptr || *path == '\0') {
+    kelvoLogCommon(LogError, "No PPD file: the environment variable PPD does not name the printer's PPD (run the "
+                             "filter through CUPS, or set PPD=/path/to/printer.ppd)");
+    return;
+  }
+  errno = 0;
+  ppd_file_t* ppd = ppdOpenFile(path);
+  if (ppd == nullptr) {
+    int line = 0;
+    const ppd_status_t status = ppdLastError(&line);
+    const int savedErrno = errno;
+    if (status == PPD_FILE_OPEN_ERROR)
+      kelvoLogCommon(LogError, "Unable to read the PPD file %s: %s", path,
+                     savedErrno != 0 ? std::strerror(savedErrno) : ppdErrorString(status));
+    else
+      kelvoLogCommon(LogError, "The PPD file %s is not valid: %s on line %d", path, ppdErrorString(status), line);
+    return;
+  }
+  ppdClose(ppd);
+  kelvoLogCommon(LogError, "The PPD file %s has no page size \"%s\"; choose one of its sizes with -o PageSize=...",
+                 path, settings.PageSize);
+}
+
+// The recording file: created new (never through a link, never over an
+// existing file), with the recordings of earlier jobs kept to a budget.
+class Recording {
+ public:
+  explicit Recording(const char* path) : path_(path) {}
+  ~Recording() {
+    if (stream_ != nullptr) std::fclose(stream_);
+  }
+  Recording(const Recording&) = delete;
+  Recording& operator=(const Recording&) = delete;
+
+  FILE* open() {
+    const std::string full = path_;
+    const size_t slash = full.rfind('/');
+    folder_ = slash == std::string::npos ? "" : full.substr(0, slash + 1);
+    const std::string base = full.substr(slash == std::string::npos ? 0 : slash + 1);
+    // "<prefix>-YYYYMMDDhhmmss.bin": the prefix is what stands before the
+    // last 19 characters.
+    prefix_ = base.size() > 19 ? base.substr(0, base.size() - 19) : base;
+    if (!kelvoMakeRoom(folder_, [this](const char* name) { return ownsName(name); }, kBudget, 1, 0)) {
+      kelvoLogCommon(LogWarning, "Printer commands not recorded: older recordings in %s could not be removed",
+                     folder_.empty() ? "." : folder_.c_str());
+      return nullptr;
+    }
+    const int fd = kelvoCreateNewFile(full, 0600);
+    if (fd < 0) {
+      kelvoLogCommon(LogWarning, "Printer commands not recorded: unable to create %s: %s", full.c_str(),
+                     std::strerror(errno));
+      return nullptr;
+    }
+    fd_ = fd;
+    cookie_io_functions_t io{nullptr, write, nullptr, closeFd};
+    stream_ = fopencookie(this, "w", io);
+    if (stream_ == nullptr) close(fd);
+    return stream_;
+  }
+  bool failed() const { return failed_; }
+
+ private:
+  // The last 64 recordings and 256 MB of them stay; a job that would pass the
+  // bytes on its own is recorded up to there.
+  static constexpr KelvoFileBudget kBudget{64, 256ull << 20};
+  bool ownsName(const char* name) const {
+    const std::string& prefix = prefix_;
+    const size_t length = std::strlen(name);
+    if (prefix.empty() || length != prefix.size() + 19 || std::strncmp(name, prefix.c_str(), prefix.size()) != 0)
+      return false;
+    const char* tail = name + prefix.size();
+    if (tail[0] != '-' || std::strcmp(tail + 15, ".bin") != 0) return false;
+    for (int i = 1; i < 15; ++i)
+      if (tail[i] < '0' || tail[i] > '9') return false;
+    return true;
+  }
+  static ssize_t write(void* cookie, const char* data, size_t size) {
+    auto* self = static_cast<Recording*>(cookie);
+    size_t keep = size;
+    if (self->written_ + keep > kBudget.maxBytes) {
+      keep = self->written_ < kBudget.maxBytes ? static_cast<size_t>(kBudget.maxBytes - self->written_) : 0;
+      if (!self->full_)
+        kelvoLogCommon(LogWarning, "Recording %s stops at %llu MB; the job prints on", self->path_,
+                       static_cast<unsigned long long>(kBudget.maxBytes >> 20));
+      self->full_ = true;
+    }
+    for (size_t done = 0; done < keep;) {
+      const ssize_t n = ::write(self->fd_, data + done, keep - done);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) {
+        self->failed_ = true;
+        break;
+      }
+      done += static_cast<size_t>(n);
+    }
+    self->written_ += keep;
+    // The printer's stream must not fail because the recording did.
+    return static_cast<ssize_t>(size);
+  }
+  static int closeFd(void* cookie) { return close(static_cast<Recording*>(cookie)->fd_); }
+
+  const char* path_;
+  std::string folder_;
+  std::string prefix_;
+  FILE* stream_ = nullptr;
+  int fd_ = -1;
+  uint64_t written_ = 0;
+  bool full_ = false;
+  bool failed_ = false;
+};
+
 }  // namespace
 
 int kelvoFilterMain(int argc, char** argv) {
   const char* program = argc > 0 && argv[0] != nullptr ? argv[0] : "rastertokelvozpl";
+  const char* jobId = argc > 1 && argv[1] != nullptr ? argv[1] : "";
   const char* options = argc > 5 ? argv[5] : nullptr;
   const char* rasterPath = argc > 6 ? argv[6] : nullptr;
 
@@ -206,7 +434,8 @@ int kelvoFilterMain(int argc, char** argv) {
   if (rasterPath != nullptr) {
     fd = open(rasterPath, O_RDONLY);
     if (fd == -1) {
-      std::fprintf(stderr, "ERROR: Unable to open raster file - ");
+      // The first words are what support staff search the logs for.
+      std::fprintf(stderr, "ERROR: Unable to open raster file - %s: %s\n", rasterPath, std::strerror(errno));
       return 1;
     }
   }
@@ -215,22 +444,26 @@ int kelvoFilterMain(int argc, char** argv) {
   JobSignals signals;
   int status = 1;
   std::unique_ptr<ZplPrinter> printer(new ZplPrinter());
-  std::unique_ptr<FILE, CFileCloser> recording;
-  sPrinter = printer.get();
   Settings settings{};
   unsigned char* buffer = nullptr;
   cups_raster_t* raster = nullptr;
+  RasterSource source;
+  source.fd = fd;
 
   parseSettings(&settings, options);
+  printer->setCancelFlag(&sJobCancelled);
+  printer->setDialect(settings.dialect);
+  printer->setGraphicEncoding(settings.encoding);
+  const char* tmp = std::getenv("TMPDIR");
+  printer->setDebugImages(settings.DebugImages != 0, tmp != nullptr && *tmp != '\0' ? tmp : KELVO_DEBUG_IMAGE_DIR,
+                          jobId);
 
+  std::unique_ptr<Recording> recording;
   if (settings.outputFile[0] != '\0') {
-    recording.reset(std::fopen(settings.outputFile, "w"));
-    if (recording) {
+    recording.reset(new Recording(settings.outputFile));
+    if (FILE* stream = recording->open()) {
       kelvoLogCommon(LogDebug, "Filter data output to: %s", settings.outputFile);
-      printer->getOutputStreams().push_back(recording.get());
-    } else {
-      kelvoLogCommon(LogError, "Unable to open the recording file %s: %s", settings.outputFile,
-                     std::strerror(errno));
+      printer->getOutputStreams().push_back(stream);
     }
   }
 
@@ -239,11 +472,12 @@ int kelvoFilterMain(int argc, char** argv) {
   if (settings.pageWidth <= 0.000001 || settings.pageHeight <= 0.000001) {
     std::fprintf(stderr, "ERROR: Paper size must not less than 1.0 : (%f, %f)\n", settings.pageWidth,
                  settings.pageHeight);
+    explainMissingPageSize(settings);
   } else {
     // Line feeds wake the printer and flush anything left in its parser.
     for (int i = 0; i < 64; ++i) printer->printByte('\n');
-    raster = cupsRasterOpen(fd, CUPS_RASTER_READ);
-    status = pageLoop(raster, settings, *printer, buffer);
+    raster = cupsRasterOpenIO(RasterSource::read, &source, CUPS_RASTER_READ);
+    status = raster != nullptr ? pageLoop(raster, source, settings, *printer, buffer) : 0;
   }
 
   std::free(buffer);
@@ -251,9 +485,8 @@ int kelvoFilterMain(int argc, char** argv) {
   // The last bytes may still sit in a buffer; a job whose end never reached
   // the printer has failed.
   if (status == 0 && outputFailed(stdout)) status = 1;
-  if (recording && (std::fflush(recording.get()) != 0 || std::ferror(recording.get()) != 0))
-    kelvoLogCommon(LogError, "Recording file %s is incomplete: %s", settings.outputFile, std::strerror(errno));
+  if (recording && recording->failed())
+    kelvoLogCommon(LogWarning, "Recording file %s is incomplete", settings.outputFile);
   if (fd != 0) close(fd);
-  sPrinter = nullptr;
   return status;
 }

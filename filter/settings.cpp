@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string>
+#include <strings.h>
 
 #include "filter/ppd_helpers.h"
 #include "support/kelvo_log.h"
@@ -38,6 +40,70 @@ void makeRecordingName(ppd_file_t* ppd, Settings* settings) {
   }
 }
 
+// Names CUPS and IPP give every filter; never taken for a misspelt PPD option.
+bool isStandardOption(const char* name) {
+  static const char* const kNames[] = {"media", "copies", "collate", "sides", "resolution", "landscape",
+                                       "orientation", "scaling", "fitplot", "fit", "ppi", "page", "number",
+                                       "mirror", "brightness", "gamma", "hue", "saturation", "position", "natural"};
+  if (std::strchr(name, '-') != nullptr) return true;
+  for (const char* standard : kNames)
+    if (strcasecmp(name, standard) == 0) return true;
+  return false;
+}
+
+std::string choicesOf(const ppd_option_t* option) {
+  std::string list;
+  for (int i = 0; i < option->num_choices; ++i) {
+    if (!list.empty()) list += ", ";
+    list += option->choices[i].choice;
+  }
+  return list;
+}
+
+// A PPD option of which `name` is a misspelling in letter case, or the start
+// ("Halftone" for "HalftoneType"); null when there is none.
+ppd_option_t* likelyOption(ppd_file_t* ppd, const char* name) {
+  const size_t length = std::strlen(name);
+  if (length < 4 || isStandardOption(name)) return nullptr;
+  for (int g = 0; g < ppd->num_groups; ++g) {
+    ppd_group_t& group = ppd->groups[g];
+    for (int o = 0; o < group.num_options; ++o)
+      if (strncasecmp(group.options[o].keyword, name, length) == 0) return &group.options[o];
+  }
+  return nullptr;
+}
+
+// CUPS marks only the choices a PPD has and drops the rest without a word:
+// say which job options were not used, so a user sees why the print looks
+// like the default.
+void warnUnusedOptions(ppd_file_t* ppd, int count, cups_option_t* list) {
+  for (int i = 0; i < count; ++i) {
+    const char* name = list[i].name;
+    const char* value = list[i].value != nullptr ? list[i].value : "";
+    ppd_option_t* option = ppdFindOption(ppd, name);
+    if (option != nullptr) {
+      // PageSize=Custom.4x6in and the like are sizes CUPS resolves itself.
+      if (ppdFindChoice(option, value) != nullptr || strncasecmp(value, "Custom.", 7) == 0) continue;
+      kelvoLogCommon(LogWarning, "Unknown choice \"%.60s\" for option %s; valid: %s; using the default %s", value,
+                     name, choicesOf(option).c_str(), option->defchoice);
+    } else if ((option = likelyOption(ppd, name)) != nullptr) {
+      kelvoLogCommon(LogWarning, "Unknown option %.60s=%.60s (did you mean %s? valid: %s); using the default %s", name,
+                     value, option->keyword, choicesOf(option).c_str(), option->defchoice);
+    }
+  }
+}
+
+// A job may switch recording on only where the PPD allows it: a recording is
+// a copy of somebody's print. A PPD that does not say keeps the old rule.
+void applyRecordingRule(ppd_file_t* ppd, int& count, cups_option_t*& list) {
+  if (cupsGetOption("RecordPrinterCommands", count, list) == nullptr) return;
+  const char* allow = kelvoPpdGetAttrAsStrDefault(ppd, "kelvoAllowJobRecording", nullptr, nullptr);
+  if (allow == nullptr || strcasecmp(allow, "true") == 0 || strcasecmp(allow, "yes") == 0) return;
+  kelvoLogCommon(LogWarning, "Option RecordPrinterCommands is set by the printer's administrator, not by a job; "
+                             "the job option is ignored");
+  count = cupsRemoveOption("RecordPrinterCommands", count, &list);
+}
+
 }  // namespace
 
 void getPageWidthPageHeight(ppd_file_t* ppd, Settings* settings) {
@@ -65,11 +131,13 @@ void parseSettings(Settings* settings, const char* options) {
     ppdMarkDefaults(ppd);
     // Job options override the PPD defaults.
     cups_option_t* list = nullptr;
-    const int count = cupsParseOptions(options, 0, &list);
+    int count = cupsParseOptions(options, 0, &list);
     if (count > 0 && list != nullptr) {
+      applyRecordingRule(ppd, count, list);
+      warnUnusedOptions(ppd, count, list);
       cupsMarkOptions(ppd, count, list);
-      cupsFreeOptions(count, list);
     }
+    cupsFreeOptions(count, list);
   }
 
   std::memset(settings, 0, sizeof *settings);
@@ -94,6 +162,16 @@ void parseSettings(Settings* settings, const char* options) {
   settings->ForceRotation = kelvoPpdGetChoiceAsIntDefault(ppd, "ForceRotation", 0);
 
   if (kelvoPpdGetChoiceAsIntDefault(ppd, "RecordPrinterCommands", 0) > 0) makeRecordingName(ppd, settings);
+
+  // Newer choices. A PPD without them prints as before: the Kelvo dialect,
+  // hex graphics, debug pictures on.
+  const char* dialect = kelvoPpdGetChoiceAsStrDefault(ppd, "ZplDialect", "");
+  settings->dialect = std::strcmp(dialect, "Standard") == 0 ? kDialectStandard : kDialectKelvo;
+  const char* encoding = kelvoPpdGetChoiceAsStrDefault(ppd, "GraphicEncoding", "");
+  settings->encoding = std::strcmp(encoding, "Z64") == 0         ? kEncodingZ64
+                       : std::strcmp(encoding, "InlineZ64") == 0 ? kEncodingInlineZ64
+                                                                 : kEncodingHex;
+  settings->DebugImages = kelvoPpdGetChoiceAsBoolDefault(ppd, "DebugImages", 1) != 0 ? 1 : 0;
 
   kelvoLogCommon(LogDebug, "settings->Resolution:%s", settings->Resolution);
   kelvoLogCommon(LogDebug, "settings->MediaMethod:%s", settings->MediaMethod);

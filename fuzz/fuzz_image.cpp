@@ -178,11 +178,15 @@ void paletteOperations(Reader& in) {
 // ---- page pipeline and graphic emitter ----
 
 // What the printer sent must be the plain encoding of the page.
-void checkGraphic(const std::string& sent, const unsigned char* bits, size_t width, size_t height,
+// ZPL's copy range: 0 and counts past 2^31 print once, the rest saturate.
+int copiesSent(unsigned count) {
+  return count == 0 || count > 0x7FFFFFFFu ? 1 : count > 99999999u ? 99999999 : static_cast<int>(count);
+}
+
+void checkGraphic(const std::string& sent, const unsigned char* bits, size_t stride, size_t width, size_t height,
                   const cups_page_header2_t& header, unsigned long skip) {
-  int lastSet = 0;
-  if (sent != kref::zplGraphic(bits, static_cast<int>(width), static_cast<int>(height),
-                               static_cast<int>(header.NumCopies), skip, lastSet))
+  if (sent != kref::zplGraphic(bits, static_cast<int>(stride), static_cast<int>(width), static_cast<int>(height),
+                               copiesSent(header.NumCopies), skip))
     fail("the graphic is not the plain encoding of the %zu x %zu page", width, height);
 }
 
@@ -216,11 +220,7 @@ void pagePipeline(Reader& in) {
   printer.setPageHeader(&header);
   const std::string page = kfuzz::fill(in.rest(), in.restSize(), static_cast<size_t>(stride) * height);
 
-  sPrinter = &printer;
-  LastSet = 0;
-  page_index = 0;
   printer.printImage(reinterpret_cast<const unsigned char*>(page.data()), stride, height, width);
-  sPrinter = nullptr;
 
   PaletteImage* image = printer.processed();
   if (image == nullptr || !image->IsValid()) fail("no processed image");
@@ -228,10 +228,10 @@ void pagePipeline(Reader& in) {
   for (size_t y = 0; y < h; ++y)
     for (size_t x = 0; x < w; ++x) {
       const unsigned v = image->GetPixelIndex(static_cast<long>(x), static_cast<long>(y));
-      if (v != 0 && v != 1 && v != 254 && v != 255)
+      if (v != 0 && v != 1 && v != 255)
         fail("halftone %d left pixel (%zu, %zu) at %u", static_cast<int>(printer.getHalftoneType()), x, y, v);
     }
-  checkGraphic(printer.take(), image->GetBits(0), w, h, header, printer.getSkipRightPixels());
+  checkGraphic(printer.take(), image->GetBits(0), image->GetEffWidth(), w, h, header, printer.getSkipRightPixels());
 }
 
 void emitter(Reader& in) {
@@ -248,30 +248,27 @@ void emitter(Reader& in) {
   MemoryPrinter printer;
   printer.setSkipRightPixels(skip);
   printer.setPageHeader(&header);
-  sPrinter = &printer;
-  LastSet = 0;
   printer.doPrintImage(bits, width, height, width);
   const std::string full = printer.take();
-  checkGraphic(full, bits, width, height, header, skip);
+  checkGraphic(full, bits, width, width, height, header, skip);
 
   // Where each row of the download ends in the job.
   std::vector<unsigned char> rows(bits, bits + page.size());
   const size_t rowBytes = static_cast<size_t>(kref::grayToMono(int(width), int(height), rows.data(), skip)) / height;
   std::vector<size_t> rowEnds = {full.find('\n', full.find("~DGR:CUPS.GRF,")) + 1};
-  int lastSet = 0;
+  bool prevAllDots = false;
   for (unsigned r = 0; r < height; ++r)
-    rowEnds.push_back(rowEnds.back() + kref::zplLine(&rows[r * rowBytes], static_cast<int>(rowBytes), lastSet).size());
+    rowEnds.push_back(rowEnds.back() +
+                      kref::zplLine(&rows[r * rowBytes], static_cast<int>(rowBytes), prevAllDots).size());
 
   CancellingSink sink(cancelAt);
   FILE* stream = sink.open();
   if (stream == nullptr) fail("fopencookie failed");
   printer.sendTo(stream);
-  sJobCancelled = 0;
-  LastSet = 0;
+  printer.setCancelFlag(&sink.cancelled);
   printer.doPrintImage(bits, width, height, width);
-  const bool cancelled = sJobCancelled != 0;
-  sJobCancelled = 0;
-  sPrinter = nullptr;
+  const bool cancelled = sink.cancelled != 0;
+  printer.setCancelFlag(nullptr);
   printer.sendTo(nullptr);  // closes the cookie stream
   const std::string& cut = sink.text;
 

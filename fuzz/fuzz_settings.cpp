@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "filter/job_setup.h"
+#include "printer/label_setup.h"
 #include "filter/settings.h"
 #include "fuzz_util.h"
 #include "tests/common/memory_printer.h"
@@ -110,12 +110,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     kfuzz::fail("fields that are always 0 are not");
 
   MemoryPrinter printer;
-  sPrinter = &printer;
-  jobSetup(&settings);
-  sPrinter = nullptr;
+  jobSetup(printer, &settings);
   const std::string block = printer.take();
-  if (block.compare(0, 5, "SIZE ") != 0 || block.size() < 8 || block.compare(block.size() - 7, 7, "^XZ\r\n\r\n") != 0)
-    kfuzz::fail("setup block is not framed by SIZE and ^XZ: %s", block.c_str());
+  const char* start = settings.dialect == kDialectStandard ? "^XA\r\n" : "SIZE ";
+  if (block.compare(0, std::strlen(start), start) != 0 || block.size() < 8 ||
+      block.compare(block.size() - 7, 7, "^XZ\r\n\r\n") != 0)
+    kfuzz::fail("setup block is not framed by %s and ^XZ: %s", start, block.c_str());
+  // Whatever the PPD says, only a speed of digits follows ^PR.
+  const size_t speed = block.find("^PR");
+  if (speed != std::string::npos && block.find_first_not_of("0123456789", speed + 3) != block.find("\r\n", speed))
+    kfuzz::fail("^PR followed by something that is not a speed: %s", block.c_str());
   // Every command is one line ending in CR LF.
   for (size_t at = 0; (at = block.find('\n', at)) != std::string::npos; ++at)
     if (at == 0 || block[at - 1] != '\r') kfuzz::fail("bare line feed in the setup block: %s", block.c_str());

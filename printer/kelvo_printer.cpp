@@ -4,10 +4,6 @@
 #include <cstdlib>
 #include <cstring>
 
-KelvoPrinter* sPrinter = nullptr;
-uint64_t page_index = 0;
-volatile std::sig_atomic_t sJobCancelled = 0;
-
 namespace {
 // The maker's notice, spelled as hexadecimal byte values so that it survives
 // in the binary as one recognisable line:
@@ -16,14 +12,11 @@ const char kCopyRight[] =
     "MFT:4B 65 6C 76 6F 20 5A 50 4C 20 6C 61 62 65 6C 20 61 6E 64 20 73 74 65 6E 63 69 6C 20 66 69 6C 74 65 "
     "72 2C 20 6D 61 64 65 20 62 79 20 69 74 73 20 6D 61 69 6E 74 61 69 6E 65 72 73";
 
-const char kInitialImagePattern[] = KELVO_DEBUG_IMAGE_DIR "prnimg_%d-%d-%d_%d_%d_%d_%ld.bmp";
-
 int clampInt(int value, int low, int high) { return value < low ? low : (value > high ? high : value); }
 }  // namespace
 
 KelvoPrinter::KelvoPrinter()
     : pimage(nullptr),
-      imagePathPattern_{},
       pageHdr_(nullptr),
       maxMediaWidth_(0),
       printWidth_(0),
@@ -42,7 +35,6 @@ KelvoPrinter::KelvoPrinter()
       skipRightPixels_(0),
       userData_(nullptr),
       resolution_(300) {
-  std::strcpy(imagePathPattern_, kInitialImagePattern);
   outputStreams_.push_back(stdout);
 }
 

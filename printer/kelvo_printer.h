@@ -9,14 +9,11 @@
 #include <cstdio>
 #include <list>
 
-#include "image/palette_image.h"
-#include "support/halftone_type.h"
+#include <string>
 
-// Folder of the two debug pictures saved per page. The fuzz build points it at
-// a folder that does not exist, so that millions of runs leave no files.
-#ifndef KELVO_DEBUG_IMAGE_DIR
-#define KELVO_DEBUG_IMAGE_DIR "/var/spool/cups/tmp/"
-#endif
+#include "image/palette_image.h"
+#include "printer/job_settings.h"
+#include "support/halftone_type.h"
 
 class KelvoPrinter {
  public:
@@ -70,6 +67,26 @@ class KelvoPrinter {
   const char* getCopyRight() const;
   std::list<FILE*>& getOutputStreams() { return outputStreams_; }
 
+  // --- per-job state: everything a job needs is here, nothing is
+  // process-wide, so one process can drive several printers at once ---
+  // The flag is set from outside (a signal handler, another thread) when the
+  // job is cancelled; the pipeline and the emitter stop at their next safe
+  // point. nullptr: never cancelled.
+  void setCancelFlag(const volatile std::sig_atomic_t* flag) { cancelFlag_ = flag; }
+  bool isCancelled() const { return cancelFlag_ != nullptr && *cancelFlag_ != 0; }
+  void setDialect(ZplDialect dialect) { dialect_ = dialect; }
+  ZplDialect getDialect() const { return dialect_; }
+  void setGraphicEncoding(GraphicEncoding encoding) { encoding_ = encoding; }
+  GraphicEncoding getGraphicEncoding() const { return encoding_; }
+  // Debug pictures: off unless a folder is given. `tag` names the job in the
+  // file names (e.g. the job id), so two jobs never share a name.
+  void setDebugImages(bool on, const std::string& folder, const std::string& tag);
+  bool debugImagesOn() const { return debugImages_; }
+  // Called before each page: the line-repeat compression never refers to a
+  // row of an earlier page.
+  void startPage() { prevRowAllDots_ = false; }
+  uint64_t debugImageCount() const { return pageIndex_; }
+
   // --- print primitives: the same data to every stream, in list order ---
   void printBytes(const unsigned char* data, unsigned long size);
   void printStr(const char* text);
@@ -78,11 +95,15 @@ class KelvoPrinter {
 
   // --- page pipeline ---
   void printImage(const unsigned char* data, unsigned long bytesPerLine, unsigned long height, unsigned long width);
+  // Writes one debug picture into the debug folder, named after `kind`.
   void saveImage(const unsigned char* data, unsigned long bytesPerLine, unsigned long height, unsigned long width,
-                 unsigned short bitsPerPixel);
-  long PageProcess(DitherType type, const unsigned char* data, int stride, int width, int height, unsigned char* out);
-  void copyPixels(PaletteImage& image, unsigned char* out, int width, int height, int stride);
-  void copyProcessedPixels(PaletteImage* image, unsigned char* out, int width, int height, int stride);
+                 unsigned short bitsPerPixel, const char* kind);
+  // Builds, adjusts, transforms and halftones the page into `pimage`;
+  // false when the page could not be built.
+  bool PageProcess(DitherType type, const unsigned char* data, int stride, int width, int height);
+  // The processed page of the last PageProcess: 8 bits a pixel, rows
+  // GetEffWidth() bytes apart, 0 = paper.
+  PaletteImage* processedImage() { return pimage; }
   void EnableAntiWrink(PaletteImage& image);
 
   // Packs h rows of bpl bytes into 1-bit rows in place; returns the packed size.
@@ -92,7 +113,6 @@ class KelvoPrinter {
   PaletteImage workImage_;
   PaletteImage stencilImage_;
   PaletteImage* pimage;
-  char imagePathPattern_[1024];
   std::list<FILE*> outputStreams_;
   cups_page_header2_t* pageHdr_;
   int32_t maxMediaWidth_;
@@ -112,19 +132,19 @@ class KelvoPrinter {
   unsigned long skipRightPixels_;
   UserData* userData_;
   int32_t resolution_;
+
+  const volatile std::sig_atomic_t* cancelFlag_ = nullptr;
+  ZplDialect dialect_ = kDialectKelvo;
+  GraphicEncoding encoding_ = kEncodingHex;
+  // The row before the one being encoded was all dots (sent in full or as a
+  // repeat); only then may an all-dots row be sent as a repeat.
+  bool prevRowAllDots_ = false;
+  // Numbers the debug pictures of this printer.
+  uint64_t pageIndex_ = 0;
+  bool debugImages_ = false;
+  std::string debugFolder_;
+  std::string debugTag_;
 };
-
-// The process-wide current printer; the job setup commands and the copy
-// count of the graphic write through it.
-extern KelvoPrinter* sPrinter;
-
-// Numbers the debug BMP files of the process.
-extern uint64_t page_index;
-
-// Set by the filter's SIGTERM handler when the spooler cancels the job. The
-// page loop and the graphic emitter stop at their next safe point; an
-// unfinished graphic download is aborted so the printer does not wait for it.
-extern volatile std::sig_atomic_t sJobCancelled;
 
 extern "C" {
 size_t kelvoImageCountBlankLinesFromFront(const unsigned char* data, size_t bytesPerLine, size_t height,

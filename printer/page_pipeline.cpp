@@ -1,22 +1,46 @@
 // The page entry of the printer: debug images, adjustment, transforms,
 // halftoning, negative and frame, then the rendering of the processed page.
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
+#include <string>
+#include <vector>
 
 #include "printer/kelvo_printer.h"
 #include "stencil/jv_image.h"
 #include "stencil/jv_tattoo.h"
 #include "support/kelvo_log.h"
+#include "support/safe_files.h"
 
 namespace {
 
-const char kOriginPattern[] = KELVO_DEBUG_IMAGE_DIR "origin_%d-%d-%d_%d_%d_%d_%ld.bmp";
-const char kDitheredPattern[] = KELVO_DEBUG_IMAGE_DIR "dithered_%d-%d-%d_%d_%d_%d_%ld.bmp";
+// Every debug picture is named "kelvozpl-debug-<kind>-<job>-<pid>-<n>-<time>.bmp":
+// unique to the job, the process and the page, and recognisable, so that only
+// the driver's own pictures are ever removed.
+const char kDebugPrefix[] = "kelvozpl-debug-";
+const char kDebugSuffix[] = ".bmp";
+
+// The last 64 pictures and 256 MB of them stay; older ones go first.
+constexpr KelvoFileBudget kDebugBudget{64, 256ull << 20};
+
+bool isDebugPicture(const char* name) {
+  const size_t length = std::strlen(name);
+  return std::strncmp(name, kDebugPrefix, sizeof kDebugPrefix - 1) == 0 && length >= sizeof kDebugSuffix - 1 &&
+         std::strcmp(name + length - (sizeof kDebugSuffix - 1), kDebugSuffix) == 0;
+}
+
+// Keeps what goes into a file name to letters, digits and a few marks: the tag
+// comes from the job and must not reach another folder.
+std::string fileNamePart(const std::string& text) {
+  std::string out;
+  for (char c : text.substr(0, 64)) out += (std::isalnum(static_cast<unsigned char>(c)) || c == '_') ? c : '_';
+  return out.empty() ? "job" : out;
+}
 
 bool rowIsBlank(const unsigned char* row, size_t n) {
   for (size_t i = 0; i < n; ++i)
@@ -63,27 +87,18 @@ extern "C" size_t kelvoImageCountBlankLinesFromBack(const unsigned char* data, s
   return 0;
 }
 
+void KelvoPrinter::setDebugImages(bool on, const std::string& folder, const std::string& tag) {
+  debugImages_ = on;
+  debugFolder_ = folder.empty() || folder.back() == '/' ? folder : folder + "/";
+  debugTag_ = fileNamePart(tag);
+}
+
 void KelvoPrinter::printImage(const unsigned char* data, unsigned long bytesPerLine, unsigned long height,
                               unsigned long width) {
   kelvoLogCommon(LogDebug, "printImage: Start processing image, input width: %zu, height: %zu, bytes per line: %zu",
                  width, height, bytesPerLine);
-  const size_t pageBytes = bytesPerLine * height;
-  unsigned char* spare = nullptr;
-  unsigned char* result = nullptr;
   size_t top = 0;
   size_t bottom = 0;
-  size_t adjustedHeight = height;
-  unsigned char* adjusted = nullptr;
-
-  // The spare buffer is never written; it stays because its allocation is the
-  // page's early test for memory.
-  spare = static_cast<unsigned char*>(std::malloc(pageBytes));
-  if (spare == nullptr) {
-    kelvoLogCommon(LogError, "printImage: Memory allocation failed, unable to process image, exiting processing");
-    goto done;
-  }
-  kelvoLogCommon(LogDebug, "printImage: Memory allocated successfully, size: %zu bytes", pageBytes);
-
   if (removeBlankEdges_ != 0) {
     if (removeBlankEdges_ & 8) {
       bottom = kelvoImageCountBlankLinesFromBack(data, bytesPerLine, height, skipRightPixels_, width);
@@ -97,78 +112,40 @@ void KelvoPrinter::printImage(const unsigned char* data, unsigned long bytesPerL
     }
   }
 
-  std::strcpy(imagePathPattern_, kOriginPattern);
-  kelvoLogCommon(LogDebug, "printImage: Saving original image, file path will be generated based on time");
-  saveImage(data, bytesPerLine, height, width, 8);
+  if (debugImages_) saveImage(data, bytesPerLine, height, width, 8, "origin");
 
-  result = static_cast<unsigned char*>(std::malloc(2 * pageBytes));
-  if (result == nullptr) {
-    kelvoLogCommon(LogError,
-                   "printImage: Memory allocation for processing result failed, unable to continue processing");
-    goto done;
+  if (!PageProcess(halftoneType_, data, static_cast<int>(bytesPerLine), static_cast<int>(width),
+                   static_cast<int>(height)) ||
+      pimage == nullptr || !pimage->IsValid()) {
+    // An image left empty by a failed creation has no pixels to save or print.
+    kelvoLogCommon(LogError, "printImage: pimage is NULL, unable to print the image");
+    return;
   }
-  // The logged size is the page size, not the doubled allocation; the log
-  // line has always read that way.
-  kelvoLogCommon(LogDebug, "printImage: Memory for processing result allocated successfully, size: %zu bytes",
-                 pageBytes);
-
-  PageProcess(halftoneType_, data, static_cast<int>(bytesPerLine), static_cast<int>(width),
-              static_cast<int>(height), result);
 
   // The trimmed range only feeds the log: the printer always gets the whole
   // processed page.
-  adjusted = result;
-  if (bottom > top) {
-    adjustedHeight = bottom - top;
-    adjusted = result + top * bytesPerLine;
-    kelvoLogCommon(LogDebug, "printImage: Adjusted image height to %zu, pointer offset by %zu bytes", adjustedHeight,
-                   top * bytesPerLine);
-  }
-  // The "width" and "bytes per line" labels stand over the other value; the
-  // line is kept as support staff know it.
+  const size_t adjustedHeight = bottom > top ? bottom - top : height;
   kelvoLogCommon(LogDebug,
-                 "printImage: Processed image information - pointer address: %lu, width: %zu, height: %zu, bytes "
-                 "per line: %zu, number of top blank lines: %zu, number of bottom blank lines: %zu, adjusted "
-                 "height: %zu",
-                 reinterpret_cast<unsigned long>(adjusted), bytesPerLine, height, width, top, bottom,
-                 adjustedHeight);
+                 "printImage: Processed image information - width: %zu, height: %zu, bytes per line: %zu, number "
+                 "of top blank lines: %zu, number of bottom blank lines: %zu, adjusted height: %zu",
+                 width, height, bytesPerLine, top, bottom, adjustedHeight);
 
-  std::strcpy(imagePathPattern_, kDitheredPattern);
-  kelvoLogCommon(LogDebug, "printImage: Saving processed image, file path will be generated based on time");
-  // An image left empty by a failed creation has no pixels to save or print.
-  if (pimage != nullptr && pimage->IsValid())
-    saveImage(pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(), pimage->GetWidth(), 8);
+  if (debugImages_) saveImage(pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(), pimage->GetWidth(), 8,
+                              "dithered");
 
   kelvoLogCommon(LogDebug, "printImage: Starting to print the processed image");
-  if (pimage != nullptr && pimage->IsValid()) {
-    doPrintImage(pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(), pimage->GetWidth());
-  } else {
-    kelvoLogCommon(LogError, "printImage: pimage is NULL, unable to print the image");
-  }
-
-done:
-  if (spare != nullptr) {
-    std::free(spare);
-    spare = nullptr;
-    kelvoLogCommon(LogDebug, "printImage: Freed the allocated memory, address: %p", static_cast<void*>(spare));
-  }
-  if (result != nullptr) {
-    // Logged just before the release: the line reports the address it had.
-    kelvoLogCommon(LogDebug, "printImage: Freed the memory for processing result, address: %p",
-                   static_cast<void*>(result));
-    std::free(result);
-  }
+  doPrintImage(pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(), pimage->GetWidth());
   kelvoLogCommon(LogDebug, "printImage: Image processing completed");
 }
 
-long KelvoPrinter::PageProcess(DitherType type, const unsigned char* data, int stride, int width, int height,
-                               unsigned char* out) {
+bool KelvoPrinter::PageProcess(DitherType type, const unsigned char* data, int stride, int width, int height) {
+  pimage = nullptr;
   useJVDithering_ = halftoneType_ == Tattoo || halftoneType_ == Tattoo_X8;
   kelvoLogCommon(LogDebug, "PageProcess: JV dithering is %s", useJVDithering_ ? "enabled" : "disabled");
 
   if (!workImage_.CreateFromArray(const_cast<unsigned char*>(data), width, height, 8, stride, false)) {
     kelvoLogCommon(LogCrit, "image.CreateFromArray with grey failed!");
-    return 0;
+    return false;
   }
   kelvoLogCommon(LogDebug, "PageProcess: Successfully created PaletteImage from array with stride %d", stride);
 
@@ -188,20 +165,18 @@ long KelvoPrinter::PageProcess(DitherType type, const unsigned char* data, int s
   }
 
   if (useJVDithering_) {
-    copyPixels(workImage_, out, width, height, stride);
-    kelvoLogCommon(LogDebug, "PageProcess: Copied pixels to the output buffer for JV dithering, with stride %d, EffWidth %d",
-                   stride, static_cast<int>(workImage_.GetEffWidth()));
-    JVImage src(width, height, JV_IMG_GRAY, out);
+    // The chain takes the page without row padding.
+    JVImage src(width, height, JV_IMG_GRAY);
+    for (int y = 0; y < height; ++y)
+      std::memcpy(src.data + static_cast<size_t>(y) * width, workImage_.GetBits(y), static_cast<size_t>(width));
     // The guarded entries give the chain's bytes for every page and also
     // finish on blank and two-level pages.
     JVImage stencil = halftoneType_ == Tattoo_X8 ? jvTattooDitheringX8Guarded(src) : jvTattooDitheringGuarded(src);
-    const int rounded = (stencil.width + 3) / 4 * 4;
-    kelvoLogCommon(LogDebug, "PageProcess: Applied JV dithering with stride %d, width %d", rounded, width);
+    kelvoLogCommon(LogDebug, "PageProcess: Applied JV dithering, width %d", width);
     if (!stencilImage_.CreateFromArray(stencil.data, width, height, 8, width, false)) {
       kelvoLogCommon(LogError, "PageProcess: Failed to create a new PaletteImage from JV dithered data");
-      return 0;
+      return false;
     }
-    kelvoLogCommon(LogDebug, "PageProcess: Successfully created a new PaletteImage from JV dithered data");
     pimage = &stencilImage_;
   } else {
     // The type goes to Dither unchanged: the method numbers sit one place off
@@ -216,83 +191,33 @@ long KelvoPrinter::PageProcess(DitherType type, const unsigned char* data, int s
   kelvoLogCommon(LogDebug, "PageProcess: negativePrint_ %d", negativePrint_ ? 1 : 0);
   if (negativePrint_) {
     kelvoLogCommon(LogDebug, "PageProcess: Inverting the image for negative print");
-    pimage->Negative();
+    if (useJVDithering_) {
+      pimage->Negative();  // 0 and 255 trade places
+    } else {
+      // Halftoned pixels are 0 (paper) and 1 (dot): swap the two.
+      const long w = static_cast<long>(pimage->GetWidth());
+      for (long y = 0; y < static_cast<long>(pimage->GetHeight()); ++y) {
+        unsigned char* row = pimage->GetBits(static_cast<unsigned>(y));
+        for (long x = 0; x < w; ++x) row[x] = row[x] == 0 ? 1 : 0;
+      }
+    }
   }
   if (antiWrinkle_ != 0) EnableAntiWrink(*pimage);
-
-  const long effWidth = pimage->GetEffWidth();
-  // `out` holds 2 * stride * height bytes; a frame that enlarged the image
-  // must not push the copy past it.
-  const long capacity = 2L * stride * height;
-  long rows = pimage->GetHeight();
-  if (effWidth > 0 && rows * effWidth > capacity) rows = capacity / effWidth;
-  copyProcessedPixels(pimage, out, static_cast<int>(pimage->GetWidth()), static_cast<int>(rows),
-                      static_cast<int>(effWidth));
-  kelvoLogCommon(LogDebug, "PageProcess: Filled the output buffer with processed pixels, length: %d",
-                 static_cast<int>(height * effWidth));
-  return height * effWidth;
-}
-
-void KelvoPrinter::copyPixels(PaletteImage& image, unsigned char* out, int width, int height, int stride) {
-  // The pipeline's pages are 8-bit and at least this large: copy rows.
-  if (image.IsValid() && image.GetNumColors() == 256 && width <= static_cast<int>(image.GetWidth()) &&
-      height <= static_cast<int>(image.GetHeight())) {
-    for (int y = 0; y < height; ++y)
-      if (width > 0) std::memcpy(out + static_cast<long>(y) * stride, image.GetBits(y), static_cast<size_t>(width));
-    return;
-  }
-  for (int y = 0; y < height; ++y)
-    for (int x = 0; x < width; ++x) out[static_cast<long>(y) * stride + x] = image.GetPixelIndex(x, y);
-}
-
-void KelvoPrinter::copyProcessedPixels(PaletteImage* image, unsigned char* out, int width, int height, int stride) {
-  // Index 1 (a dot after halftoning) becomes 0xFF, then the negative inverts.
-  unsigned char map[256];
-  for (int v = 0; v < 256; ++v) {
-    const unsigned char dot = static_cast<unsigned char>(v == 1 ? 0xFF : v);
-    map[v] = negativePrint_ ? static_cast<unsigned char>(~dot) : dot;
-  }
-  if (image->IsValid() && image->GetNumColors() == 256 && width <= static_cast<int>(image->GetWidth()) &&
-      height <= static_cast<int>(image->GetHeight())) {
-    // The same map as a sum of two steps, 16 pixels at a time: v | 0xFF
-    // where v == 1, then an exclusive or with 0xFF for the negative.
-    const unsigned char flip = negativePrint_ ? 0xFF : 0x00;
-    for (int y = 0; y < height; ++y) {
-      const unsigned char* src = image->GetBits(y);
-      unsigned char* dst = out + static_cast<long>(y) * stride;
-      int x = 0;
-#if defined(__SSE2__)
-      const __m128i one = _mm_set1_epi8(1);
-      const __m128i invert = _mm_set1_epi8(static_cast<char>(flip));
-      for (; x + 16 <= width; x += 16) {
-        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + x));
-        const __m128i dot = _mm_or_si128(v, _mm_cmpeq_epi8(v, one));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + x), _mm_xor_si128(dot, invert));
-      }
-#endif
-      for (; x < width; ++x) dst[x] = map[src[x]];
-    }
-    return;
-  }
-  for (int y = 0; y < height; ++y)
-    for (int x = 0; x < width; ++x) out[static_cast<long>(y) * stride + x] = map[image->GetPixelIndex(x, y)];
+  return pimage->IsValid();
 }
 
 void KelvoPrinter::saveImage(const unsigned char* data, unsigned long bytesPerLine, unsigned long height,
-                             unsigned long width, unsigned short bitsPerPixel) {
+                             unsigned long width, unsigned short bitsPerPixel, const char* kind) {
   const time_t now = std::time(nullptr);
   struct tm local {};
   localtime_r(&now, &local);
-  char path[1400];
-  std::snprintf(path, sizeof path, imagePathPattern_, local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
-                local.tm_hour, local.tm_min, local.tm_sec, static_cast<long>(page_index));
-  ++page_index;
-
-  FILE* file = std::fopen(path, "wb+");
-  if (file == nullptr) {
-    std::fprintf(stderr, "KelvoPrinter::saveImage: unable to open the file %s\n", path);
-    return;
-  }
+  char name[256];
+  std::snprintf(name, sizeof name, "%s%s-%s-%ld-%llu-%04d%02d%02d%02d%02d%02d%s", kDebugPrefix, kind,
+                debugTag_.c_str(), static_cast<long>(getpid()), static_cast<unsigned long long>(pageIndex_),
+                local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+                kDebugSuffix);
+  ++pageIndex_;
+  const std::string path = debugFolder_ + name;
 
   const bool eightBit = bitsPerPixel == 8;
   const int w = static_cast<int>(width);
@@ -300,6 +225,20 @@ void KelvoPrinter::saveImage(const unsigned char* data, unsigned long bytesPerLi
   const int rowSize = eightBit ? (w + 3) / 4 * 4 : ((w + 7) / 8 + 3) / 4 * 4;
   const uint32_t dataOffset = eightBit ? 1078 : 62;
   const uint32_t imageSize = static_cast<uint32_t>(rowSize) * static_cast<uint32_t>(h);
+  const uint64_t fileBytes = eightBit ? dataOffset + static_cast<uint64_t>(width) * height
+                                      : dataOffset + static_cast<uint64_t>(rowSize) * height;
+
+  if (!kelvoMakeRoom(debugFolder_, isDebugPicture, kDebugBudget, 1, fileBytes)) {
+    kelvoLogCommon(LogWarning, "Debug picture %s not saved: it does not fit the %llu MB kept for debug pictures",
+                   path.c_str(), static_cast<unsigned long long>(kDebugBudget.maxBytes >> 20));
+    return;
+  }
+  const int fd = kelvoCreateNewFile(path, 0600);
+  if (fd < 0) {
+    kelvoLogCommon(LogWarning, "Debug picture not saved: unable to create %s: %s", path.c_str(),
+                   std::strerror(errno));
+    return;
+  }
 
   unsigned char head[54] = {};
   putLe16(head + 0, 0x4D42);
@@ -313,32 +252,35 @@ void KelvoPrinter::saveImage(const unsigned char* data, unsigned long bytesPerLi
   putLe32(head + 34, imageSize);
   putLe32(head + 46, eightBit ? 256 : 0);
   putLe32(head + 50, eightBit ? 256 : 0);
-  std::fwrite(head, sizeof head, 1, file);
 
+  bool written;
   if (eightBit) {
     unsigned char palette[256 * 4];
     for (int i = 0; i < 256; ++i) {
       palette[4 * i] = palette[4 * i + 1] = palette[4 * i + 2] = static_cast<unsigned char>(i);
       palette[4 * i + 3] = 0;
     }
-    std::fwrite(palette, sizeof palette, 1, file);
     // Rows go out as they lie in the buffer, unpadded and top row first: the
     // files are for a quick look at the bytes, and support tools read them so.
-    std::fwrite(data, static_cast<size_t>(width) * height, 1, file);
+    const struct iovec parts[3] = {{head, sizeof head},
+                                   {palette, sizeof palette},
+                                   {const_cast<unsigned char*>(data), static_cast<size_t>(width) * height}};
+    written = kelvoWriteAllv(fd, parts, 3);
   } else {
-    const unsigned char palette[8] = {0, 0, 0, 0, 255, 255, 255, 0};
-    std::fwrite(palette, sizeof palette, 1, file);
-    unsigned char* row = static_cast<unsigned char*>(std::calloc(rowSize > 0 ? rowSize : 1, 1));
-    for (long r = h - 1; row != nullptr && r >= 0; --r) {
-      std::memset(row, 0, rowSize);
+    unsigned char palette[8] = {0, 0, 0, 0, 255, 255, 255, 0};
+    std::vector<unsigned char> rows(static_cast<size_t>(rowSize) * (h > 0 ? h : 0), 0);
+    for (long r = h - 1; r >= 0; --r) {
+      unsigned char* row = rows.data() + static_cast<size_t>(h - 1 - r) * rowSize;
       const unsigned char* src = data + r * bytesPerLine;
       for (unsigned long x = 0; x < bytesPerLine && static_cast<long>(x / 8) < rowSize; ++x)
         if (src[x] == 0) row[x / 8] |= static_cast<unsigned char>(0x80 >> (x % 8));
       if (bytesPerLine % 8 != 0 && static_cast<long>((bytesPerLine - 1) / 8) < rowSize)
         row[(bytesPerLine - 1) / 8] |= static_cast<unsigned char>(0xFF >> (bytesPerLine % 8));
-      std::fwrite(row, rowSize, 1, file);
     }
-    std::free(row);
+    const struct iovec parts[3] = {{head, sizeof head}, {palette, sizeof palette}, {rows.data(), rows.size()}};
+    written = kelvoWriteAllv(fd, parts, 3);
   }
-  std::fclose(file);
+  if (!written)
+    kelvoLogCommon(LogWarning, "Debug picture %s is incomplete: %s", path.c_str(), std::strerror(errno));
+  close(fd);
 }

@@ -5,23 +5,29 @@
 #include <vector>
 
 #include "image/pixel_rows.h"
+#include "support/z64.h"
 #include "support/kelvo_log.h"
-
-int LastSet = 0;
 
 namespace {
 
 const char kHexDigits[] = "0123456789ABCDEF";
 
-// The copy count goes through the process-wide printer rather than the
-// caller, like every other job command; the first argument is unused.
-void setPrint(int /*unused*/, int copies) {
-  if (sPrinter == nullptr) {
-    kelvoLogCommon(LogError, "setPrint: no current printer, the copy count %d is not sent", copies);
-    return;
-  }
-  sPrinter->printFormat("^PQ%d\n", copies);
+// ZPL takes 1 to 99,999,999 copies. The count comes from the raster header,
+// which anyone who can print writes; 0 and counts past 2^31 (negative as a
+// signed number) mean nothing sensible and print once.
+int clampCopies(unsigned int copies) {
+  int clamped = static_cast<int>(copies);
+  if (copies == 0 || copies > 0x7FFFFFFFu)
+    clamped = 1;
+  else if (copies > 99999999u)
+    clamped = 99999999;
+  if (static_cast<unsigned int>(clamped) != copies)
+    kelvoLogCommon(LogWarning, "Copy count %u is outside 1 to 99999999; printing %d", copies, clamped);
+  return clamped;
 }
+
+// The first argument is unused.
+void setPrint(KelvoPrinter& printer, int /*unused*/, int copies) { printer.printFormat("^PQ%d\n", copies); }
 
 // Number of pixels of a row that are packed; a skip that would leave nothing
 // keeps the whole row.
@@ -34,13 +40,6 @@ size_t packRows(const unsigned char* src, size_t bpl, size_t h, size_t wb, unsig
   const size_t rowBytes = (wb + 7) / 8;
   for (size_t r = 0; r < h; ++r) kelvoPackNonZero(src + r * bpl, wb, dst + r * rowBytes);
   return rowBytes * h;
-}
-
-// The text of one encoded row, kept from row to row so that no row
-// allocates; the process prints from one thread.
-std::vector<unsigned char>& rowText() {
-  static std::vector<unsigned char> text;
-  return text;
 }
 
 // One run of a hex digit: count letters, then the digit.
@@ -74,30 +73,35 @@ int KelvoPrinter::GrayToMono(int bpl, int h, unsigned char* data) {
   return static_cast<int>(packRows(data, static_cast<size_t>(bpl), static_cast<size_t>(h), wb, data));
 }
 
-void ZplPrinter::doPrintImage(const unsigned char* bits, unsigned long /*bytesPerLine*/, unsigned long height,
+void ZplPrinter::doPrintImage(const unsigned char* bits, unsigned long bytesPerLine, unsigned long height,
                               unsigned long width) {
-  // The row stride is deliberately the pixel width, not bytesPerLine: the
-  // pipeline hands over rows that follow one another without padding.
-  // The caller's page is read only; the packed rows go to a buffer of their own.
+  // Rows lie bytesPerLine bytes apart (image rows are padded to four bytes);
+  // only the first `width` pixels of each are the page. The caller's page is
+  // read only; the packed rows go to a buffer of their own.
   const size_t wb = keptPixels(width, getSkipRightPixels());
   const size_t rowBytes = (wb + 7) / 8;
   logPacking(static_cast<int>(width), static_cast<int>(height), getSkipRightPixels(), wb);
-  if (bits == nullptr || height == 0 || rowBytes == 0) {
+  if (bits == nullptr || height == 0 || rowBytes == 0 || bytesPerLine < width) {
     kelvoLogCommon(LogError, "doPrintImage: empty page (%lu x %lu pixels), no graphic sent", width, height);
     return;
   }
   // A cancelled job sends nothing more of its pages.
-  if (sJobCancelled) return;
+  if (isCancelled()) return;
   std::vector<unsigned char> packed(rowBytes * height);
-  const size_t total = packRows(bits, width, height, wb, packed.data());
+  const size_t total = packRows(bits, bytesPerLine, height, wb, packed.data());
 
-  printStr("^XX\r\n");
+  printStr(getDialect() == kDialectStandard ? "^XA\r\n" : "^XX\r\n");
   const cups_page_header2_t* header = getPageHeader();
-  setPrint(1, header != nullptr ? static_cast<int>(header->NumCopies) : 1);
+  setPrint(*this, 1, clampCopies(header != nullptr ? header->NumCopies : 1));
+  if (getGraphicEncoding() != kEncodingHex) {
+    sendZ64(packed, total, rowBytes, getGraphicEncoding() == kEncodingInlineZ64);
+    return;
+  }
   printFormat("~DGR:CUPS.GRF,%u,%u,\n", static_cast<unsigned>(total), static_cast<unsigned>(rowBytes));
   const unsigned char* p = packed.data();
+  prevRowAllDots_ = false;
   for (unsigned long r = 0; r < height; ++r, p += rowBytes) {
-    if (sJobCancelled) {
+    if (isCancelled()) {
       abortDownload();
       return;
     }
@@ -105,6 +109,30 @@ void ZplPrinter::doPrintImage(const unsigned char* bits, unsigned long /*bytesPe
   }
   printStr("^FO0,0^XGR:CUPS.GRF,1,1^FS\n");
   printStr("^XZ\r\n");
+}
+
+void ZplPrinter::sendZ64(const std::vector<unsigned char>& packed, size_t total, size_t rowBytes, bool inlineField) {
+  std::string data;
+  if (!kelvoZ64Encode(packed.data(), total, data)) {
+    kelvoLogCommon(LogError, "Unable to compress the page graphic (%zu bytes); nothing sent", total);
+    printStr("^XZ\r\n");
+    return;
+  }
+  // A cancelled job sends nothing more; the format is closed so the printer
+  // does not wait.
+  if (isCancelled()) {
+    printStr("^XZ\r\n");
+    return;
+  }
+  if (inlineField) {
+    printFormat("^FO0,0^GFA,%zu,%zu,%zu,", total, total, rowBytes);
+    printBytes(reinterpret_cast<const unsigned char*>(data.data()), data.size());
+    printStr("^FS\n^XZ\r\n");
+  } else {
+    printFormat("~DGR:CUPS.GRF,%zu,%zu,", total, rowBytes);
+    printBytes(reinterpret_cast<const unsigned char*>(data.data()), data.size());
+    printStr("\n^FO0,0^XGR:CUPS.GRF,1,1^FS\n^XZ\r\n");
+  }
 }
 
 // The printer would otherwise take whatever comes next as the rest of the
@@ -119,21 +147,23 @@ void ZplPrinter::ZPLPrintLine(const unsigned char* row, int n) {
   if (row == nullptr || n <= 0) return;
   const size_t len = static_cast<size_t>(n);
 
-  // Only an all-dots row is ever sent as a repeat, whatever the row before it
-  // held: printers in the field are fed exactly this, so it stays.
-  if (LastSet != 0) {
-    bool allDots = true;
-    for (size_t i = 0; i < len && allDots; ++i) allDots = row[i] == 0xFF;
-    if (allDots) {
-      printByte(':');
-      return;
-    }
+  // Only an all-dots row is ever sent as a repeat, and only when the row
+  // before it was all dots too: the repeat means "the previous row again".
+  // A row that merely equals a patterned predecessor is sent in full, as
+  // printers in the field have always been fed.
+  bool allDots = true;
+  for (size_t i = 0; i < len && allDots; ++i) allDots = row[i] == 0xFF;
+  const bool repeat = allDots && prevRowAllDots_;
+  prevRowAllDots_ = allDots;
+  if (repeat) {
+    printByte(':');
+    return;
   }
 
   // The row's hex digits, high nibble first, as runs of equal digits. The
   // text is built whole and written with one call: the same bytes in the
   // same order as one call per byte.
-  std::vector<unsigned char>& text = rowText();
+  std::vector<unsigned char>& text = rowText_;
   text.clear();
   unsigned current = row[0] >> 4;
   unsigned int count = 0;
@@ -172,7 +202,6 @@ void ZplPrinter::ZPLPrintLine(const unsigned char* row, int n) {
     appendRun(text, static_cast<unsigned char>(kHexDigits[current]), count);
   }
   printBytes(text.data(), text.size());
-  LastSet = 1;
 }
 
 void ZplPrinter::ZPLCompress(unsigned char digit, unsigned int count) {

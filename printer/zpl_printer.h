@@ -1,11 +1,10 @@
 #pragma once
 // ZplPrinter: renders a processed page as a compressed ZPL II graphic that is
 // downloaded, recalled at the label origin and printed.
-#include "printer/kelvo_printer.h"
+#include <string>
+#include <vector>
 
-// Non-zero once a row of the current page has been sent in full; the driver
-// clears it before every page.
-extern int LastSet;
+#include "printer/kelvo_printer.h"
 
 class ZplPrinter : public KelvoPrinter {
  public:
@@ -15,10 +14,17 @@ class ZplPrinter : public KelvoPrinter {
   void doPrintImage(const unsigned char* bits, unsigned long bytesPerLine, unsigned long height,
                     unsigned long width) override;
 
+  // Encodes one packed row; an all-dots row right after another all-dots row
+  // is sent as ":" (see startPage()).
   void ZPLPrintLine(const unsigned char* row, int n);
   void ZPLCompress(unsigned char digit, unsigned int count);
 
  private:
   // Ends an unfinished graphic download after the job was cancelled.
   void abortDownload();
+  // Sends the packed page deflated and base64-encoded, as a download or inline.
+  void sendZ64(const std::vector<unsigned char>& packed, size_t total, size_t rowBytes, bool inlineField);
+
+  // The text of one encoded row, kept from row to row so that no row allocates.
+  std::vector<unsigned char> rowText_;
 };

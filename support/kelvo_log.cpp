@@ -7,8 +7,8 @@ namespace {
 // Debug and info share one text on purpose: CUPS has no "INFO:" level for
 // filter diagnostics that should stay out of the job's state message.
 const char kDebugText[] = "DEBUG:";
-const char* const sLogLevelTexts[6] = {
-    kDebugText, kDebugText, "WARN:", "ERROR:", "CRIT:", "INVALID:",
+const char* const sLogLevelTexts[7] = {
+    kDebugText, kDebugText, "WARN:", "ERROR:", "CRIT:", "INVALID:", "WARNING: ",
 };
 }  // namespace
 

@@ -9,12 +9,14 @@ enum LogLevel {
   LogError = 3,
   LogCrit = 4,
   LogInvalid = 5,
+  // CUPS shows "WARNING:" lines to the user; "WARN:" is only logged.
+  LogWarning = 6,
 };
 
 extern "C" {
 
 // Writes the prefix of `level`, the formatted message (no blank between the
-// two) and a newline. Only 0..5 are valid levels; there is no range check.
+// two) and a newline. Only 0..6 are valid levels; there is no range check.
 void kelvoLogCommon(int level, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 

@@ -23,9 +23,7 @@ class PreviewPrinter : public KelvoPrinter {
   // Processes one page of ink amounts (0 = paper) and returns the page as it
   // will print: 0 where a dot goes, 255 for bare paper.
   bool process(const std::vector<unsigned char>& ink, int width, int height, GrayPage& out) {
-    std::vector<unsigned char> scratch(2 * static_cast<size_t>(width) * height);
-    PageProcess(getHalftoneType(), ink.data(), width, width, height, scratch.data());
-    if (pimage == nullptr || !pimage->IsValid()) return false;
+    if (!PageProcess(getHalftoneType(), ink.data(), width, width, height)) return false;
     out.width = pimage->GetWidth();
     out.height = pimage->GetHeight();
     out.pixels.resize(static_cast<size_t>(out.width) * out.height);

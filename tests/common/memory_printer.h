@@ -32,9 +32,6 @@ class MemoryPrinter : public ZplPrinter {
 
   PaletteImage* processed() { return pimage; }
   void setResolution(int dpi) { resolution_ = dpi; }
-  void setImagePattern(const std::string& pattern) {
-    std::snprintf(imagePathPattern_, sizeof imagePathPattern_, "%s", pattern.c_str());
-  }
 
  private:
   void release() {
@@ -48,7 +45,8 @@ class MemoryPrinter : public ZplPrinter {
 };
 
 // Keeps what is written to it and cancels the job, as the filter's SIGTERM
-// handler does, once `limit` bytes have arrived.
+// handler does, once `limit` bytes have arrived: hand `cancelled` to the
+// printer with setCancelFlag.
 struct CancellingSink {
   explicit CancellingSink(size_t limit) : limit(limit) {}
   // An unbuffered stream into this sink.
@@ -60,9 +58,10 @@ struct CancellingSink {
   static ssize_t write(void* cookie, const char* data, size_t size) {
     auto* self = static_cast<CancellingSink*>(cookie);
     self->text.append(data, size);
-    if (self->text.size() >= self->limit) sJobCancelled = 1;
+    if (self->text.size() >= self->limit) self->cancelled = 1;
     return static_cast<ssize_t>(size);
   }
   size_t limit;
   std::string text;
+  volatile std::sig_atomic_t cancelled = 0;
 };

@@ -106,14 +106,17 @@ TEST(FilterJob, RecordingFile) {
   const std::string raster = rasterStream({noisePage(16, 4), noisePage(16, 4, 203, 2)});
   const JobResult unrecorded = runJob(raster, "", ppdPath("kelvo203.ppd"));
   const char* tooLong = "ERROR:Recording file name too long, printer commands are not recorded";
-  const char* cannotOpen = "ERROR:Unable to open the recording file /nonexistent-kelvo-dir/rec-";
+  const char* cannotOpen = "WARNING: Printer commands not recorded: unable to create /nonexistent-kelvo-dir/rec-";
   const struct { size_t length; const char* error; } cases[] = {
       {0, nullptr}, {236, nullptr}, {237, tooLong}, {400, tooLong}, {0, cannotOpen}};
   for (const auto& c : cases) {
     std::string prefix = c.error == cannotOpen ? "/nonexistent-kelvo-dir/rec" : dir + "/rec";
     while (prefix.size() < c.length) prefix += prefix.size() % 100 == 99 ? '\n' : 'r';
     std::string ppd = shipped;
-    const TempFile ppdFile("rec.ppd", ppd.replace(at, attribute.size(), "*kelvoFilterOutputFile: \"" + prefix + "\""));
+    // This printer's administrator lets jobs ask for a recording.
+    const TempFile ppdFile("rec.ppd", ppd.replace(at, attribute.size(),
+                                                  "*kelvoAllowJobRecording: \"True\"\n*kelvoFilterOutputFile: \"" +
+                                                      prefix + "\""));
     const JobResult job = runJob(raster, "RecordPrinterCommands=1", ppdFile.path);
     EXPECT_EQ(job.status, 0) << prefix << "\n" << job.err;
     EXPECT_EQ(job.out, unrecorded.out) << prefix;
@@ -161,8 +164,13 @@ TEST(FilterJob, FailuresAndTheirStatus) {
       {"five arguments", {"1", "u", "t", "1"}, label, 1, "",
        program + " v3.13.13\n\nUsage:\n\n    " + program + " job_id user title copyies options [file]\n\n"},
       {"raster file missing", jobArgs("", "/nonexistent/job.ras"), label, 1, "",
-       "ERROR: Unable to open raster file - "},
-      {"no PPD", jobArgs("", ok.path), "", 1, "", "ERROR: Paper size must not less than 1.0 : (0.000000, 0.000000)\n"},
+       "ERROR: Unable to open raster file - /nonexistent/job.ras: No such file or directory\n"},
+      {"no PPD", jobArgs("", ok.path), "", 1, "",
+       "ERROR: Paper size must not less than 1.0 : (0.000000, 0.000000)\nERROR:No PPD file: the environment variable "
+       "PPD does not name the printer's PPD"},
+      {"unreadable PPD", jobArgs("", ok.path), "/nonexistent/kelvo.ppd", 1, "",
+       "ERROR: Paper size must not less than 1.0 : (0.000000, 0.000000)\nERROR:Unable to read the PPD file "
+       "/nonexistent/kelvo.ppd: No such file or directory\n"},
       {"1-bit page", jobArgs("", bits.path), label, 1, kLineFeeds,
        "ERROR:Unsupported bits per pixel : 1 ! Requires 8 bits per pixel!\n"},
       {"zero-height page ends the job", jobArgs("", empty.path), label, 0, kLineFeeds, ""},
@@ -175,7 +183,7 @@ TEST(FilterJob, FailuresAndTheirStatus) {
     EXPECT_EQ(job.out, c.out) << c.what;
     EXPECT_TRUE(has(job.err, c.errHas)) << c.what << "\n" << job.err;
   }
-  // The two texts without a line of their own stand alone on standard error.
+  // The two texts written before the log starts stand alone on standard error.
   EXPECT_EQ(runFilter({"1", "u", "t", "1"}, label).err, cases[0].errHas);
   EXPECT_EQ(runFilter(jobArgs("", "/nonexistent/job.ras"), label).err, cases[1].errHas);
 

@@ -11,12 +11,10 @@
 
 #include "tests/common/memory_printer.h"
 
-// What `write` sends through the current printer.
-inline std::string printed(const std::function<void()>& write) {
+// What `write` sends through the printer it is given.
+inline std::string printed(const std::function<void(KelvoPrinter&)>& write) {
   MemoryPrinter printer;
-  sPrinter = &printer;
-  write();
-  sPrinter = nullptr;
+  write(printer);
   return printer.take();
 }
 

@@ -127,8 +127,19 @@ TEST(HostileInput, ChoiceWordsAsLongAsTheFields) {
                                                 ppdOption("PaperType", std::string(31, 'a') + "LabelGaps") +
                                                 ppdOption("Origin", std::string(29, 'o') + "Rotation180") +
                                                 ppdOption("GapsHeight", "3") + ppdOption("Darkness", "30")));
+  // A speed word the printer would not take as a speed is left out.
   expectJob("long words", runJob(rasterStream({noisePage(16, 4)}), "", ppd.path),
-            {0, 1, "", {"\r\n^MNY\r\n^POI\r\n^PR" + speed + "\r\n~SD30\r\n^XZ\r\n"}});
+            {0, 1, "", {"\r\n^MNY\r\n^POI\r\n~SD30\r\n^XZ\r\n"}});
+}
+
+// A crafted PPD cannot put commands into the job through the speed word.
+TEST(HostileInput, InjectedSpeedWritesNoSpeed) {
+  const TempFile ppd("inject.ppd", labelPpd(ppdOption("PrintSpeed", "2^XA^FO50,50^FDINJECTED^FS^XZ")));
+  const JobResult job = runJob(rasterStream({noisePage(16, 4)}), "", ppd.path);
+  expectJob("injected speed", job, {0, 1, ""});
+  EXPECT_FALSE(has(job.out, "^PR")) << job.out.substr(0, 300);
+  EXPECT_FALSE(has(job.out, "INJECTED"));
+  EXPECT_TRUE(has(job.err, "WARNING: Print speed \"2^XA^FO50,50^FDINJECTED^FS^XZ\" is not a speed")) << job.err;
 }
 
 // A printer that cannot be written to ends the job with an error, promptly,
@@ -171,12 +182,9 @@ TEST(Cancel, GraphicStopsAtARowAndAborts) {
       MemoryPrinter printer;
       printer.sendTo(sink.open());
       printer.setPageHeader(&header.h);
-      sPrinter = &printer;
-      LastSet = 0;
-      sJobCancelled = limit == 0;
+      printer.setCancelFlag(&sink.cancelled);
+      sink.cancelled = limit == 0;
       printer.doPrintImage(bits.data(), 64, 4, 64);
-      sPrinter = nullptr;
-      sJobCancelled = 0;
     }
     EXPECT_EQ(sink.text, out) << what;
   }

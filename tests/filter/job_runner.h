@@ -58,19 +58,19 @@ inline std::string rasterStream(const std::vector<RawPage>& pages) {
   return bytes;
 }
 
-// The filter saves two debug pictures per page in the spooler's temporary
-// folder; a test removes the ones its own job left there.
-inline void removeDebugImagesSince(time_t start) {
-  const std::string dir = "/var/spool/cups/tmp/";
+// The spooler's temporary folder of a job (TMPDIR), where the filter saves
+// its debug pictures; made empty for each job and removed after it.
+inline std::string jobTempDir() { return scratchPath("tmpdir"); }
+
+inline void removeTree(const std::string& dir) {
   DIR* d = opendir(dir.c_str());
   if (d == nullptr) return;
   while (const dirent* e = readdir(d)) {
     const std::string name = e->d_name;
-    if (name.rfind("origin_", 0) != 0 && name.rfind("dithered_", 0) != 0) continue;
-    struct stat st;
-    if (stat((dir + name).c_str(), &st) == 0 && st.st_mtime >= start) std::remove((dir + name).c_str());
+    if (name != "." && name != "..") std::remove((dir + "/" + name).c_str());
   }
   closedir(d);
+  rmdir(dir.c_str());
 }
 
 struct JobResult {
@@ -96,8 +96,9 @@ inline JobResult runFilter(const std::vector<std::string>& args, const std::stri
     EXPECT_EQ(pipe(pipeEnds), 0);
   }
   if (output == Output::BrokenPipe) close(pipeEnds[0]);  // nobody will ever read
+  removeTree(jobTempDir());
+  mkdir(jobTempDir().c_str(), 0700);
   auto start = std::chrono::steady_clock::now();
-  const time_t wallStart = time(nullptr);
   const pid_t pid = fork();
   if (pid == 0) {
     dup2(open(stdinPath.empty() ? "/dev/null" : stdinPath.c_str(), O_RDONLY), 0);
@@ -109,6 +110,7 @@ inline JobResult runFilter(const std::vector<std::string>& args, const std::stri
       case Output::BrokenPipe:
       case Output::Cancel: dup2(pipeEnds[1], 1), close(pipeEnds[0]); break;
     }
+    setenv("TMPDIR", jobTempDir().c_str(), 1);
     if (ppd.empty()) unsetenv("PPD");
     else setenv("PPD", ppd.c_str(), 1);
     std::vector<char*> argv;
@@ -145,7 +147,7 @@ inline JobResult runFilter(const std::vector<std::string>& args, const std::stri
   result.err = readFile(errPath);
   std::remove(outPath.c_str());
   std::remove(errPath.c_str());
-  removeDebugImagesSince(wallStart);
+  removeTree(jobTempDir());
   return result;
 }
 

@@ -1,7 +1,9 @@
-#include "filter/job_setup.h"
+#include "printer/label_setup.h"
 
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "filter_test_util.h"
 
@@ -17,9 +19,17 @@ TEST(JobSetup, FourBySixLabelBlock) {
   std::strcpy(s.MediaMethod, "Transfer"), std::strcpy(s.PostAction, "TearOff");
   // 812 x 1218 dots give 811 and 1217: the single-precision product falls
   // just short of the whole number before the truncation.
-  EXPECT_EQ(printed([&] { jobSetup(&s); }), "SIZE 101.6 mm, 152.4 mm\r\n^XX\r\n^PW811\r\n^LL1217\r\n^MNY\r\n^POI\r\n"
-                                            "^PR4\r\n~SD15\r\n^MTT\r\n^MMT,N\r\n^XZ\r\n\r\n");
-  jobSetup(&s);  // no current printer: nothing to write to, no crash
+  const std::string rest = "^MNY\r\n^POI\r\n^PR4\r\n~SD15\r\n^MTT\r\n^MMT,N\r\n^XZ\r\n\r\n";
+  EXPECT_EQ(printed([&](KelvoPrinter& p) { jobSetup(p, &s); }),
+            "SIZE 101.6 mm, 152.4 mm\r\n^XX\r\n^PW811\r\n^LL1217\r\n" + rest);
+  // Standard ZPL: "^XA", no TSPL line, the page's own dots at any resolution.
+  s.dialect = kDialectStandard;
+  const std::pair<unsigned, unsigned> pages[] = {{812, 1218}, {1200, 1800}, {2480, 3508}, {406, 1}};
+  for (const auto& dots : pages) {
+    s.pageWidthDots = dots.first, s.pageHeightDots = dots.second;
+    EXPECT_EQ(printed([&](KelvoPrinter& p) { jobSetup(p, &s); }),
+              "^XA\r\n^PW" + std::to_string(dots.first) + "\r\n^LL" + std::to_string(dots.second) + "\r\n" + rest);
+  }
 }
 
 TEST(JobSetup, LabelSizeInDotsAt203Dpi) {
@@ -35,7 +45,8 @@ TEST(JobSetup, LabelSizeInDotsAt203Dpi) {
       {{3.4e9f, -3.4e9f}, "^PW2147483647\r\n^LL-2147483648\r\n"},
       {{-INFINITY, 3.4e9f}, "^PW-2147483648\r\n^LL2147483647\r\n"},
   };
-  for (const auto& c : cases) EXPECT_EQ(printed([&] { setSize(c.first.first, c.first.second); }), c.second);
+  for (const auto& c : cases)
+    EXPECT_EQ(printed([&](KelvoPrinter& p) { setSize(p, c.first.first, c.first.second); }), c.second);
 }
 
 TEST(JobSetup, ChoiceRules) {
@@ -46,7 +57,11 @@ TEST(JobSetup, ChoiceRules) {
       {"LabelGaps", 0, "Normal", 30, "", "PartialCut", "^MNN\r\n~SD30\r\n^MMC,N\r\n"},
       {"LabelMark", 2, "0", 31, "Ribbon", "CutEvery5", "^MNM\r\n^MMC,N\r\n"},
       {"LabelMark", 0, "abc", -1, "Transfer", "NormalTearOff", "^MNN\r\n^MTT\r\n"},
-      {"Continue", 5, "6ips", 1, "", "None", "^MNN\r\n^PR6ips\r\n~SD1\r\n"},
+      // Only one or two digits follow ^PR: anything else could carry commands.
+      {"Continue", 5, "6ips", 1, "", "None", "^MNN\r\n~SD1\r\n"},
+      {"Continue", 5, "12", 1, "", "None", "^MNN\r\n^PR12\r\n~SD1\r\n"},
+      {"Continue", 5, "2^XA^FDX^FS^XZ", 1, "", "None", "^MNN\r\n~SD1\r\n"},
+      {"Continue", 5, "123", 1, "", "None", "^MNN\r\n~SD1\r\n"},
       {"MyLabelGapsRoll", 1, "2Normal", 5, "", "Rewind", "^MNY\r\n~SD5\r\n"},
       {"Normal", 0, "4", 40, "", "TearOff", "^PR4\r\n^MMT,N\r\n"},
       {"Mystery", 3, "", 3, "", "", "~SD3\r\n"},
@@ -54,17 +69,23 @@ TEST(JobSetup, ChoiceRules) {
   for (const Case& c : cases) {
     std::string speed = c.speed;
     testing::internal::CaptureStderr();
-    EXPECT_EQ(printed([&] {
-                setGap(c.gap, 0, c.paper), setSpeedAndDensity(&speed[0], c.dark), setRibbon(c.method);
-                setPostAction(c.post);
+    EXPECT_EQ(printed([&](KelvoPrinter& p) {
+                setGap(p, c.gap, 0, c.paper), setSpeedAndDensity(p, speed.c_str(), c.dark), setRibbon(p, c.method);
+                setPostAction(p, c.post);
               }),
               c.expected);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              !std::strcmp(c.paper, "Normal")    ? "DEBUG:Skip the GAP cmd by Normal paper type\n"
-              : !std::strcmp(c.paper, "Mystery") ? "DEBUG:Unknown paper type: Mystery!\n" : "");
+    const std::string err = testing::internal::GetCapturedStderr();
+    const bool badSpeed = std::atof(c.speed) > 0 && !std::strstr(c.speed, "Normal") && !kelvoPrintSpeedIsValid(c.speed);
+    EXPECT_EQ(err.find("WARNING: Print speed \"" + speed + "\"") != std::string::npos, badSpeed) << err;
+    if (!badSpeed) {
+      EXPECT_EQ(err, !std::strcmp(c.paper, "Normal")    ? "DEBUG:Skip the GAP cmd by Normal paper type\n"
+                     : !std::strcmp(c.paper, "Mystery") ? "DEBUG:Unknown paper type: Mystery!\n" : "");
+    }
   }
-  EXPECT_EQ(printed([] { setDirection("xRotation180", 0), setDirection("Normal", 1); }), "^POI\r\n^PON\r\n");
-  EXPECT_EQ(printed([] { setReference(), setOffset(5), setCls(), endPage(Settings{}); }), "\r\n");
+  EXPECT_EQ(printed([](KelvoPrinter& p) { setDirection(p, "xRotation180", 0), setDirection(p, "Normal", 1); }),
+            "^POI\r\n^PON\r\n");
+  EXPECT_EQ(printed([](KelvoPrinter& p) { setReference(p), setOffset(p, 5), setCls(p), endPage(p, Settings{}); }),
+            "\r\n");
 }
 
 }  // namespace

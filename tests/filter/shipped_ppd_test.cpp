@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <set>
 
-#include "filter/job_setup.h"
+#include "printer/label_setup.h"
 #include "filter/ppd_helpers.h"
 #include "filter_test_util.h"
 
@@ -35,12 +35,12 @@ TEST(ShippedPpd, CupsRendersEightBitBlackPagesAndChoicesFitTheCommands) {
     // Every choice selects a command, except the words meant to leave the
     // printer's setting alone.
     for (const std::string& w : choices(ppd, "PaperType"))
-      EXPECT_EQ(printed([&] { setGap(3, 0, w.c_str()); }).empty(), w == "Normal") << name << " " << w;
-    for (const std::string& w : choices(ppd, "MediaMethod")) EXPECT_NE(printed([&] { setRibbon(w.c_str()); }), "");
+      EXPECT_EQ(printed([&](KelvoPrinter& p) { setGap(p, 3, 0, w.c_str()); }).empty(), w == "Normal") << name << " " << w;
+    for (const std::string& w : choices(ppd, "MediaMethod")) EXPECT_NE(printed([&](KelvoPrinter& p) { setRibbon(p, w.c_str()); }), "");
     for (const std::string& w : choices(ppd, "PostAction"))
-      EXPECT_EQ(printed([&] { setPostAction(w.c_str()); }).empty(), w == "None") << name << " " << w;
+      EXPECT_EQ(printed([&](KelvoPrinter& p) { setPostAction(p, w.c_str()); }).empty(), w == "None") << name << " " << w;
     for (std::string w : choices(ppd, "PrintSpeed"))
-      EXPECT_EQ(printed([&] { setSpeedAndDensity(&w[0], -1); }),
+      EXPECT_EQ(printed([&](KelvoPrinter& p) { setSpeedAndDensity(p, w.c_str(), -1); }),
                 w == "Normal" ? "" : "^PR" + std::to_string(std::atoi(w.c_str())) + "\r\n");
     EXPECT_EQ(choices(ppd, "Origin"), (std::set<std::string>{"Normal", "Rotation180"}));
     for (const char* keyword : {"GapsHeight", "Occurrence", "MirrorImage", "NegativeImage", "Darkness", "Brightness",

@@ -3,6 +3,10 @@
 // to the plain definitions in tests/reference.
 #include <glob.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
 
 #include <cstring>
 #include <vector>
@@ -69,8 +73,8 @@ TEST(PrinterObject, PrintFormatReturnsCountOfLastStream) {
 }
 
 // The halftone type goes to the image library's Dither unchanged (names and
-// methods sit one place apart on purpose), and negative printing turns the
-// indices 0 and 1 into 255 and 254.
+// methods sit one place apart on purpose), and negative printing swaps dot
+// (1) and paper (0).
 TEST(PageProcess, TypeNumberGoesToDitherUnchanged) {
   const int width = 13, height = 6;
   std::vector<unsigned char> page(width * height);
@@ -80,15 +84,14 @@ TEST(PageProcess, TypeNumberGoesToDitherUnchanged) {
       MemoryPrinter p;
       p.setHalftoneType(static_cast<DitherType>(type));
       p.setNegativePrint(negative);
-      std::vector<unsigned char> scratch(2 * page.size());
-      p.PageProcess(p.getHalftoneType(), page.data(), width, width, height, scratch.data());
+      ASSERT_TRUE(p.PageProcess(p.getHalftoneType(), page.data(), width, width, height));
       PaletteImage want;
       ASSERT_TRUE(want.CreateFromArray(page.data(), width, height, 8, width, false));
       ASSERT_TRUE(want.Dither(type) && want.IncreaseBpp(8));
       for (int y = 0; y < height; ++y)
         for (int x = 0; x < width; ++x) {
           const unsigned char v = want.GetPixelIndex(x, y);
-          ASSERT_EQ(p.processed()->GetPixelIndex(x, y), negative ? 255 - v : v) << type << " " << x << "," << y;
+          ASSERT_EQ(p.processed()->GetPixelIndex(x, y), negative ? 1 - v : v) << type << " " << x << "," << y;
         }
     }
   }
@@ -100,16 +103,20 @@ class SavedImage : public testing::Test {
     char dirTemplate[] = "/tmp/kelvo-bmp-XXXXXX";
     ASSERT_NE(mkdtemp(dirTemplate), nullptr);
     dir = dirTemplate;
-    p.setImagePattern(dir + "/img_%d-%d-%d_%d_%d_%d_%ld.bmp");
+    p.setDebugImages(true, dir, "job/7");
   }
   void TearDown() override { std::system(("rm -rf " + dir).c_str()); }
-  std::string onlyFile() {
+  std::vector<std::string> files(const char* pattern = "/*") {
     glob_t found{};
-    glob((dir + "/*").c_str(), 0, nullptr, &found);
-    EXPECT_EQ(found.gl_pathc, 1u);
-    const std::string path = found.gl_pathc > 0 ? found.gl_pathv[0] : "";
+    glob((dir + pattern).c_str(), 0, nullptr, &found);
+    std::vector<std::string> paths(found.gl_pathv, found.gl_pathv + found.gl_pathc);
     globfree(&found);
-    return path;
+    return paths;
+  }
+  std::string onlyFile() {
+    const std::vector<std::string> all = files();
+    EXPECT_EQ(all.size(), 1u);
+    return all.empty() ? "" : all[0];
   }
   MemoryPrinter p;
   std::string dir;
@@ -117,10 +124,16 @@ class SavedImage : public testing::Test {
 
 TEST_F(SavedImage, EightBitHeaderPaletteAndUnpaddedRows) {
   const unsigned char data[] = {1, 2, 3, 4, 5, 99, 99, 6, 7, 8, 9, 10, 99, 99, 11, 12, 13, 14, 15, 99, 99};
-  const uint64_t before = page_index;
-  p.saveImage(data, 7, 3, 5, 8);
-  EXPECT_EQ(page_index, before + 1);
-  const std::string bmp = readFile(onlyFile());
+  p.saveImage(data, 7, 3, 5, 8, "origin");
+  const std::string path = onlyFile();
+  // The job tag cannot reach another folder; pid and page number keep two
+  // jobs of the same second apart.
+  const std::string name = path.substr(dir.size() + 1);
+  EXPECT_EQ(name.rfind("kelvozpl-debug-origin-job_7-" + std::to_string(getpid()) + "-0-", 0), 0u) << name;
+  struct stat info {};
+  ASSERT_EQ(stat(path.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0600u);
+  const std::string bmp = readFile(path);
   // 54 header bytes, 1024 palette bytes, then width x height bytes straight
   // from the buffer: 15, although the header declares 3 rows of 8.
   ASSERT_EQ(bmp.size(), 54u + 1024u + 15u);
@@ -137,7 +150,7 @@ TEST_F(SavedImage, OneBitRowsBottomUpWithPaperBitsSet) {
   // Two rows of ten pixels: a zero byte is paper and sets its bit.
   const unsigned char data[] = {0, 1, 0, 1, 0, 1, 0, 1, 0, 1,   // row 0
                                 1, 1, 1, 1, 1, 1, 1, 1, 0, 0};  // row 1
-  p.saveImage(data, 10, 2, 10, 1);
+  p.saveImage(data, 10, 2, 10, 1, "dithered");
   const std::string bmp = readFile(onlyFile());
   ASSERT_EQ(bmp.size(), 62u + 2 * 4u);
   EXPECT_EQ(le32(bmp, 10), 62u);
@@ -150,15 +163,65 @@ TEST_F(SavedImage, OneBitRowsBottomUpWithPaperBitsSet) {
   EXPECT_EQ(bmp.substr(62), std::string(reinterpret_cast<const char*>(rows), 8));
 }
 
+// Only the newest 64 pictures stay, oldest removed first; files of other
+// names, links and what they point to are left alone.
+TEST_F(SavedImage, FolderKeepsABoundedNumberOfOwnPictures) {
+  const std::string other = dir + "/kelvozpl-debug-keep.txt", target = dir + "/target";
+  std::fclose(std::fopen(other.c_str(), "w"));
+  std::fclose(std::fopen(target.c_str(), "w"));
+  ASSERT_EQ(symlink(target.c_str(), (dir + "/kelvozpl-debug-link.bmp").c_str()), 0);
+  const unsigned char data[4] = {1, 2, 3, 4};
+  for (int i = 0; i < 70; ++i) p.saveImage(data, 2, 2, 2, 8, "origin");
+  const std::vector<std::string> pictures = files("/kelvozpl-debug-origin-*.bmp");
+  ASSERT_EQ(pictures.size(), 64u);
+  // Names carry the page number: 6 to 69 remain.
+  std::vector<int> numbers;
+  for (const std::string& path : pictures) {
+    const size_t end = path.rfind('-'), start = path.rfind('-', end - 1);
+    numbers.push_back(std::stoi(path.substr(start + 1, end - start - 1)));
+  }
+  std::sort(numbers.begin(), numbers.end());
+  EXPECT_EQ(numbers.front(), 6);
+  EXPECT_EQ(numbers.back(), 69);
+  for (const std::string& kept : {other, target, dir + "/kelvozpl-debug-link.bmp"})
+    EXPECT_EQ(access(kept.c_str(), F_OK), 0) << kept;
+}
+
+// A link planted under the name the next picture gets is neither followed
+// nor replaced; the picture is skipped with a warning.
+TEST_F(SavedImage, PlantedLinkIsNotFollowed) {
+  const std::string target = dir + "/precious";
+  std::FILE* f = std::fopen(target.c_str(), "w");
+  std::fputs("keep", f);
+  std::fclose(f);
+  const time_t now = time(nullptr);
+  for (time_t t = now; t < now + 3; ++t) {  // the name carries the second it is made in
+    struct tm local {};
+    localtime_r(&t, &local);
+    char name[256];
+    std::snprintf(name, sizeof name, "%s/kelvozpl-debug-origin-job_7-%d-0-%04d%02d%02d%02d%02d%02d.bmp", dir.c_str(),
+                  static_cast<int>(getpid()), local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
+                  local.tm_min, local.tm_sec);
+    ASSERT_EQ(symlink(target.c_str(), name), 0);
+  }
+  const unsigned char data[4] = {1, 2, 3, 4};
+  testing::internal::CaptureStderr();
+  p.saveImage(data, 2, 2, 2, 8, "origin");
+  const std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(err.rfind("WARNING: Debug picture not saved: unable to create " + dir, 0), 0u) << err;
+  EXPECT_EQ(readFile(target), "keep");
+}
+
 TEST_F(SavedImage, UnwritableDirectoryOnlyCostsTheMessage) {
-  p.setImagePattern("/nonexistent-kelvo-dir/x_%d-%d-%d_%d_%d_%d_%ld.bmp");
-  const uint64_t before = page_index;
+  p.setDebugImages(true, "/nonexistent-kelvo-dir", "x");
   const unsigned char data[4] = {};
   testing::internal::CaptureStderr();
-  p.saveImage(data, 2, 2, 2, 8);
+  p.saveImage(data, 2, 2, 2, 8, "origin");
   const std::string err = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(err.rfind("KelvoPrinter::saveImage: unable to open the file /nonexistent-kelvo-dir/x_", 0), 0u) << err;
-  EXPECT_EQ(page_index, before + 1);
+  EXPECT_EQ(err.rfind("WARNING: Debug picture not saved: unable to create /nonexistent-kelvo-dir/kelvozpl-debug-", 0),
+            0u)
+      << err;
+  EXPECT_EQ(p.debugImageCount(), 1u);
 }
 
 // At 300 dpi the side lines are 12 dots a millimetre of level, the top and

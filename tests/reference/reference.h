@@ -52,15 +52,14 @@ struct Options {
 // equals its width when a tattoo type is used.
 Page processPage(const uint8_t* data, int stride, int width, int height, const Options& options);
 
-// The graphic doPrintImage writes for `bits` read as rows `width` apart;
-// `lastSet` is the process-wide row flag, carried across calls.
-std::string zplGraphic(const uint8_t* bits, int width, int height, int copies, unsigned long skip, int& lastSet);
-std::string zplLine(const uint8_t* row, int n, int& lastSet);
+// The graphic doPrintImage writes for the first `width` pixels of rows
+// `stride` bytes apart, Kelvo dialect, hex encoding.
+std::string zplGraphic(const uint8_t* bits, int stride, int width, int height, int copies, unsigned long skip);
+// One encoded row; `prevAllDots` says whether the row before it was all dots
+// and is updated for the next row.
+std::string zplLine(const uint8_t* row, int n, bool& prevAllDots);
 // GrayToMono(bpl, h, data) in place; returns the packed size.
 int grayToMono(int bpl, int h, uint8_t* data, unsigned long skip);
-// Packed rows as a printer prints what the encoder sends: an all-dots row
-// after the first goes out as ":", which repeats the row before.
-std::vector<uint8_t> asPrinted(std::vector<uint8_t> rows, size_t rowBytes);
 
 // The stencil chain's image stages.
 JVImage convolve1D(const JVImage& src, const double* taps, int size, bool horizontal);

@@ -148,8 +148,15 @@ Page mirror(const Page& page) {
   return out;
 }
 
-void negative(Page& page) {
-  for (uint8_t& b : page.px) b = static_cast<uint8_t>(~b);
+// Dot and paper trade places: 0 and 255 of a stencil (row padding
+// included), 0 and 1 of a halftoned page.
+void negative(Page& page, bool stencil) {
+  if (stencil) {
+    for (uint8_t& b : page.px) b = static_cast<uint8_t>(~b);
+    return;
+  }
+  for (int y = 0; y < page.height; ++y)
+    for (int x = 0; x < page.width; ++x) page.at(x, y) = page.at(x, y) == 0 ? 1 : 0;
 }
 
 Page ditherTo8(Page levels, long method) {
@@ -196,7 +203,7 @@ Page processPage(const uint8_t* data, int stride, int width, int height, const O
   } else {
     page = ditherTo8(page, o.type);
   }
-  if (o.negative) negative(page);
+  if (o.negative) negative(page, o.type == 8 || o.type == 9);
   return page;
 }
 

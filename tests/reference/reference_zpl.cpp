@@ -1,6 +1,4 @@
 // Plain 1-bit packing and row encoding: one output byte at a time.
-#include <algorithm>
-
 #include "tests/reference/reference.h"
 
 namespace kref {
@@ -40,20 +38,13 @@ int grayToMono(int bpl, int h, uint8_t* data, unsigned long skip) {
   return out;
 }
 
-std::vector<uint8_t> asPrinted(std::vector<uint8_t> rows, size_t rowBytes) {
-  for (size_t start = rowBytes; rowBytes > 0 && start + rowBytes <= rows.size(); start += rowBytes) {
-    uint8_t* row = rows.data() + start;
-    if (std::all_of(row, row + rowBytes, [](uint8_t b) { return b == 0xFF; }))
-      std::copy_n(row - rowBytes, rowBytes, row);
-  }
-  return rows;
-}
-
-std::string zplLine(const uint8_t* row, int n, int& lastSet) {
+std::string zplLine(const uint8_t* row, int n, bool& prevAllDots) {
   std::string out;
   bool allDots = true;
   for (int i = 0; i < n; ++i) allDots = allDots && row[i] == 0xFF;
-  if (lastSet != 0 && allDots) return ":";
+  const bool repeat = prevAllDots && allDots;
+  prevAllDots = allDots;
+  if (repeat) return ":";
   std::string digits;
   for (int i = 0; i < n; ++i) {
     digits += "0123456789ABCDEF"[row[i] >> 4];
@@ -79,17 +70,18 @@ std::string zplLine(const uint8_t* row, int n, int& lastSet) {
   } else {
     compress(out, current, count);
   }
-  lastSet = 1;
   return out;
 }
 
-std::string zplGraphic(const uint8_t* bits, int width, int height, int copies, unsigned long skip, int& lastSet) {
-  std::vector<uint8_t> buf(bits, bits + static_cast<size_t>(width) * height);
+std::string zplGraphic(const uint8_t* bits, int stride, int width, int height, int copies, unsigned long skip) {
+  std::vector<uint8_t> buf;
+  for (int y = 0; y < height; ++y) buf.insert(buf.end(), bits + y * stride, bits + y * stride + width);
   const int total = grayToMono(width, height, buf.data(), skip);
   const int perRow = total / height;
   std::string out = "^XX\r\n^PQ" + std::to_string(copies) + "\n~DGR:CUPS.GRF," + std::to_string(total) + "," +
                     std::to_string(perRow) + ",\n";
-  for (int r = 0; r < height; ++r) out += zplLine(buf.data() + static_cast<size_t>(r) * perRow, perRow, lastSet);
+  bool prevAllDots = false;
+  for (int r = 0; r < height; ++r) out += zplLine(buf.data() + static_cast<size_t>(r) * perRow, perRow, prevAllDots);
   return out + "^FO0,0^XGR:CUPS.GRF,1,1^FS\n^XZ\r\n";
 }
 
