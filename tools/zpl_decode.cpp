@@ -1,7 +1,12 @@
 #include "tools/zpl_decode.h"
 
+#include <zlib.h>
+
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
+
+#include "support/z64.h"
 
 namespace {
 
@@ -40,12 +45,17 @@ class Decoder {
 
   bool run(std::vector<ZplGraphic>& graphics, std::string& error) {
     graphics.clear();
-    while (findDownload()) {
+    bool inlineField = false;
+    while (findGraphic(inlineField)) {
       ZplGraphic graphic;
       graphic.offset = pos_;
+      graphic.labelWidth = labelWidth_;
+      graphic.labelLength = labelLength_;
+      graphic.openedWithXA = openedWithXA_;
       pos_ += 3;
       size_t total = 0;
-      if (!readHeader(graphic, total) || !readData(graphic, total) || !checkEnd(graphic)) {
+      const bool header = inlineField ? readFieldHeader(graphic, total) : readHeader(graphic, total);
+      if (!header || !readAnyData(graphic, total) || !checkEnd(graphic)) {
         error = error_;
         return false;
       }
@@ -67,13 +77,96 @@ class Decoder {
     return false;
   }
 
-  // Moves to the next "~DG" (either case); false when there is none.
-  bool findDownload() {
+  bool command(char prefix, const char* name) const {
+    return data_[pos_] == prefix && (data_[pos_ + 1] | 0x20) == (name[0] | 0x20) &&
+           (data_[pos_ + 2] | 0x20) == (name[1] | 0x20);
+  }
+
+  // A decimal number right after a command, or -1.
+  long numberAfter(size_t at) const {
+    long value = -1;
+    for (; at < size_ && data_[at] >= '0' && data_[at] <= '9' && value < 100000000; ++at)
+      value = (value < 0 ? 0 : value * 10) + (data_[at] - '0');
+    return value;
+  }
+
+  // Moves to the next "~DG" or "^GF" (either case), noting the label size
+  // and format start on the way; false when there is none.
+  bool findGraphic(bool& inlineField) {
     for (; pos_ + 3 <= size_; ++pos_) {
-      if (data_[pos_] == '~' && (data_[pos_ + 1] | 0x20) == 'd' && (data_[pos_ + 2] | 0x20) == 'g') return true;
+      if (command('~', "DG")) {
+        inlineField = false;
+        return true;
+      }
+      if (command('^', "GF")) {
+        inlineField = true;
+        return true;
+      }
+      if (command('^', "XA")) openedWithXA_ = true;
+      if (command('^', "XX")) openedWithXA_ = false;
+      if (command('^', "PW")) labelWidth_ = numberAfter(pos_ + 3);
+      if (command('^', "LL")) labelLength_ = numberAfter(pos_ + 3);
     }
     pos_ = size_;
     return false;
+  }
+
+  // "^GFA,<bytes>,<total>,<row bytes>," of an inline graphic field.
+  bool readFieldHeader(ZplGraphic& graphic, size_t& total) {
+    graphic.name = "^GFA";
+    if (pos_ + 2 > size_) return fail(pos_, "the job ends inside the header of a graphic");
+    if ((data_[pos_] | 0x20) != 'a' || data_[pos_ + 1] != ',')
+      return fail(pos_, "graphic field compression %s is not read (only A is)", describe(data_[pos_]).c_str());
+    pos_ += 2;
+    size_t bytes = 0;
+    if (!readNumber("byte count", kZplMaxGraphicBytes, bytes)) return false;
+    return readSizes(graphic, total);
+  }
+
+  // Z64/B64 data, or the hexadecimal rows.
+  bool readAnyData(ZplGraphic& graphic, size_t total) {
+    if (pos_ + 5 <= size_ && data_[pos_] == ':' && data_[pos_ + 4] == ':' &&
+        (std::memcmp(data_ + pos_ + 1, "Z64", 3) == 0 || std::memcmp(data_ + pos_ + 1, "B64", 3) == 0))
+      return readEncoded(graphic, total, data_[pos_ + 1] == 'Z');
+    return readData(graphic, total);
+  }
+
+  // ":Z64:<base64>:<crc>": base64 up to the next ':', four hex digits of CRC.
+  bool readEncoded(ZplGraphic& graphic, size_t total, bool deflated) {
+    const size_t start = pos_ + 5;
+    size_t end = start;
+    while (end < size_ && data_[end] != ':' && data_[end] != '^' && data_[end] != '~') ++end;
+    if (end == size_ || data_[end] != ':')
+      return fail(end, "encoded data of graphic \"%s\" is truncated: no CRC after it", graphic.name.c_str());
+    if (end + 5 > size_) return fail(end, "the CRC of graphic \"%s\" is truncated", graphic.name.c_str());
+    unsigned crc = 0;
+    for (size_t i = end + 1; i < end + 5; ++i) {
+      if (!isHexDigit(data_[i])) return fail(i, "the CRC of graphic \"%s\" is not 4 hex digits", graphic.name.c_str());
+      crc = crc * 16 + hexValue(data_[i]);
+    }
+    const unsigned computed = kelvoCrc16(data_ + start, end - start);
+    if (crc != computed)
+      return fail(end + 1, "encoded data of graphic \"%s\" does not match its CRC (%04X given, %04X computed)",
+                  graphic.name.c_str(), crc, computed);
+    std::vector<unsigned char> decoded;
+    size_t badAt = 0;
+    if (!kelvoBase64Decode(data_ + start, end - start, decoded, badAt))
+      return fail(start + badAt, "graphic \"%s\": not base64", graphic.name.c_str());
+    if (deflated) {
+      graphic.rows.assign(total, 0);
+      uLongf got = static_cast<uLongf>(total);
+      const int status = uncompress(graphic.rows.data(), &got, decoded.data(), static_cast<uLong>(decoded.size()));
+      if (status != Z_OK || got != total)
+        return fail(start, "Z64 data of graphic \"%s\" does not inflate to its %zu bytes (%s)", graphic.name.c_str(),
+                    total, status == Z_OK ? "size differs" : zError(status));
+    } else {
+      if (decoded.size() != total)
+        return fail(start, "B64 data of graphic \"%s\" holds %zu bytes, not %zu", graphic.name.c_str(),
+                    decoded.size(), total);
+      graphic.rows = std::move(decoded);
+    }
+    pos_ = end + 5;
+    return true;
   }
 
   bool readHeader(ZplGraphic& graphic, size_t& total) {
@@ -90,7 +183,11 @@ class Decoder {
     if (pos_ == nameStart) return fail(pos_, "graphic has no name");
     graphic.name.assign(reinterpret_cast<const char*>(data_ + nameStart), pos_ - nameStart);
     ++pos_;
+    return readSizes(graphic, total);
+  }
 
+  // "<total>,<row bytes>," of a graphic.
+  bool readSizes(ZplGraphic& graphic, size_t& total) {
     const size_t totalAt = pos_;
     if (!readNumber("total size", kZplMaxGraphicBytes, total)) return false;
     const size_t rowAt = pos_;
@@ -196,6 +293,9 @@ class Decoder {
   size_t pos_ = 0;
   size_t jobBytes_ = 0;
   std::string error_;
+  long labelWidth_ = -1;
+  long labelLength_ = -1;
+  bool openedWithXA_ = false;
 };
 
 }  // namespace

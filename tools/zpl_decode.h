@@ -1,8 +1,9 @@
 #pragma once
-// Reads back the graphics of a ZPL job: every "~DG" download, with its
-// compressed ASCII-hexadecimal data expanded to packed 1-bit rows the way a
-// printer expands them. Used to preview jobs and to check what the filter
-// sends. Strict on purpose: anything a printer could read two ways is refused.
+// Reads back the graphics of a ZPL job: every "~DG" download and "^GFA"
+// field, with its compressed ASCII-hexadecimal or ":Z64:"/":B64:" data
+// expanded to packed 1-bit rows the way a printer expands them. Used to
+// preview jobs and to check what the filter sends. Strict on purpose:
+// anything a printer could read two ways is refused.
 #include <cstddef>
 #include <string>
 #include <vector>
@@ -13,6 +14,12 @@ struct ZplGraphic {
   size_t bytesPerRow = 0;
   size_t height = 0;
   std::vector<unsigned char> rows;  // height * bytesPerRow bytes; bit 7 of a row's first byte is its leftmost dot
+  // What a standard ZPL printer makes of it: the label width and length in
+  // force ("^PW", "^LL"; -1 when the job set none) and whether the format
+  // around it was opened with "^XA".
+  long labelWidth = -1;
+  long labelLength = -1;
+  bool openedWithXA = false;
 };
 
 // Limits against hostile or corrupt input: a declared size beyond them is

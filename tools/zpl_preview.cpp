@@ -18,7 +18,10 @@ void usage(FILE* out) {
   std::fprintf(out,
                "Usage: zplpreview [-o <prefix>] [file]\n"
                "Writes every graphic of a ZPL job (the file, or standard input) as\n"
-               "<prefix>-1.png, <prefix>-2.png, ... (prefix \"page\" by default).\n");
+               "<prefix>-1.png, <prefix>-2.png, ... (prefix \"page\" by default), dots black on white.\n"
+               "Reads ~DG downloads and ^GFA fields, in hex or :Z64:/:B64: form, and says where a\n"
+               "standard ZPL printer would print differently: a format not opened with ^XA, or a\n"
+               "graphic larger than the job's ^PW/^LL label.\n");
 }
 
 bool readAll(FILE* in, const std::string& name, std::vector<unsigned char>& job) {
@@ -50,6 +53,32 @@ bool writePage(const ZplGraphic& graphic, const std::string& path, std::string& 
   }
   return kelvoPngWriteGray(path, pixels.data(), static_cast<uint32_t>(width), static_cast<uint32_t>(graphic.height),
                            width, error);
+}
+
+// Dots a standard ZPL printer leaves out: those right of "^PW" or below "^LL".
+size_t dotsOutside(const ZplGraphic& g) {
+  size_t dots = 0;
+  const size_t width = g.bytesPerRow * 8;
+  for (size_t y = 0; y < g.height; ++y)
+    for (size_t x = 0; x < width; ++x) {
+      const bool outside = (g.labelWidth >= 0 && x >= static_cast<size_t>(g.labelWidth)) ||
+                           (g.labelLength >= 0 && y >= static_cast<size_t>(g.labelLength));
+      if (outside && (g.rows[y * g.bytesPerRow + x / 8] & (0x80u >> (x % 8))) != 0) ++dots;
+    }
+  return dots;
+}
+
+// The picture shows every dot of the graphic; say where a standard ZPL
+// printer would print something else.
+void warnStandardPrinter(const ZplGraphic& g, size_t page) {
+  if (!g.openedWithXA)
+    std::printf("  page %zu: its format is not opened with ^XA; a standard ZPL printer prints nothing of it\n", page);
+  const bool wider = g.labelWidth >= 0 && g.bytesPerRow * 8 >= static_cast<size_t>(g.labelWidth) + 8;
+  const bool longer = g.labelLength >= 0 && g.height > static_cast<size_t>(g.labelLength);
+  if (wider || longer)
+    std::printf("  page %zu: the graphic (%zu x %zu dots) is larger than the label (^PW%ld, ^LL%ld); a standard ZPL "
+                "printer cuts off %zu of its dots\n",
+                page, g.bytesPerRow * 8, g.height, g.labelWidth, g.labelLength, dotsOutside(g));
 }
 
 }  // namespace
@@ -114,6 +143,7 @@ int main(int argc, char** argv) {
     }
     std::printf("%s: %zu x %zu dots, %zu printed (graphic %s)\n", path.c_str(), graphic.bytesPerRow * 8,
                 graphic.height, kelvoZplCountDots(graphic), graphic.name.c_str());
+    warnStandardPrinter(graphic, i + 1);
   }
   return 0;
 }

@@ -167,4 +167,31 @@ TEST_F(Zpl, RandomPagesDecodeToThePackedPage) {
         }
 }
 
+// The Z64 encodings carry the same bitmap as the hex download: deflated,
+// base64, checked by CRC, as a download or as an inline field.
+TEST_F(Zpl, Z64EncodingsCarryTheSamePage) {
+  std::mt19937 random(64);
+  for (size_t width : {1, 8, 13, 406, 812})
+    for (size_t height : {1, 5, 60}) {
+      Bytes pixels(width * height);
+      for (unsigned char& p : pixels) p = random() % 3 == 0 ? 1 : 0;
+      printer.setGraphicEncoding(kEncodingHex);
+      const Bytes hexRows = decodedRows(page(pixels, width, height));
+      const size_t rowBytes = (width + 7) / 8, total = rowBytes * height;
+      const std::string sizes = std::to_string(total) + "," + std::to_string(rowBytes) + ",";
+      for (GraphicEncoding encoding : {kEncodingZ64, kEncodingInlineZ64}) {
+        printer.setGraphicEncoding(encoding);
+        const std::string sent = page(pixels, width, height);
+        EXPECT_EQ(decodedRows(sent), hexRows) << width << "x" << height;
+        const std::string head = encoding == kEncodingZ64 ? "^XX\r\n^PQ1\n~DGR:CUPS.GRF," + sizes + ":Z64:"
+                                                          : "^XX\r\n^PQ1\n^FO0,0^GFA," + std::to_string(total) +
+                                                                "," + sizes + ":Z64:";
+        EXPECT_EQ(sent.substr(0, head.size()), head);
+        const std::string tail = encoding == kEncodingZ64 ? "\n^FO0,0^XGR:CUPS.GRF,1,1^FS\n^XZ\r\n" : "^FS\n^XZ\r\n";
+        EXPECT_EQ(sent.substr(sent.size() - tail.size()), tail);
+      }
+    }
+  printer.setGraphicEncoding(kEncodingHex);
+}
+
 }  // namespace

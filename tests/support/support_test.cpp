@@ -6,6 +6,7 @@
 #include "support/halftone_type.h"
 #include "support/kelvo_log.h"
 #include "support/kelvo_string.h"
+#include "support/z64.h"
 
 namespace {
 
@@ -19,7 +20,7 @@ TEST(Log, PrefixJoinsMessageWithoutBlank) {
   struct Case { int level; const char* expected; };
   const Case cases[] = {
       {0, "DEBUG:x=5\n"}, {1, "DEBUG:x=5\n"},  {2, "WARN:x=5\n"},
-      {3, "ERROR:x=5\n"}, {4, "CRIT:x=5\n"},   {5, "INVALID:x=5\n"},
+      {3, "ERROR:x=5\n"}, {4, "CRIT:x=5\n"},   {5, "INVALID:x=5\n"}, {6, "WARNING: x=5\n"},
   };
   for (const Case& c : cases) EXPECT_EQ(logLine(c.level, "x=%d", 5), c.expected) << c.level;
 }
@@ -65,6 +66,41 @@ TEST(StrCpy, TruncatesAndPads) {
   char one[1] = {'Q'};
   kelvoStrCpy(one, "long", 1);
   EXPECT_EQ(one[0], '\0');
+}
+
+// The CRC is CRC-16/XMODEM (CCITT polynomial, start 0): its catalogue check
+// value for "123456789" is 0x31C3. Base64 against the RFC 4648 examples.
+TEST(Z64, CrcAndBase64KnownValues) {
+  EXPECT_EQ(kelvoCrc16(reinterpret_cast<const unsigned char*>("123456789"), 9), 0x31C3);
+  EXPECT_EQ(kelvoCrc16(nullptr, 0), 0);
+  const std::pair<std::string, std::string> vectors[] = {
+      {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="},
+      {"foobar", "Zm9vYmFy"}, {std::string("\xff\xfe\x00", 3), "//4A"}};
+  for (const auto& v : vectors) {
+    std::vector<unsigned char> out;
+    size_t bad = 99;
+    ASSERT_TRUE(kelvoBase64Decode(reinterpret_cast<const unsigned char*>(v.second.data()), v.second.size(), out, bad));
+    EXPECT_EQ(std::string(out.begin(), out.end()), v.first) << v.second;
+  }
+  for (const std::pair<std::string, size_t>& bad : {std::pair<std::string, size_t>{"Zm9v!", 4}, {"Zg=a", 3},
+                                                   {"Z", 0}, {"Zm9===", 3}}) {
+    std::vector<unsigned char> out;
+    size_t at = 99;
+    EXPECT_FALSE(kelvoBase64Decode(reinterpret_cast<const unsigned char*>(bad.first.data()), bad.first.size(), out, at))
+        << bad.first;
+    EXPECT_EQ(at, bad.second) << bad.first;
+  }
+  // The encoded form: the prefix, base64 of a zlib stream (78 9C: deflate,
+  // default level), and the CRC of exactly the base64 text.
+  std::string z64;
+  const unsigned char page[6] = {0xFF, 0, 0, 0, 0, 0x0F};
+  ASSERT_TRUE(kelvoZ64Encode(page, sizeof page, z64));
+  ASSERT_EQ(z64.rfind(":Z64:eJ", 0), 0u) << z64;
+  const size_t colon = z64.rfind(':');
+  char crc[8];
+  std::snprintf(crc, sizeof crc, "%04X",
+                kelvoCrc16(reinterpret_cast<const unsigned char*>(z64.data()) + 5, colon - 5));
+  EXPECT_EQ(z64.substr(colon + 1), crc);
 }
 
 }  // namespace

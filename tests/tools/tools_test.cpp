@@ -9,6 +9,7 @@
 
 #include "tests/common/read_file.h"
 #include "tools/png_io.h"
+#include "support/z64.h"
 #include "tools/zpl_decode.h"
 
 namespace {
@@ -25,6 +26,12 @@ std::string decoded(const std::string& job) {
   return out;
 }
 
+std::string crcOf(const std::string& text) {
+  char crc[8];
+  std::snprintf(crc, sizeof crc, "%04X", kelvoCrc16(reinterpret_cast<const unsigned char*>(text.data()), text.size()));
+  return crc;
+}
+
 TEST(ZplDecode, ExpandsEveryFormOfRowData) {
   const std::pair<std::string, std::string> cases[] = {
       {"~DGR:A.GRF,4,2,\nJF,", "R:A.GRF@0/2:FFFF0000"},  {"^XA~dgX,2,2,\nab\r\ncD^XZ", "X@3/1:ABCD"},
@@ -34,6 +41,9 @@ TEST(ZplDecode, ExpandsEveryFormOfRowData) {
       {"~DGX,201,201,\nGGzA", "X@0/1:" + std::string(402, 'A')},  // letters add up in any order
       {"SIZE 4,6\r\n~DGA,1,1,\n80^FS\n~DGB,2,1,\n0F:\r\n^XZ", "A@10/1:80B@26/2:0F0F"},
       {"^XA^XZ", ""},
+      {"^XA^FO0,0^GFA,2,2,1,80:^FS^XZ", "^GFA@9/2:8080"},  // an inline field in hex
+      {"~DGX,2,1,:B64:gA8=:" + crcOf("gA8=") + "\n^XZ", "X@0/2:800F"},
+      {"^GFA,2,2,2,:B64:/wA=:" + crcOf("/wA=") + "^FS", "^GFA@0/1:FF00"},
   };
   for (const auto& c : cases) EXPECT_EQ(decoded(c.first), c.second) << c.first;
 }
@@ -59,6 +69,15 @@ TEST(ZplDecode, RefusesMalformedJobsNamingTheByte) {
       {"~DG,1,1,\n80", "byte 3: graphic has no name"},
       {"~DGA B,1,1,\n80", "byte 4: unexpected character 0x20 in the graphic name"},
       {"~DG" + std::string(65, 'N') + ",1,1,\n80", "byte 3: graphic name longer than 64 characters"},
+      {"~DGX,2,1,:B64:gA8=:0000", "byte 19: encoded data of graphic \"X\" does not match its CRC (0000 given, " +
+                                      crcOf("gA8=") + " computed)"},
+      {"~DGX,2,1,:B64:gA8=", "byte 18: encoded data of graphic \"X\" is truncated: no CRC after it"},
+      {"~DGX,2,1,:B64:gA8=:12", "byte 18: the CRC of graphic \"X\" is truncated"},
+      {"~DGX,2,1,:B64:g!8=:" + crcOf("g!8="), "byte 15: graphic \"X\": not base64"},
+      {"~DGX,3,1,:B64:gA8=:" + crcOf("gA8="), "byte 14: B64 data of graphic \"X\" holds 2 bytes, not 3"},
+      {"~DGX,2,1,:Z64:gA8=:" + crcOf("gA8="),
+       "byte 14: Z64 data of graphic \"X\" does not inflate to its 2 bytes (data error)"},
+      {"^GFB,1,1,1,x^FS", "byte 3: graphic field compression 'B' is not read (only A is)"},
   };
   for (const auto& c : cases) EXPECT_EQ(decoded(c.first), c.second) << c.first;
 }
@@ -99,7 +118,7 @@ TEST(Png, ReadsWhatItAndOthersWrite) {
     EXPECT_EQ(page.pixels, read.second) << read.first;
   }
   const std::string run = std::string(ZPLPREVIEW_PATH) + " -o " + dir + "/p - > " + dir + "/out 2>&1 <<'EOF'\n";
-  EXPECT_EQ(std::system((run + "~DGR:CUPS.GRF,4,1,\n0F:,80\n^XZ\nEOF").c_str()), 0);
+  EXPECT_EQ(std::system((run + "^XA\n~DGR:CUPS.GRF,4,1,\n0F:,80\n^XZ\nEOF").c_str()), 0);
   EXPECT_EQ(readFile(dir + "/out"), dir + "/p-1.png: 8 x 4 dots, 9 printed (graphic R:CUPS.GRF)\n");
   ASSERT_TRUE(kelvoPngReadGray(dir + "/p-1.png", page, error)) << error;
   std::vector<unsigned char> expected(32, 255);
@@ -107,6 +126,13 @@ TEST(Png, ReadsWhatItAndOthersWrite) {
   EXPECT_EQ(page.pixels, expected);
   EXPECT_NE(std::system((run + "~DGR:CUPS.GRF,2,1,\nzF\nEOF").c_str()), 0);
   EXPECT_EQ(readFile(dir + "/out"), "zplpreview: standard input: byte 19: repeat count runs past the end of the row\n");
+  // What a standard ZPL printer does differently is said under the page.
+  EXPECT_EQ(std::system((run + "^XX\n^PW8\n^LL2\n~DGR:CUPS.GRF,6,2,\nFFFF::\n^XZ\nEOF").c_str()), 0);
+  EXPECT_EQ(readFile(dir + "/out"),
+            dir + "/p-1.png: 16 x 3 dots, 48 printed (graphic R:CUPS.GRF)\n"
+                  "  page 1: its format is not opened with ^XA; a standard ZPL printer prints nothing of it\n"
+                  "  page 1: the graphic (16 x 3 dots) is larger than the label (^PW8, ^LL2); a standard ZPL printer "
+                  "cuts off 32 of its dots\n");
   EXPECT_EQ(std::system(("rm -rf " + dir).c_str()), 0);
 }
 
