@@ -484,7 +484,7 @@ int kelvoFilterMain(int argc, char** argv) {
   if (raster != nullptr) cupsRasterClose(raster);
   // The last bytes may still sit in a buffer; a job whose end never reached
   // the printer has failed.
-  if (status == 0 && outputFailed(stdout)) status = 1;
+  if (status == 0 && outputFailed(stdout) && !sJobCancelled) status = 1;
   if (recording && recording->failed())
     kelvoLogCommon(LogWarning, "Recording file %s is incomplete", settings.outputFile);
   if (fd != 0) close(fd);

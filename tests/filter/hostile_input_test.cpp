@@ -213,4 +213,106 @@ TEST(Cancel, SigtermInTheMiddleOfAPage) {
   EXPECT_EQ(job.out.compare(0, sent, whole.out, 0, sent), 0);
 }
 
+// Headers libcups refuses (no bits per pixel, a line of 2^31 bytes) and
+// bytes that are no page after a good one end the job with an error; the
+// page before them stays printed. A zero-height page is the end mark some
+// spoolers send and ends the job well.
+TEST(HostileInput, StreamsEndingOnRefusedHeaders) {
+  RawPage noBits = noisePage(16, 2), hugeLine = noisePage(16, 2), zeroHeight = page(16, 0);
+  noBits.h.cupsBitsPerPixel = noBits.h.cupsBitsPerColor = 0;
+  hugeLine.h.cupsBytesPerLine = 0x80000000u;
+  const std::string good = rasterStream({noisePage(24, 16)});
+  const std::tuple<const char*, std::string, Expect> cases[] = {
+      {"no bits per pixel", rasterStream({noisePage(24, 16), noBits}), {1, 1, "ERROR:Page 2: the raster stream holds"}},
+      {"bytes per line of 2^31", rasterStream({noisePage(24, 16), hugeLine}), {1, 1, "ERROR:Page 2:"}},
+      {"garbage after a page", good + std::string(3000, 'x'), {1, 1, "bytes that are not a raster page"}},
+      {"zero height ends the job", rasterStream({noisePage(24, 16), zeroHeight, noisePage(8, 8)}), {0, 1, ""}},
+  };
+  for (const auto& [what, stream, expect] : cases) expectJob(what, runJob(stream, "", ppdPath("kelvo203.ppd")), expect);
+}
+
+// Cancelling is the spooler's decision, not a failure: with the printer
+// link stalled (a pipe nobody reads) or closed at the same moment, the job
+// ends within a second, exit 0, no error line.
+TEST(Cancel, StalledOrClosedLinkEndsPromptly) {
+  const std::string raster = rasterStream(std::vector<RawPage>(20, noisePage(800, 600)));
+  for (Output output : {Output::Stalled, Output::CloseAndCancel}) {
+    const JobResult job = runJob(raster, "", ppdPath("kelvo203.ppd"), output);
+    EXPECT_EQ(job.status, 0) << job.err.substr(job.err.size() > 600 ? job.err.size() - 600 : 0);
+    EXPECT_LT(job.seconds, 1.0);
+    EXPECT_FALSE(has(job.err, "ERROR:")) << job.err.substr(job.err.size() > 600 ? job.err.size() - 600 : 0);
+  }
+}
+
+// Debug pictures stay within their budget however many pages come: the
+// newest 64 of the filter's own, in a folder it shares with others.
+TEST(DiskBudget, ThousandsOfTinyPagesLeaveAtMost64Pictures) {
+  const std::string raster = rasterStream(std::vector<RawPage>(1500, noisePage(4, 2)));
+  const TempFile ppd("debug.ppd", labelPpd(ppdOption("DebugImages", "False", {"False", "True"})));
+  const JobResult job = runJob(raster, "DebugImages=True", ppd.path);
+  ASSERT_EQ(job.status, 0) << job.err.substr(0, 400);
+  EXPECT_EQ(graphicsOf(job.out).size(), 1500u);
+  EXPECT_EQ(job.tempFiles.size(), 64u);
+  for (const std::string& name : job.tempFiles) EXPECT_EQ(name.rfind("kelvozpl-debug-", 0), 0u) << name;
+  const JobResult off = runJob(raster.substr(0, 4 + 20 * (sizeof(cups_page_header2_t) + 8)), "", ppd.path);
+  EXPECT_TRUE(off.tempFiles.empty());
+}
+
+// Two jobs started in the same second into one folder keep their own
+// pictures: the names carry the process, not only the job and the time.
+TEST(DiskBudget, TwoJobsInOneSecondKeepSeparateFiles) {
+  const std::string dir = scratchPath("shared-tmp");
+  mkdir(dir.c_str(), 0700);
+  const TempFile input("two.ras", rasterStream({noisePage(24, 8)}));
+  pid_t pids[2];
+  for (pid_t& pid : pids) {
+    pid = fork();
+    if (pid == 0) {
+      dup2(open("/dev/null", O_WRONLY), 1);
+      dup2(open("/dev/null", O_WRONLY), 2);
+      setenv("TMPDIR", dir.c_str(), 1);
+      setenv("PPD", ppdPath("kelvo203.ppd").c_str(), 1);
+      execl(KELVO_FILTER_PATH, "rastertokelvozpl", "42", "u", "t", "1", "DebugImages=True", input.path.c_str(),
+            static_cast<char*>(nullptr));
+      _exit(127);
+    }
+  }
+  for (pid_t pid : pids) {
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_EQ(status, 0);
+  }
+  EXPECT_EQ(namesIn(dir).size(), 4u);
+  removeTree(dir);
+}
+
+// A link planted under the name the recording will get is left alone: the
+// file it points to keeps its bytes, the job prints without a recording.
+TEST(DiskBudget, PlantedLinkAtTheRecordingNameIsNotFollowed) {
+  const std::string dir = scratchPath("links");
+  mkdir(dir.c_str(), 0700);
+  const std::string target = dir + "/root-only";
+  { std::ofstream(target) << "secret"; }
+  const time_t now = time(nullptr);
+  for (time_t t = now; t < now + 4; ++t) {
+    struct tm local {};
+    localtime_r(&t, &local);
+    char name[64];
+    std::strftime(name, sizeof name, "/rec-%Y%m%d%H%M%S.bin", &local);
+    ASSERT_EQ(symlink(target.c_str(), (dir + name).c_str()), 0);
+  }
+  std::string text = readFile(ppdPath("kelvo203.ppd"));
+  const std::string attribute = "*kelvoFilterOutputFile: \"/var/spool/cups/tmp/kelvozpl\"";
+  ASSERT_NE(text.find(attribute), std::string::npos);
+  text.replace(text.find(attribute), attribute.size(),
+               "*kelvoAllowJobRecording: \"True\"\n*kelvoFilterOutputFile: \"" + dir + "/rec\"");
+  const TempFile ppd("rec-link.ppd", text);
+  const JobResult job = runJob(rasterStream({noisePage(16, 4)}), "RecordPrinterCommands=1", ppd.path);
+  EXPECT_EQ(job.status, 0);
+  EXPECT_EQ(graphicsOf(job.out).size(), 1u);
+  EXPECT_TRUE(has(job.err, "WARNING: Printer commands not recorded: unable to create " + dir + "/rec-")) << job.err;
+  EXPECT_EQ(readFile(target), "secret");
+  removeTree(dir);
+}
+
 }  // namespace

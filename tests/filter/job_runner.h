@@ -6,6 +6,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -62,6 +63,16 @@ inline std::string rasterStream(const std::vector<RawPage>& pages) {
 // its debug pictures; made empty for each job and removed after it.
 inline std::string jobTempDir() { return scratchPath("tmpdir"); }
 
+inline std::vector<std::string> namesIn(const std::string& dir) {
+  std::vector<std::string> names;
+  if (DIR* d = opendir(dir.c_str())) {
+    while (const dirent* e = readdir(d))
+      if (e->d_name[0] != '.') names.push_back(e->d_name);
+    closedir(d);
+  }
+  return names;
+}
+
 inline void removeTree(const std::string& dir) {
   DIR* d = opendir(dir.c_str());
   if (d == nullptr) return;
@@ -78,12 +89,16 @@ struct JobResult {
   std::string out;  // standard output: what the printer receives
   std::string err;  // standard error: what the spooler logs
   double seconds = 0;
+  std::vector<std::string> tempFiles;  // what the job left in its TMPDIR
 };
 
 // Where the filter's standard output goes. Cancel: a pipe the test reads;
 // once `cancelAt` bytes have come and the filter has filled the pipe, the
 // job gets SIGTERM as the spooler cancels it, and the time counts from there.
-enum class Output { Capture, DevFull, Closed, BrokenPipe, Cancel };
+// Stalled: a pipe nobody reads (a printer link that hangs), cancelled once
+// the filter has filled it. CloseAndCancel: the pipe's reader goes away at
+// the moment the job is cancelled, as when cupsd stops filter and backend.
+enum class Output { Capture, DevFull, Closed, BrokenPipe, Cancel, Stalled, CloseAndCancel };
 
 // Runs the filter with `args` after the program name, the environment
 // variable PPD set to `ppd` (unset when empty) and standard input from
@@ -92,12 +107,15 @@ inline JobResult runFilter(const std::vector<std::string>& args, const std::stri
                            const std::string& stdinPath = "", Output output = Output::Capture, size_t cancelAt = 0) {
   const std::string outPath = scratchPath("job.out"), errPath = scratchPath("job.err");
   int pipeEnds[2] = {-1, -1};
-  if (output == Output::BrokenPipe || output == Output::Cancel) {
+  const bool piped = output == Output::BrokenPipe || output == Output::Cancel || output == Output::Stalled ||
+                     output == Output::CloseAndCancel;
+  if (piped) {
     EXPECT_EQ(pipe(pipeEnds), 0);
   }
   if (output == Output::BrokenPipe) close(pipeEnds[0]);  // nobody will ever read
-  removeTree(jobTempDir());
-  mkdir(jobTempDir().c_str(), 0700);
+  const std::string tempDir = jobTempDir();  // named after this process, not the child
+  removeTree(tempDir);
+  mkdir(tempDir.c_str(), 0700);
   auto start = std::chrono::steady_clock::now();
   const pid_t pid = fork();
   if (pid == 0) {
@@ -107,10 +125,9 @@ inline JobResult runFilter(const std::vector<std::string>& args, const std::stri
       case Output::Capture: dup2(open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1); break;
       case Output::DevFull: dup2(open("/dev/full", O_WRONLY), 1); break;
       case Output::Closed: close(1); break;
-      case Output::BrokenPipe:
-      case Output::Cancel: dup2(pipeEnds[1], 1), close(pipeEnds[0]); break;
+      default: dup2(pipeEnds[1], 1), close(pipeEnds[0]); break;
     }
-    setenv("TMPDIR", jobTempDir().c_str(), 1);
+    setenv("TMPDIR", tempDir.c_str(), 1);
     if (ppd.empty()) unsetenv("PPD");
     else setenv("PPD", ppd.c_str(), 1);
     std::vector<char*> argv;
@@ -138,10 +155,23 @@ inline JobResult runFilter(const std::vector<std::string>& args, const std::stri
     while (readSome()) {
     }
     close(pipeEnds[0]);
+  } else if (output == Output::Stalled || output == Output::CloseAndCancel) {
+    // Wait until the filter blocks on the full pipe, then cancel.
+    for (int i = 0; i < 100; ++i) {
+      int queued = 0;
+      if (ioctl(pipeEnds[0], FIONREAD, &queued) == 0 && queued >= 65536) break;
+      usleep(50 * 1000);
+    }
+    usleep(200 * 1000);
+    start = std::chrono::steady_clock::now();
+    if (output == Output::CloseAndCancel) close(pipeEnds[0]);
+    kill(pid, SIGTERM);
   }
   int status = 0;
   waitpid(pid, &status, 0);
   result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  if (output == Output::Stalled) close(pipeEnds[0]);
+  result.tempFiles = namesIn(jobTempDir());
   result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   if (output != Output::Cancel) result.out = readFile(outPath);
   result.err = readFile(errPath);
