@@ -16,13 +16,16 @@
 
 namespace {
 
-void usage(const char* program) {
-  std::fprintf(stderr,
-               "Usage: %s [-r dpi] [-s page-size-name] [-c copies] output.ras input.png [input.png ...]\n"
+void usage(FILE* out) {
+  std::fprintf(out,
+               "Usage: pngtoraster [-r dpi] [-s page-size-name] [-c copies] output.ras input.png [input.png ...]\n"
+               "Writes an 8-bit CUPS raster stream (ink amounts, 0 = no ink), one page per picture at\n"
+               "the picture's own pixel size, for feeding the filter by hand:\n"
+               "  PPD=/usr/share/ppd/kelvo/kelvo203.ppd rastertokelvozpl 1 user title 1 \"\" output.ras\n"
                "  -r dpi     resolution written into every page header (default 203)\n"
-               "  -s name    page size name of the header, e.g. A4 or w288h432 (default: none)\n"
-               "  -c copies  copy count of every page (default 1)\n",
-               program);
+               "  -s name    page size name of the header, e.g. A4 or 4x6 (default: none)\n"
+               "  -c copies  copy count of every page (default 1)\n"
+               "  -h, --help this text\n");
 }
 
 bool parsePositive(const char* text, unsigned& value) {
@@ -42,21 +45,24 @@ int main(int argc, char** argv) {
   std::vector<const char*> files;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
-    if (arg == "-r" && i + 1 < argc && parsePositive(argv[i + 1], dpi)) {
+    if (arg == "-h" || arg == "--help") {
+      usage(stdout);
+      return 0;
+    } else if (arg == "-r" && i + 1 < argc && parsePositive(argv[i + 1], dpi)) {
       ++i;
     } else if (arg == "-c" && i + 1 < argc && parsePositive(argv[i + 1], copies)) {
       ++i;
     } else if (arg == "-s" && i + 1 < argc) {
       sizeName = argv[++i];
     } else if (!arg.empty() && arg[0] == '-') {
-      usage(argv[0]);
+      usage(stderr);
       return 2;
     } else {
       files.push_back(argv[i]);
     }
   }
   if (files.size() < 2) {
-    usage(argv[0]);
+    usage(stderr);
     return 2;
   }
 
