@@ -53,19 +53,21 @@ printf '%%!PS\n0 0 144 432 rectfill showpage\n0 0 288 108 rectfill showpage\n' >
 "$pngtoraster" -r 203 -c 2 -s 4x6 "$DOCS/label.ras" "$SAMPLES/label.png" || e2e_die "pngtoraster failed"
 "$pngtoraster" -r 300 "$DOCS/stencil.ras" "$SAMPLES/stencil.png" || e2e_die "pngtoraster failed"
 
-# Page formats: the raster page CUPS makes (dots), and the label size lines
-# the printer must get for it. Dots = 203 x millimetres multiplied in single
-# precision and truncated, which is why 812 dots give ^PW811.
+# Page formats: the raster page CUPS makes (dots), and the format start and
+# label size lines the printer must get for it. The label queue speaks
+# standard ZPL (^XA, the page's own dots); the tattoo queue the stencil
+# printers' dialect, where dots = 203 x millimetres multiplied in single
+# precision and truncated, so that 812 dots would give ^PW811.
 declare -A FORMAT_DOTS=() FORMAT_SIZE=()
 while read -r format dots size; do
   FORMAT_DOTS[$format]=$dots
   FORMAT_SIZE[$format]=$size
 done <<'EOF'
-4x6         812x1218    SIZE 101.6 mm, 152.4 mm;^PW811;^LL1217
-A4          2480x3508   SIZE 210.0 mm, 297.0 mm;^PW1678;^LL2373
-A4-picture  2480x3307   SIZE 210.0 mm, 280.0 mm;^PW1678;^LL2237
-Tattoo_A6   1240x1750   SIZE 105.0 mm, 148.2 mm;^PW839;^LL1184
-stencil300  900x1200    SIZE 76.2 mm, 101.6 mm;^PW608;^LL811
+4x6         812x1218    ^XA;^PW812;^LL1218
+A4          2480x3508   SIZE 210.0 mm, 297.0 mm;^XX;^PW1678;^LL2373
+A4-picture  2480x3307   SIZE 210.0 mm, 280.0 mm;^XX;^PW1678;^LL2237
+Tattoo_A6   1240x1750   SIZE 105.0 mm, 148.2 mm;^XX;^PW839;^LL1184
+stencil300  900x1200    SIZE 76.2 mm, 101.6 mm;^XX;^PW608;^LL811
 EOF
 # A4 is 595.28 x 841.89 points, 2480 x 3508 dots at 300 dpi. The stencil
 # picture (900 x 1200) fills the A4 width: 2480 x 1200 / 900 = 3307 rows.
@@ -112,12 +114,14 @@ expected_outline() {
   local w=${FORMAT_DOTS[$format]%x*} h=${FORMAT_DOTS[$format]#*x}
   local bpr=$(((w + 7) / 8)) i line size
   IFS=';' read -ra size <<<"${FORMAT_SIZE[$format]}"
+  local start=^XX
+  [ "${size[0]}" = "^XA" ] && start=^XA
   for ((i = 0; i < 64; i++)); do echo; done
   for ((i = 0; i < pages; i++)); do
-    printf '%s^M\n' "${size[0]}" "^XX" "${size[1]}" "${size[2]}"
+    printf '%s^M\n' "${size[@]}"
     IFS=';' read -ra lines <<<"$setup"
     for line in "${lines[@]}"; do printf '%s^M\n' "$line"; done
-    printf '%s\n' "^XZ^M" "^M" "^XX^M" "^PQ$copies" "~DGR:CUPS.GRF,$((bpr * h)),$bpr," "<graphic>" "^XZ^M"
+    printf '%s\n' "^XZ^M" "^M" "$start^M" "^PQ$copies" "~DGR:CUPS.GRF,$((bpr * h)),$bpr," "<graphic>" "^XZ^M"
   done
 }
 

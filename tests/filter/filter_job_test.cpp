@@ -23,10 +23,13 @@ TEST(FilterJob, LabelSetupBlockAndThresholdGraphic) {
   RawPage label = page(812, 1218);
   std::mt19937 rng(5);
   for (size_t i = 0; i < label.pixels.size(); ++i) label.pixels[i] = static_cast<char>((i / 812) % 7 ? rng() : 0);
-  const JobResult job = runJob(rasterStream({label}),
-                               "PaperType=LabelGaps GapsHeight=3 Origin=Rotation180 PrintSpeed=4 Darkness=15 "
-                               "MediaMethod=Transfer PostAction=TearOff HalftoneType=None",
-                               ppdPath("kelvo203.ppd"));
+  const std::string options = "PaperType=LabelGaps GapsHeight=3 Origin=Rotation180 PrintSpeed=4 Darkness=15 "
+                              "MediaMethod=Transfer PostAction=TearOff HalftoneType=None";
+  // The label PPDs speak standard ZPL by default: "^XA" and the page's own dots.
+  const JobResult standard = runJob(rasterStream({label}), options, ppdPath("kelvo203.ppd"));
+  const std::string standardHead = kLineFeeds + "^XA\r\n^PW812\r\n^LL1218\r\n^MNY\r\n^POI\r\n^PR4\r\n";
+  EXPECT_EQ(standard.out.substr(0, standardHead.size()), standardHead);
+  const JobResult job = runJob(rasterStream({label}), options + " ZplDialect=Kelvo", ppdPath("kelvo203.ppd"));
   ASSERT_EQ(job.status, 0) << job.err;
   const std::string head = kLineFeeds +
                            "SIZE 101.6 mm, 152.4 mm\r\n^XX\r\n^PW811\r\n^LL1217\r\n^MNY\r\n^POI\r\n^PR4\r\n~SD15\r\n"
@@ -105,7 +108,7 @@ TEST(FilterJob, PpdDefaultsAndJobOptions) {
       {"PaperType=Normal PostAction=None", {"^XX\r\n^PW"}, {"^MN", "^MM"}},
   };
   for (const Case& c : cases) {
-    const JobResult job = runJob(raster, c.options, ppdPath("kelvo203.ppd"));
+    const JobResult job = runJob(raster, std::string(c.options) + " ZplDialect=Kelvo", ppdPath("kelvo203.ppd"));
     ASSERT_EQ(job.status, 0) << c.options << "\n" << job.err;
     // A 16 x 4 page at 203 dpi is 2.0020 by 0.5005 mm: 16 and 4 dots again.
     EXPECT_EQ(job.out.rfind(kLineFeeds + "SIZE 2.0 mm, 0.5 mm\r\n^XX\r\n^PW16\r\n^LL4\r\n", 0), 0u) << c.options;
@@ -120,7 +123,7 @@ TEST(FilterJob, PagesAreEncodedIndependently) {
   const RawPage dots = page(16, 2, 203, 255);
   const JobResult job = runJob(rasterStream({dots, dots}), "", ppdPath("kelvo203.ppd"));
   ASSERT_EQ(job.status, 0) << job.err;
-  const std::string graphic = "^XX\r\n^PQ1\n~DGR:CUPS.GRF,4,2,\nJF:^FO0,0^XGR:CUPS.GRF,1,1^FS\n^XZ\r\n";
+  const std::string graphic = "^XA\r\n^PQ1\n~DGR:CUPS.GRF,4,2,\nJF:^FO0,0^XGR:CUPS.GRF,1,1^FS\n^XZ\r\n";
   const size_t first = job.out.find(graphic);
   ASSERT_NE(first, std::string::npos) << job.out;
   EXPECT_NE(job.out.find(graphic, first + 1), std::string::npos);

@@ -61,7 +61,7 @@ TEST(HostileInput, ExtremeResolutionsStillPrint) {
   };
   for (const auto& c : cases)
     expectJob(std::to_string(c.first) + " dpi",
-              runJob(rasterStream({noisePage(64, 8, c.first)}), "", ppdPath("kelvo203.ppd")),
+              runJob(rasterStream({noisePage(64, 8, c.first)}), "ZplDialect=Kelvo", ppdPath("kelvo203.ppd")),
               {0, 1, "", {c.second, "~DGR:CUPS.GRF,64,8,\n"}});
 }
 
