@@ -33,6 +33,8 @@ struct JobState {
   cups_page_header2_t header{};
   std::vector<unsigned char> page;
   bool invert = false;  // the page comes as grey levels (255 = paper)
+  unsigned copies = 1;  // the printer's copy count of every page (^PQ)
+  unsigned rows = 0;    // rows of the page received so far
   FILE* out = nullptr;
   volatile std::sig_atomic_t cancelled = 0;
   bool deviceFailed = false;
@@ -101,6 +103,11 @@ bool kelvoStartJob(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t
   state->printer.setCancelFlag(&state->cancelled);
   state->printer.setDialect(state->settings.dialect);
   state->printer.setGraphicEncoding(state->settings.encoding);
+  // PAPPL prints an image document once a copy, but a raster document
+  // once: there the printer repeats each page.
+  const char* format = papplJobGetFormat(job);
+  if (format != nullptr && (std::strcmp(format, "image/pwg-raster") == 0 || std::strcmp(format, "image/urf") == 0))
+    state->copies = options->copies > 1 ? static_cast<unsigned>(options->copies) : 1;
   papplJobSetData(job, state);
   papplLogJob(job, PAPPL_LOGLEVEL_DEBUG, "halftone %d, darkness %d, speed %s, copies %d",
               static_cast<int>(state->settings.halftoneType), state->settings.Darkness, state->settings.PrintSpeed,
@@ -127,11 +134,11 @@ bool kelvoStartPage(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_
     return false;
   }
   state->invert = header.cupsColorSpace != CUPS_CSPACE_K;
-  // One page, printed as many times as asked: the printer repeats it (^PQ).
-  header.NumCopies = 1;
+  header.NumCopies = state->copies;
   kelvoStrCpy(header.cupsPageSizeName, ppdSizeName(*state->model, options->media.size_name),
               sizeof header.cupsPageSizeName);
   state->page.assign(bytes, 0);
+  state->rows = 0;
   return true;
 }
 
@@ -141,6 +148,7 @@ bool kelvoWriteLine(pappl_job_t* job, pappl_pr_options_t* /*options*/, pappl_dev
   if (state == nullptr || y >= state->header.cupsHeight) return state != nullptr;
   const size_t stride = state->header.cupsBytesPerLine;
   unsigned char* row = state->page.data() + stride * y;
+  if (y + 1 > state->rows) state->rows = y + 1;
   if (state->invert) {
     for (size_t x = 0; x < stride; ++x) row[x] = static_cast<unsigned char>(255 - line[x]);
   } else {
@@ -154,6 +162,14 @@ bool kelvoEndPage(pappl_job_t* job, pappl_pr_options_t* /*options*/, pappl_devic
   if (state == nullptr) return false;
   if (papplJobIsCanceled(job)) return true;
   cups_page_header2_t& header = state->header;
+  // A document cut short would print a page of blank paper at its end.
+  if (state->rows < header.cupsHeight) {
+    papplJobSetMessage(job, "Page %u ends after %u of its %u rows; the document is cut short", page, state->rows,
+                       header.cupsHeight);
+    papplLogJob(job, PAPPL_LOGLEVEL_ERROR, "Page %u ends after %u of its %u rows", page, state->rows,
+                header.cupsHeight);
+    return false;
+  }
   Settings& settings = state->settings;
   KelvoPrinter& printer = state->printer;
   // The same steps, in the same order, as the filter's page loop.
