@@ -67,9 +67,14 @@ void nameMedia(KelvoMedia& media, const KelvoModel& model) {
                : word == "Tattoo_A5" ? "iso_a5_210x148mm"
                                      : "iso_a6_105x148mm";
   } else {
-    standard = std::string("oe_") + media.ppdName + "-label_" + media.ppdName + "in";
+    // A size name has no dots: "2.25x1.25" is named "2-25x1-25".
+    std::string word = media.ppdName;
+    for (char& c : word) c = c == '.' ? '-' : c;
+    standard = "oe_" + word + "-label_" + media.ppdName + "in";
   }
-  const std::string prefix = standard.substr(0, standard.rfind('_'));
+  // Sizes in millimetres take the "om" class; the rest of the name stays.
+  std::string prefix = standard.substr(0, standard.rfind('_'));
+  prefix = "om" + prefix.substr(prefix.find('_'));
   if (const pwg_media_t* pwg = pwgMediaForPWG(standard.c_str())) {
     if (pageDots(pwg->width, model.dpi) == width && std::abs(pageDots(pwg->length, model.dpi) - height) <= 1) {
       kelvoStrCpy(media.pwgName, standard.c_str(), sizeof media.pwgName);
@@ -144,7 +149,7 @@ bool kelvoDriverCallback(pappl_system_t* /*system*/, const char* driverName, con
   kelvoStrCpy(data->make_and_model, model->description, sizeof data->make_and_model);
   data->ppm = model->stencil ? 2 : 20;
   data->kind = model->stencil ? PAPPL_KIND_DOCUMENT : PAPPL_KIND_LABEL;
-  data->orient_default = IPP_ORIENT_NONE;
+  data->orient_default = IPP_ORIENT_PORTRAIT;
   data->color_supported = PAPPL_COLOR_MODE_MONOCHROME;
   data->color_default = PAPPL_COLOR_MODE_MONOCHROME;
   data->content_default = PAPPL_CONTENT_AUTO;
@@ -212,6 +217,13 @@ bool kelvoDriverCallback(pappl_system_t* /*system*/, const char* driverName, con
     ippAddRange(vendor, IPP_TAG_PRINTER, "kelvo-gap-height-supported", 0, 10);
     ippAddInteger(vendor, IPP_TAG_PRINTER, IPP_TAG_INTEGER, "kelvo-gap-height-default", 3);
   }
+  // Grey pages have no colour rendering to choose.
+  ippAddString(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "print-rendering-intent-supported", nullptr,
+               "auto");
+  ippAddString(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "print-rendering-intent-default", nullptr,
+               "auto");
+  // Clients may send every attribute with the job; none is preferred.
+  ippAddBoolean(vendor, IPP_TAG_PRINTER, "preferred-attributes-supported", 0);
   *attrs = vendor;
   return true;
 }

@@ -16,28 +16,6 @@ namespace {
 
 const char kVersion[] = "3.13.13";
 
-// Labels of our choices on the web pages.
-const char kStrings[] =
-    "\"kelvo-halftone\" = \"Halftone\";\n"
-    "\"kelvo-halftone.none\" = \"Threshold (Text and Barcodes)\";\n"
-    "\"kelvo-halftone.floyd-steinberg\" = \"Ordered Dither 4x4\";\n"
-    "\"kelvo-halftone.ordered\" = \"Burkes Diffusion\";\n"
-    "\"kelvo-halftone.burkes\" = \"Stucki Diffusion\";\n"
-    "\"kelvo-halftone.stucki\" = \"Jarvis, Judice and Ninke Diffusion\";\n"
-    "\"kelvo-halftone.jarvis-judice-ninke\" = \"Sierra Diffusion\";\n"
-    "\"kelvo-halftone.sierra\" = \"Stevenson and Arce Diffusion\";\n"
-    "\"kelvo-halftone.stevenson-arce\" = \"Bayer Ordered Dither\";\n"
-    "\"kelvo-halftone.tattoo\" = \"Tattoo Stencil\";\n"
-    "\"kelvo-halftone.tattoo-x8\" = \"Tattoo Stencil X8\";\n"
-    "\"kelvo-brightness\" = \"Brightness\";\n"
-    "\"kelvo-mirror\" = \"Mirror Image\";\n"
-    "\"kelvo-negative\" = \"Negative Image\";\n"
-    "\"kelvo-gap-height\" = \"Gap Height (mm)\";\n"
-    "\"direct-thermal\" = \"Direct Thermal\";\n"
-    "\"thermal-transfer\" = \"Thermal Transfer (Ribbon)\";\n"
-    "\"media-type.direct-thermal\" = \"Direct Thermal\";\n"
-    "\"media-type.thermal-transfer\" = \"Thermal Transfer (Ribbon)\";\n";
-
 const char* option(int count, cups_option_t* options, const char* name, const char* fallback) {
   const char* value = cupsGetOption(name, count, options);
   return value != nullptr && *value != '\0' ? value : fallback;
@@ -93,7 +71,6 @@ pappl_system_t* createSystem(int count, cups_option_t* options, void* /*data*/) 
   papplSystemSetPrinterDrivers(system, kelvoNumDrivers, kelvoDrivers, nullptr, nullptr, kelvoDriverCallback,
                                nullptr);
   papplSystemSetMIMECallback(system, kelvoDetectFormat, nullptr);
-  papplSystemAddStringsData(system, "/en.strings", "en", kStrings);
   papplSystemSetFooterHTML(system, "Kelvo ZPL printer application " "3.13.13");
   papplSystemSetSaveCallback(system, reinterpret_cast<pappl_save_cb_t>(papplSystemSaveState),
                              const_cast<char*>(strdup(state.c_str())));
