@@ -29,4 +29,5 @@ kelvo_ensure_packages() {
 # and Ghostscript are for the end-to-end test, which prints through a private
 # cupsd.
 KELVO_BUILD_PACKAGES="cmake make g++ clang libclang-rt-14-dev pkg-config libgtest-dev libgmock-dev \
-libbenchmark-dev libpng-dev zlib1g-dev libcups2-dev libcupsimage2-dev cups-ppdc cups-client cups cups-filters ghostscript"
+libbenchmark-dev libpng-dev zlib1g-dev libcups2-dev libcupsimage2-dev cups-ppdc cups-client cups cups-filters ghostscript \
+libpappl-dev cups-ipp-utils python3"

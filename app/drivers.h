@@ -1,0 +1,55 @@
+#pragma once
+// The three printer models of the shipped PPDs as PAPPL drivers: their
+// resolutions, media, choices and vendor attributes, and how a job's IPP
+// options become the engine's Settings.
+#include <pappl/pappl.h>
+
+#include "printer/job_settings.h"
+
+// One label or sheet size: the PPD's word for it and its size in dots.
+struct KelvoMedia {
+  const char* ppdName;
+  float widthPt;  // the PPD's size, in points
+  float heightPt;
+  char pwgName[64];  // filled in at start-up
+};
+
+struct KelvoModel {
+  const char* driverName;
+  const char* description;
+  int dpi;
+  ZplDialect dialect;
+  bool stencil;
+  int speedMin;  // inches a second; "Normal" (0) is the printer's own speed
+  int speedMax;
+  KelvoMedia* media;
+  int numMedia;
+  int defaultMedia;
+};
+
+// The drivers, in the order "drivers" lists them.
+extern pappl_pr_driver_t kelvoDrivers[];
+extern const int kelvoNumDrivers;
+
+// The model of a driver name; null for names that are not ours.
+const KelvoModel* kelvoFindModel(const char* driverName);
+
+bool kelvoDriverCallback(pappl_system_t* system, const char* driverName, const char* deviceUri,
+                         const char* deviceId, pappl_pr_driver_data_t* data, ipp_t** attrs, void* cbdata);
+
+// Tells ZPL from other data by its first bytes, for jobs sent without a
+// document format.
+const char* kelvoDetectFormat(const unsigned char* header, size_t size, void* data);
+
+// The settings of one job on a printer of `model`: the model's fixed choices,
+// then the job's IPP options and the printer's label mode on top. The page
+// size fields are set per page.
+void kelvoSettingsFromOptions(const KelvoModel& model, const pappl_pr_options_t& options, pappl_label_mode_t mode,
+                              Settings* settings);
+
+// The PPD's halftone word of an IPP keyword ("jarvis-judice-ninke" ->
+// JarvisJudiceNinke); unknown keywords give None.
+DitherType kelvoHalftoneFromKeyword(const char* keyword);
+
+// The MIME type of ZPL documents.
+constexpr const char* kKelvoZplFormat = "application/vnd.zebra-zpl";

@@ -1,0 +1,15 @@
+#pragma once
+// Printing one job: raster pages through the engine, ZPL documents as they
+// are. PAPPL calls these from the job's own thread; every job keeps its own
+// engine, so printers print side by side.
+#include <pappl/pappl.h>
+
+bool kelvoStartJob(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* device);
+bool kelvoStartPage(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* device, unsigned page);
+bool kelvoWriteLine(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* device, unsigned y,
+                    const unsigned char* line);
+bool kelvoEndPage(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* device, unsigned page);
+bool kelvoEndJob(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* device);
+// ZPL documents go to the printer untouched, once a copy.
+bool kelvoPrintFile(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* device);
+
