@@ -117,6 +117,27 @@ TEST(FilterJob, PpdDefaultsAndJobOptions) {
   }
 }
 
+// A job choice the PPD does not have, or a misspelt option name, prints with
+// the default and says so, naming the option, the value and the choices.
+TEST(FilterJob, UnknownChoicesAreWarnedAbout) {
+  const std::string raster = rasterStream({noisePage(16, 4)});
+  const std::pair<const char*, const char*> cases[] = {
+      {"HalftoneType=Burkess", "WARNING: Unknown choice \"Burkess\" for option HalftoneType; valid: None, "
+                               "FloydSteinberg, Ordered, Burkes,"},
+      {"Halftone=Burkes", "WARNING: Unknown option Halftone=Burkes (did you mean HalftoneType? valid: None, "},
+      {"PrintSpeed=fast", "WARNING: Unknown choice \"fast\" for option PrintSpeed; valid: Normal, 1, 2,"},
+  };
+  const JobResult plain = runJob(raster, "", ppdPath("kelvo203.ppd"));
+  for (const auto& c : cases) {
+    const JobResult job = runJob(raster, c.first, ppdPath("kelvo203.ppd"));
+    EXPECT_EQ(job.status, 0);
+    EXPECT_TRUE(has(job.err, c.second)) << c.first << "\n" << job.err.substr(0, 600);
+    EXPECT_EQ(job.out, plain.out) << c.first << ": the default prints";
+  }
+  // CUPS's own options are not PPD options and pass without a word.
+  EXPECT_FALSE(has(runJob(raster, "media=w288h432 job-uuid=x number-up=1", ppdPath("kelvo203.ppd")).err, "WARNING"));
+}
+
 // Every page starts its row compression afresh: an all-dots first row is
 // sent in full on every page, later all-dots rows as ":".
 TEST(FilterJob, PagesAreEncodedIndependently) {

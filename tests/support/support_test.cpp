@@ -1,4 +1,7 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <string>
@@ -6,6 +9,7 @@
 #include "support/halftone_type.h"
 #include "support/kelvo_log.h"
 #include "support/kelvo_string.h"
+#include "support/safe_files.h"
 #include "support/z64.h"
 
 namespace {
@@ -101,6 +105,33 @@ TEST(Z64, CrcAndBase64KnownValues) {
   std::snprintf(crc, sizeof crc, "%04X",
                 kelvoCrc16(reinterpret_cast<const unsigned char*>(z64.data()) + 5, colon - 5));
   EXPECT_EQ(z64.substr(colon + 1), crc);
+}
+
+// The folder keeps the newest own files within the count and the bytes;
+// what cannot fit the whole budget is refused, and nothing else is touched.
+TEST(SafeFiles, MakeRoomKeepsTheNewestWithinTheBudget) {
+  char dirTemplate[] = "/tmp/kelvo-room-XXXXXX";
+  ASSERT_NE(mkdtemp(dirTemplate), nullptr);
+  const std::string dir = dirTemplate;
+  auto make = [&](const std::string& name, size_t bytes, int age) {
+    std::FILE* f = std::fopen((dir + "/" + name).c_str(), "w");
+    std::fwrite(std::string(bytes, 'x').data(), 1, bytes, f);
+    std::fclose(f);
+    const struct timespec times[2] = {{1000000 - age, 0}, {1000000 - age, 0}};
+    utimensat(AT_FDCWD, (dir + "/" + name).c_str(), times, 0);
+  };
+  for (int i = 0; i < 5; ++i) make("own-" + std::to_string(i), 100, 10 - i);  // own-0 is the oldest
+  make("other", 5000, 99);
+  const auto owns = [](const char* name) { return std::strncmp(name, "own-", 4) == 0; };
+  const KelvoFileBudget budget{4, 350};
+  EXPECT_FALSE(kelvoMakeRoom(dir, owns, budget, 1, 351));  // larger than the whole budget
+  EXPECT_TRUE(kelvoMakeRoom(dir, owns, budget, 1, 100));   // 5 + 1 files of 600 bytes: keep the newest 2
+  for (const auto& [name, kept] : {std::pair<const char*, bool>{"own-0", false}, {"own-2", false}, {"own-3", true},
+                                   {"own-4", true}, {"other", true}})
+    EXPECT_EQ(access((dir + "/" + name).c_str(), F_OK) == 0, kept) << name;
+  const int fd = kelvoCreateNewFile(dir + "/own-4", 0600);  // an existing name is never reused
+  EXPECT_EQ(fd, -1);
+  std::system(("rm -rf " + dir).c_str());
 }
 
 }  // namespace
