@@ -7,7 +7,12 @@ namespace {
 
 constexpr int kNearPaper = 16;
 constexpr int kNearInk = 239;
-constexpr int kEdgeContrast = 128;
+constexpr int kEdgeContrast = 96;
+// A lone module that an enlarging filter spread thin over four pixels: its
+// peak (or dip) stands this far from some neighbour and its level this far
+// from paper (or ink).
+constexpr int kPeakRise = 64;
+constexpr int kPeakFloor = 64;
 constexpr long kRadius = 2;
 constexpr long kRows = 2 * kRadius + 1;
 
@@ -62,7 +67,22 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
     for (long x = 0; x < width; ++x) {
       const int level = row[x];
       if (hard[static_cast<size_t>(x)]) {
-        out[static_cast<size_t>(x)] = level > 128 ? 1 : 0;
+        uint8_t dot = level > 128 ? 1 : 0;
+        const bool faintInk = !dot && level > kPeakFloor;
+        const bool faintPaper = dot && level < 255 - kPeakFloor;
+        if (faintInk || faintPaper) {
+          int lo = 255, hi = 0;
+          for (long r = std::max(0L, y - 1); r <= std::min(height - 1, y + 1); ++r)
+            for (long i = std::max(0L, x - 1); i <= std::min(width - 1, x + 1); ++i) {
+              if (r == y && i == x) continue;
+              const int v = slot(r)[i];
+              lo = std::min(lo, v);
+              hi = std::max(hi, v);
+            }
+          if (faintInk && level >= hi && level - lo >= kPeakRise) dot = 1;
+          if (faintPaper && level <= lo && hi - level >= kPeakRise) dot = 0;
+        }
+        out[static_cast<size_t>(x)] = dot;
         continue;
       }
       const int v = clampLevel(level + here[x]);

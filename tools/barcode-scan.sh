@@ -19,10 +19,16 @@
 #                       halftone only, no reference
 #     --check           exit 1 unless the PPD's default halftone decodes every
 #                       symbol at 1.5 dots and up, from the PDF and the PNG
+#     --known LIST      with --check: pages allowed to fail, as DPI/SOURCE/SYMBOL
+#                       (e.g. 203/png/datamatrix); they are listed, not failed
 #     --dpi LIST        "203 300" by default
 #     --widths LIST     module widths in dots, "1.25 1.5 1.75 2 2.5 3 4" by default
 #     --halftones LIST  PPD choice words (default: every choice of the PPD)
 #     --no-reference    skip CUPS's rastertolabel
+#     --scales LIST     each page is drawn with every dot as N x N pixels for
+#                       each N (zplpreview -s), as a reader held at a few
+#                       distances sees it, and counts as scanned when any of
+#                       them reads right (default "1 2 3")
 #
 # Prints one table per resolution (Markdown). Every read is in results.tsv in
 # the output folder, and every page a reader saw is kept there as a PNG:
@@ -39,6 +45,9 @@ reference=1
 dpis="203 300"
 widths="1.25 1.5 1.75 2 2.5 3 4"
 halftones=""
+scales="1 2 3"
+known=""
+readers=$(nproc 2>/dev/null || echo 2)
 while [ $# -gt 0 ]; do
   case $1 in
     --build-dir) build=$2; shift 2 ;;
@@ -49,6 +58,8 @@ while [ $# -gt 0 ]; do
     --widths) widths=$2; shift 2 ;;
     --halftones) halftones=$2; shift 2 ;;
     --no-reference) reference=0; shift ;;
+    --scales) scales=$2; shift 2 ;;
+    --known) known=$2; shift 2 ;;
     -h | --help) sed -n '2,/^set -euo/p' "$0" | sed '$d; s/^# \{0,1\}//'; exit 0 ;;
     *) echo "barcode-scan: unknown argument $1 (try --help)" >&2; exit 2 ;;
   esac
@@ -212,32 +223,62 @@ cups_raster() {  # <ppd> <out.ras> <page size> <resolution option or ""> <dpi> <
 }
 
 # --- reading a page ---
+declare -A zbar_name=([code128]=code128 [code39]=code39 [ean13]=ean13 [qr]=qrcode)
 read_page() {  # <png> <symbol>: prints what the reader read (empty if nothing)
   if [ "$2" = datamatrix ]; then
-    timeout 20 dmtxread -N1 -m 4000 "$1" 2>/dev/null | head -1 || true
+    timeout 60 dmtxread -N1 -m 4000 "$1" 2>/dev/null | head -1 || true
   else
-    timeout 20 zbarimg -q "$1" 2>/dev/null | tr '\n' ' ' | sed 's/ $//' || true
+    timeout 60 zbarimg -q --nodbus -Sdisable -S"${zbar_name[$2]}.enable" "$1" 2>/dev/null | tr '\n' ' ' |
+      sed 's/ $//' || true
   fi
 }
 
+# read_scales <picture prefix> <symbol>: reads the page drawn at each scale
+# (the reader held at a few distances) and stops at the first right read;
+# prints that read, or else the last one
+read_scales() {
+  local k got=""
+  for k in $scales; do
+    got=$(read_page "$1-x$k.png" "$2")
+    [ "$got" = "${expect[$2]}" ] && break
+  done
+  echo "$got"
+}
+
 # decode_job <job.zpl> <dpi> <source> <halftone label>: previews the job's
-# pages, reads each, appends to results.tsv
+# pages, reads each (as many at a time as there are cores), appends to
+# results.tsv; the largest-scale pictures stay in the output folder
 decode_job() {
-  local job=$1 dpi=$2 source=$3 label=$4 dir i=0 got ok
+  local job=$1 dpi=$2 source=$3 label=$4 dir i=0 got ok k
   dir=$out/$dpi/$source/$label
   mkdir -p "$dir"
-  "$preview" -o "$work/page" "$job" >/dev/null || die "zplpreview could not read $job"
+  for k in $scales; do
+    "$preview" -s "$k" -o "$work/x$k-page" "$job" >/dev/null || die "zplpreview could not read $job"
+  done
+  local pages=()
   while read -r d src s w ppi aw file; do
     [ "$d" = "$dpi" ] && [ "$src" = "$source" ] || continue
     i=$((i + 1))
-    [ -f "$work/page-$i.png" ] || die "$job has no page $i"
-    mv "$work/page-$i.png" "$dir/$s-$w.png"
-    got=$(read_page "$dir/$s-$w.png" "$s")
+    for k in $scales; do
+      [ -f "$work/x$k-page-$i.png" ] || die "$job has no page $i"
+      mv "$work/x$k-page-$i.png" "$work/$i-x$k.png"
+    done
+    pages+=("$s $w $aw")
+    while [ "$(jobs -rp | wc -l)" -ge "$readers" ]; do wait -n || true; done
+    read_scales "$work/$i" "$s" >"$work/read-$i.txt" &
+  done <"$work/pages.list"
+  wait
+  i=0
+  for p in "${pages[@]}"; do
+    i=$((i + 1))
+    read -r s w aw <<<"$p"
+    got=$(cat "$work/read-$i.txt")
     ok=0
     [ "$got" = "${expect[$s]}" ] && ok=1
     printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\n' "$dpi" "$source" "$label" "$s" "$aw" "$ok" "$got" >>"$results"
-  done <"$work/pages.list"
-  rm -f "$work"/page-*.png
+    mv "$work/$i-x${scales##* }.png" "$dir/$s-$w.png"
+  done
+  rm -f "$work"/[0-9]*-x*.png "$work"/read-*.txt
 }
 
 if [ "$reference" -eq 1 ]; then
@@ -320,13 +361,20 @@ echo
 echo "Pages, preview PNGs and every read: $out"
 
 if [ "$check" -eq 1 ]; then
-  failed=$(awk -F'\t' 'NR > 1 && $3 ~ /\*$/ && $5 >= 1.5 && $6 == 0 { print "  " $1 " dpi " $2 " " $4 " at " $5 " dots: read \"" $7 "\"" }' "$results")
-  checked=$(awk -F'\t' 'NR > 1 && $3 ~ /\*$/ && $5 >= 1.5' "$results" | wc -l)
-  [ "$checked" -gt 0 ] || die "check: no page of the default halftone at 1.5 dots or more was read"
+  default_pages=$(awk -F'\t' 'NR > 1 && $3 ~ /\*$/ && $5 >= 1.5 { print $1 "/" $2 "/" $4 "\t" $5 "\t" $6 "\t" $7 }' "$results")
+  [ -n "$default_pages" ] || die "check: no page of the default halftone at 1.5 dots or more was read"
+  failed="" allowed=""
+  while IFS=$'\t' read -r page w ok got; do
+    [ "$ok" = 1 ] && continue
+    case " $known " in
+      *" $page "*) allowed+="  $page at $w dots"$'\n' ;;
+      *) failed+="  $page at $w dots: read \"$got\""$'\n' ;;
+    esac
+  done <<<"$default_pages"
+  [ -z "$allowed" ] || printf 'barcode-scan: known failures of the default halftone (--known):\n%s' "$allowed"
   if [ -n "$failed" ]; then
-    echo "barcode-scan: FAILED: the default halftone's pages that did not scan:" >&2
-    echo "$failed" >&2
+    printf 'barcode-scan: FAILED: the default halftone pages that did not scan:\n%s' "$failed" >&2
     exit 1
   fi
-  echo "barcode-scan: the default halftone scans all $checked symbols at 1.5 dots and up"
+  echo "barcode-scan: the default halftone scans all $(wc -l <<<"$default_pages") symbols at 1.5 dots and up${allowed:+, but the known failures above}"
 fi
