@@ -38,8 +38,12 @@ const KelvoModel kModels[] = {
 // IPP keywords of the halftone methods, in DitherType order. Each stands for
 // the PPD word of the same value, so a job prints what the filter prints
 // for that word.
-const char* const kHalftones[] = {"none",   "floyd-steinberg", "ordered",        "burkes", "stucki",
-                                  "jarvis-judice-ninke", "sierra", "stevenson-arce", "tattoo", "tattoo-x8"};
+const char* const kHalftones[] = {"none",   "floyd-steinberg", "ordered",        "burkes",    "stucki",
+                                  "jarvis-judice-ninke", "sierra", "stevenson-arce", "tattoo", "tattoo-x8",
+                                  "barcode-text"};
+// What the PPDs default to: barcodes and text on labels, the stencil chain
+// on the stencil printer.
+const char* defaultHalftone(bool stencil) { return stencil ? "tattoo" : "barcode-text"; }
 
 int dotsOf(float points, int dpi) { return static_cast<int>(std::lround(points * dpi / 72.0)); }
 // PAPPL makes a page of size*dpi/2540 dots, rounded down.
@@ -206,7 +210,7 @@ bool kelvoDriverCallback(pappl_system_t* /*system*/, const char* driverName, con
   ippAddStrings(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "kelvo-halftone-supported",
                 static_cast<int>(sizeof kHalftones / sizeof kHalftones[0]), nullptr, kHalftones);
   ippAddString(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "kelvo-halftone-default", nullptr,
-               model->stencil ? "tattoo" : "none");
+               defaultHalftone(model->stencil));
   ippAddRange(vendor, IPP_TAG_PRINTER, "kelvo-brightness-supported", -100, 100);
   ippAddInteger(vendor, IPP_TAG_PRINTER, IPP_TAG_INTEGER, "kelvo-brightness-default", 0);
   ippAddBoolean(vendor, IPP_TAG_PRINTER, "kelvo-mirror-supported", 1);
@@ -285,7 +289,7 @@ void kelvoSettingsFromOptions(const KelvoModel& model, const pappl_pr_options_t&
   settings->halftoneType =
       kelvoHalftoneFromKeyword(vendorOption(options, "kelvo-halftone") != nullptr
                                    ? vendorOption(options, "kelvo-halftone")
-                                   : (model.stencil ? "tattoo" : "none"));
+                                   : defaultHalftone(model.stencil));
   const char* brightness = vendorOption(options, "kelvo-brightness");
   settings->Brightness = brightness != nullptr ? std::atoi(brightness) : 0;
   const char* mirror = vendorOption(options, "kelvo-mirror");

@@ -197,11 +197,17 @@ $(head -20 "$T/log/$name.diff")"
   count=$((count + 1))
 done <<<"$scenarios"
 
-# The label's PNG and PDF are one PostScript drawing rendered at 203 dpi
-# without smoothing; through CUPS's image path and its PDF path they must
-# become the same dots.
-cmp -s <(grep -a -A1 '^~DG' "$T/jobs/label-png.zpl") <(grep -a -A1 '^~DG' "$T/jobs/label-pdf.zpl") ||
-  e2e_die "label-png and label-pdf: the same label printed as PNG and as PDF gives different graphics"
+# The label's PNG and PDF are one PostScript drawing rendered at 203 dpi;
+# the label PPDs have Ghostscript paint a dot only where its centre is
+# inside a shape (bars keep their width), so the PDF path and CUPS's image
+# path no longer give exactly the same dots. Every stroke of the PDF is up
+# to a dot thinner; on this label of thin lines and small text that is about
+# 8 % fewer dots (313862 against 289927). More than 10 % means one of the
+# paths lost or misplaced part of the page.
+png_dots=$("$zplpreview" -o "$T/preview/cmp-png" "$T/jobs/label-png.zpl" | awk 'NR == 1 { print $6 }')
+pdf_dots=$("$zplpreview" -o "$T/preview/cmp-pdf" "$T/jobs/label-pdf.zpl" | awk 'NR == 1 { print $6 }')
+awk -v a="$png_dots" -v b="$pdf_dots" 'BEGIN { d = a - b; if (d < 0) d = -d; exit !(d <= 0.10 * a) }' ||
+  e2e_die "label-png and label-pdf: the same label gives $png_dots and $pdf_dots dots"
 
 # The filter's messages reach the log (LogLevel debug); none may be an error.
 if grep -E '^E |ERROR:' "$T/log/error_log" >"$T/log/errors"; then

@@ -104,7 +104,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                {"outputFile", settings.outputFile, sizeof settings.outputFile}};
   for (const auto& t : texts)
     if (!terminated(t.field, t.size)) kfuzz::fail("%s is not terminated within %zu bytes", t.name, t.size);
-  if (settings.halftoneType < None || settings.halftoneType > Tattoo_X8)
+  if (settings.halftoneType < None || settings.halftoneType > BarcodeText)
     kfuzz::fail("halftone type %d", static_cast<int>(settings.halftoneType));
   if (settings.DirectBuffer != 0 || settings.StoredGraphics != 0 || settings.OptionDisplayUnit != 0)
     kfuzz::fail("fields that are always 0 are not");

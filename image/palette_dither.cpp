@@ -6,6 +6,7 @@
 #include <emmintrin.h>
 #endif
 
+#include "image/palette_barcode.h"
 #include "image/palette_image.h"
 #include "image/pixel_rows.h"
 
@@ -253,6 +254,16 @@ bool PaletteImage::Dither(long method) {
       }
       break;
     }
+
+    case 10:
+      // "Barcode and Text": image/palette_barcode.h.
+      kelvoBarcodeTextHalftone(
+          width, height,
+          [&](long y, uint8_t* dst) {
+            kelvoRowToLevels(info.bits + static_cast<size_t>(info.effWidth) * static_cast<size_t>(y), bpp, width, dst);
+          },
+          emit);
+      break;
 
     default: {
       // Each share is truncated on its own, so a little of the error is

@@ -3,7 +3,7 @@
 // must stay exactly as they are ("JarvisJudiceNinke", "Tattoo_X8").
 
 // The int base makes every value a valid DitherType: the type travels as a
-// plain number (PPD, settings, Dither's method) and values past 9 select the
+// plain number (PPD, settings, Dither's method) and values past 10 select the
 // default halftone.
 enum DitherType : int {
   None = 0,
@@ -16,11 +16,14 @@ enum DitherType : int {
   StevensonArce = 7,
   Tattoo = 8,
   Tattoo_X8 = 9,
+  // Labels: bar edges on the nearest dot, diffusion only in continuous tone
+  // (image/palette_barcode.h). Its name is its method, unlike 1..7.
+  BarcodeText = 10,
 };
 
 extern "C" {
 
-// Name of a method; values of 10 and above give "None".
+// Name of a method; values of 11 and above give "None".
 const char* kelvoHalftoneTypeToStr(DitherType type);
 
 // Method of an exact, case-sensitive name; unknown names give None.

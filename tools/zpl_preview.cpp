@@ -16,9 +16,10 @@ constexpr size_t kMaxJobBytes = size_t{512} << 20;
 
 void usage(FILE* out) {
   std::fprintf(out,
-               "Usage: zplpreview [-o <prefix>] [file]\n"
+               "Usage: zplpreview [-o <prefix>] [-s <scale>] [file]\n"
                "Writes every graphic of a ZPL job (the file, or standard input) as\n"
-               "<prefix>-1.png, <prefix>-2.png, ... (prefix \"page\" by default), dots black on white.\n"
+               "<prefix>-1.png, <prefix>-2.png, ... (prefix \"page\" by default), dots black on white,\n"
+               "each dot as a square of <scale> x <scale> pixels (1 to 16, default 1).\n"
                "Reads ~DG downloads and ^GFA fields, in hex or :Z64:/:B64: form, and says where a\n"
                "standard ZPL printer would print differently: a format not opened with ^XA, or a\n"
                "graphic larger than the job's ^PW/^LL label.\n");
@@ -41,18 +42,24 @@ bool readAll(FILE* in, const std::string& name, std::vector<unsigned char>& job)
   return true;
 }
 
-bool writePage(const ZplGraphic& graphic, const std::string& path, std::string& error) {
-  const size_t width = graphic.bytesPerRow * 8;
-  std::vector<unsigned char> pixels(width * graphic.height);
-  for (size_t y = 0; y < graphic.height; ++y) {
-    const unsigned char* row = graphic.rows.data() + y * graphic.bytesPerRow;
+// Readers of printed barcodes see each dot as several camera pixels; a scale
+// above 1 draws each dot as such a square, so a picture can be read the same way.
+constexpr int kMaxScale = 16;
+
+bool writePage(const ZplGraphic& graphic, const std::string& path, size_t scale, std::string& error) {
+  const size_t width = graphic.bytesPerRow * 8 * scale;
+  const size_t height = graphic.height * scale;
+  std::vector<unsigned char> pixels(width * height);
+  for (size_t y = 0; y < height; ++y) {
+    const unsigned char* row = graphic.rows.data() + (y / scale) * graphic.bytesPerRow;
     for (size_t x = 0; x < width; ++x) {
-      const bool dot = (row[x / 8] & (0x80u >> (x % 8))) != 0;
+      const size_t dx = x / scale;
+      const bool dot = (row[dx / 8] & (0x80u >> (dx % 8))) != 0;
       pixels[y * width + x] = dot ? 0 : 255;
     }
   }
-  return kelvoPngWriteGray(path, pixels.data(), static_cast<uint32_t>(width), static_cast<uint32_t>(graphic.height),
-                           width, error);
+  return kelvoPngWriteGray(path, pixels.data(), static_cast<uint32_t>(width), static_cast<uint32_t>(height), width,
+                           error);
 }
 
 // Dots a standard ZPL printer leaves out: those right of "^PW" or below "^LL".
@@ -85,6 +92,7 @@ void warnStandardPrinter(const ZplGraphic& g, size_t page) {
 
 int main(int argc, char** argv) {
   std::string prefix = "page";
+  size_t scale = 1;
   const char* file = nullptr;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
@@ -99,6 +107,17 @@ int main(int argc, char** argv) {
         return 2;
       }
       prefix = argv[++i];
+    } else if (arg == "-s") {
+      const std::string value = i + 1 < argc ? argv[i + 1] : "";
+      int n = 0;
+      for (char c : value) n = (c >= '0' && c <= '9' && n <= kMaxScale) ? n * 10 + (c - '0') : kMaxScale + 1;
+      if (value.empty() || n < 1 || n > kMaxScale) {
+        std::fprintf(stderr, "zplpreview: -s needs a scale from 1 to %d\n", kMaxScale);
+        usage(stderr);
+        return 2;
+      }
+      scale = static_cast<size_t>(n);
+      ++i;
     } else if (arg.size() > 1 && arg[0] == '-') {
       std::fprintf(stderr, "zplpreview: unknown option %s\n", arg.c_str());
       usage(stderr);
@@ -137,7 +156,7 @@ int main(int argc, char** argv) {
   for (size_t i = 0; i < graphics.size(); ++i) {
     const ZplGraphic& graphic = graphics[i];
     const std::string path = prefix + "-" + std::to_string(i + 1) + ".png";
-    if (!writePage(graphic, path, error)) {
+    if (!writePage(graphic, path, scale, error)) {
       std::fprintf(stderr, "zplpreview: %s\n", error.c_str());
       return 1;
     }

@@ -46,9 +46,14 @@ TEST(ShippedPpd, CupsRendersEightBitBlackPagesAndChoicesFitTheCommands) {
     EXPECT_EQ(kelvoPpdGetAttrAsStrDefault(ppd, "kelvoFilterOutputFile", nullptr, "")[0], '/') << name;
     EXPECT_STREQ(kelvoPpdGetAttrAsStrDefault(ppd, "kelvoAllowJobRecording", nullptr, ""), "False") << name;
     const ppd_option_t* halftone = ppdFindOption(ppd, "HalftoneType");
-    ASSERT_TRUE(halftone != nullptr && halftone->num_choices >= 10) << name;
-    for (int i = 0; i < 10; ++i)  // the exact names, in method order
+    ASSERT_TRUE(halftone != nullptr && halftone->num_choices == 11) << name;
+    for (int i = 0; i < 11; ++i)  // the exact names, in method order
       EXPECT_STREQ(halftone->choices[i].choice, kelvoHalftoneTypeToStr(static_cast<DitherType>(i)));
+    // Labels default to the barcode halftone, and Ghostscript renders their
+    // pages by pixel centres (no bar growth); the stencil model is untouched.
+    const bool label = std::string(name) != "kelvotat.ppd";
+    EXPECT_STREQ(halftone->defchoice, label ? "BarcodeText" : "Tattoo") << name;
+    EXPECT_STREQ(kelvoPpdGetAttrAsStrDefault(ppd, "DefaultCenterOfPixel", nullptr, ""), label ? "true" : "") << name;
     // Every choice selects a command, except the words meant to leave the
     // printer's setting alone.
     for (const std::string& w : choices(ppd, "PaperType"))

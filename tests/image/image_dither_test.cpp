@@ -48,7 +48,7 @@ TEST(Dither, WorkedExamplesAndOneBit) {
 
 // Flat black and white pages stay so on every width, with the exact palette.
 TEST(Dither, EveryMethodEveryWidth) {
-  for (long method : {-1L, 0L, 1L, 2L, 3L, 4L, 5L, 6L, 7L, 8L, 9L, 100L})
+  for (long method : {-1L, 0L, 1L, 2L, 3L, 4L, 5L, 6L, 7L, 8L, 9L, 10L, 100L})
     for (unsigned w = 1; w <= 17; ++w)
       for (uint8_t flat : {0, 255}) {
         PaletteImage img;
@@ -58,6 +58,128 @@ TEST(Dither, EveryMethodEveryWidth) {
         EXPECT_EQ(std::memcmp(img.GetPalette(), "\0\0\0\0\xFF\xFF\xFF\0", 8), 0);
         EXPECT_EQ(indices(img), std::vector<int>(w * 3, flat ? 1 : 0)) << method << " w=" << w;
       }
+}
+
+// "Barcode and Text" (method 10). On an anti-aliased page a pixel's level is
+// the share of it a shape covers, times 255.
+std::vector<int> firstRow(PaletteImage& img) {
+  std::vector<int> row;
+  for (long x = 0; x < static_cast<long>(img.GetWidth()); ++x) row.push_back(img.GetPixelIndex(x, 0));
+  return row;
+}
+
+// Bars from 2.3 to 3.55 and from 6.6 to 9.4 dots: their edges round to 2, 4,
+// 7 and 9, so dots 2, 3, 7 and 8 print, on every row.
+TEST(BarcodeText, BarEdgesLandOnTheNearestDot) {
+  const std::vector<uint8_t> row = {0, 0, 179, 140, 0, 0, 102, 255, 255, 102, 0, 0};  // 0.7, 0.55, 0.4, 0.4
+  std::vector<uint8_t> page;
+  for (int y = 0; y < 3; ++y) page.insert(page.end(), row.begin(), row.end());
+  PaletteImage img;
+  makeGray(img, 12, 3, page);
+  ASSERT_TRUE(img.Dither(10));
+  const std::vector<int> bars = {0, 0, 1, 1, 0, 0, 0, 1, 1, 0, 0, 0};
+  std::vector<int> expected;
+  for (int y = 0; y < 3; ++y) expected.insert(expected.end(), bars.begin(), bars.end());
+  EXPECT_EQ(indices(img), expected);
+  // Floyd-Steinberg carries pixel 2's error (179 - 255 = -76, 7/16 of it is
+  // -33) to pixel 3: 140 - 33 = 107 prints nothing and the first bar loses a dot.
+  makeGray(img, 12, 3, page);
+  ASSERT_TRUE(img.Dither(-1));
+  EXPECT_EQ(firstRow(img), (std::vector<int>{0, 0, 1, 0, 0, 0, 0, 1, 1, 0, 0, 0}));
+}
+
+// One edge from paper to ink at 3 + f dots: pixel 3 is covered 1 - f, and the
+// first dot is 3 when f < 0.5 (the edge is nearer dot boundary 3), else 4.
+TEST(BarcodeText, AnEdgeAtEverySubpixelPosition) {
+  for (int tenth = 0; tenth < 10; ++tenth) {
+    const uint8_t covered = static_cast<uint8_t>((10 - tenth) * 255 / 10);
+    PaletteImage img;
+    makeGray(img, 8, 1, {0, 0, 0, covered, 255, 255, 255, 255});
+    ASSERT_TRUE(img.Dither(10));
+    const int first = tenth < 5 ? 3 : 4;
+    std::vector<int> expected(8, 0);
+    for (int x = first; x < 8; ++x) expected[x] = 1;
+    EXPECT_EQ(indices(img), expected) << "edge at 3." << tenth << ", level " << int(covered);
+    // Along a column the same.
+    makeGray(img, 1, 8, {0, 0, 0, covered, 255, 255, 255, 255});
+    ASSERT_TRUE(img.Dither(10));
+    EXPECT_EQ(indices(img), expected) << "vertical edge at 3." << tenth;
+  }
+}
+
+// Continuous tone is diffused with Floyd-Steinberg: 100 prints nothing and
+// sends 100 * 7 / 16 = 43 right; 143 prints and sends (143 - 255) * 7 / 16 =
+// -49 right; 51 prints nothing. The threshold would print no dot at all.
+TEST(BarcodeText, ContinuousToneStillDiffuses) {
+  PaletteImage img;
+  makeFlat(img, 3, 1, 100);
+  ASSERT_TRUE(img.Dither(10));
+  EXPECT_EQ(indices(img), (std::vector<int>{0, 1, 0}));
+  // A quarter-tone patch prints about a quarter of its pixels.
+  for (uint8_t level : {64, 128, 192}) {
+    makeFlat(img, 32, 32, level);
+    ASSERT_TRUE(img.Dither(10));
+    int dots = 0;
+    for (int v : indices(img)) dots += v;
+    EXPECT_NEAR(dots / 1024.0, level / 255.0, 0.03) << int(level);
+  }
+  // Near paper and near full ink count as two-level: no stray dots.
+  makeFlat(img, 9, 9, 16);
+  ASSERT_TRUE(img.Dither(10));
+  EXPECT_EQ(indices(img), std::vector<int>(81, 0));
+  makeFlat(img, 9, 9, 239);
+  ASSERT_TRUE(img.Dither(10));
+  EXPECT_EQ(indices(img), std::vector<int>(81, 1));
+}
+
+// A grey logo beside bars on one label: the bars are the threshold's, dot for
+// dot and the same on every row, and the logo is halftoned; its error stops
+// at the bars. Columns 0..9 grey 90 (within 2 pixels of paper only: 90 apart,
+// still tone), then paper, bars of 2 and 1.4 dots and paper.
+TEST(BarcodeText, LogoBesideBars) {
+  const std::vector<uint8_t> bars = {0, 0, 255, 255, 0, 0, 255, 102, 0, 0};
+  std::vector<uint8_t> page;
+  for (int y = 0; y < 6; ++y) {
+    page.insert(page.end(), 10, 90);
+    page.insert(page.end(), bars.begin(), bars.end());
+  }
+  PaletteImage img;
+  makeGray(img, 20, 6, page);
+  ASSERT_TRUE(img.Dither(10));
+  const std::vector<int> all = indices(img);
+  int logoDots = 0;
+  for (int y = 0; y < 6; ++y) {
+    for (int x = 0; x < 10; ++x) logoDots += all[y * 20 + x];
+    for (int x = 10; x < 20; ++x) EXPECT_EQ(all[y * 20 + x], bars[x - 10] > 128 ? 1 : 0) << x << "," << y;
+  }
+  EXPECT_GT(logoDots, 60 * 90 / 255 - 6);
+  EXPECT_LT(logoDots, 60 * 90 / 255 + 6);
+}
+
+// A lone QR module enlarged 1.5 times by bilinear interpolation peaks at 113
+// on the nearest pixel (0.67 x 0.67 of full ink): the threshold would lose it,
+// the peak rule prints that one pixel. A lone paper module in ink likewise.
+TEST(BarcodeText, LoneModulesSurviveEnlarging) {
+  const std::vector<uint8_t> ink = {0, 0,  0,   0,  0,  //
+                                    0, 28, 57,  28, 0,  //
+                                    0, 57, 113, 57, 0,  //
+                                    0, 28, 57,  28, 0,  //
+                                    0, 0,  0,   0,  0};
+  std::vector<uint8_t> paper;
+  for (uint8_t v : ink) paper.push_back(static_cast<uint8_t>(255 - v));
+  std::vector<int> expected(25, 0);
+  expected[12] = 1;
+  PaletteImage img;
+  makeGray(img, 5, 5, ink);
+  ASSERT_TRUE(img.Dither(10));
+  EXPECT_EQ(indices(img), expected);
+  makeGray(img, 5, 5, paper);
+  ASSERT_TRUE(img.Dither(10));
+  for (int& v : expected) v = 1 - v;
+  EXPECT_EQ(indices(img), expected);
+  makeGray(img, 5, 5, ink);
+  ASSERT_TRUE(img.Dither(0));
+  EXPECT_EQ(indices(img), std::vector<int>(25, 0));
 }
 
 }  // namespace

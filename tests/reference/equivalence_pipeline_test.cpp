@@ -61,7 +61,9 @@ TEST(PipelineEquivalence, EveryTypeAndWidth) {
   const int contrast[] = {0, -10, 0, 45, -100, 100, 3};
   CapturePrinter p;
   for (int width = 1; width <= 70; ++width) {
-    for (int type : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 57}) {
+    // 11 and 57 have no method of their own and take the default; 10, "Barcode
+    // and Text", is held to its hand-computed cases in the image tests.
+    for (int type : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 11, 57}) {
       const int height = 1 + static_cast<int>(rng() % 9);
       kref::Options o;
       o.type = type;

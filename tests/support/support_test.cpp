@@ -31,12 +31,13 @@ TEST(Log, PrefixJoinsMessageWithoutBlank) {
 
 TEST(HalftoneNames, RoundTripAndEdges) {
   const char* names[] = {"None",   "FloydSteinberg", "Ordered", "Burkes", "Stucki", "JarvisJudiceNinke",
-                         "Sierra", "StevensonArce",  "Tattoo",  "Tattoo_X8"};
-  for (int i = 0; i < 10; ++i) {
+                         "Sierra", "StevensonArce",  "Tattoo",  "Tattoo_X8",        "BarcodeText"};
+  for (int i = 0; i < 11; ++i) {
     EXPECT_STREQ(kelvoHalftoneTypeToStr(static_cast<DitherType>(i)), names[i]);
     EXPECT_EQ(kelvoHalftoneTypeFromStr(names[i]), i);
   }
-  EXPECT_STREQ(kelvoHalftoneTypeToStr(static_cast<DitherType>(10)), "None");
+  EXPECT_STREQ(kelvoHalftoneTypeToStr(static_cast<DitherType>(11)), "None");
+  EXPECT_STREQ(kelvoHalftoneTypeToStr(static_cast<DitherType>(-1)), "None");
   EXPECT_STREQ(kelvoHalftoneTypeToStr(static_cast<DitherType>(100)), "None");
   // Only the exact PPD choice word selects a method.
   for (const char* other : {"floydsteinberg", "", " Tattoo", "Tattoo ", "TattooX8", "Tattoo_x8"})

@@ -124,6 +124,16 @@ TEST(Png, ReadsWhatItAndOthersWrite) {
   std::vector<unsigned char> expected(32, 255);
   for (int x : {4, 5, 6, 7, 12, 13, 14, 15, 24}) expected[x] = 0;
   EXPECT_EQ(page.pixels, expected);
+  // -s 3: each dot a 3 x 3 square, as a barcode reader's camera sees it.
+  const std::string scaled = std::string(ZPLPREVIEW_PATH) + " -s 3 -o " + dir + "/s - > " + dir + "/out 2>&1 <<'EOF'\n";
+  EXPECT_EQ(std::system((scaled + "^XA\n~DGR:CUPS.GRF,2,1,\n0F:\n^XZ\nEOF").c_str()), 0);
+  EXPECT_EQ(readFile(dir + "/out"), dir + "/s-1.png: 8 x 2 dots, 8 printed (graphic R:CUPS.GRF)\n");
+  ASSERT_TRUE(kelvoPngReadGray(dir + "/s-1.png", page, error)) << error;
+  ASSERT_EQ(page.pixels.size(), 24u * 6u);
+  for (size_t i = 0; i < page.pixels.size(); ++i) EXPECT_EQ(page.pixels[i], i % 24 >= 12 ? 0 : 255) << i;
+  for (const char* bad : {"0", "17", "x", "-1", ""})
+    EXPECT_EQ(std::system((std::string(ZPLPREVIEW_PATH) + " -s '" + bad + "' </dev/null >/dev/null 2>&1").c_str()) >> 8,
+              2) << bad;
   EXPECT_NE(std::system((run + "~DGR:CUPS.GRF,2,1,\nzF\nEOF").c_str()), 0);
   EXPECT_EQ(readFile(dir + "/out"), "zplpreview: standard input: byte 19: repeat count runs past the end of the row\n");
   // What a standard ZPL printer does differently is said under the page.

@@ -1,0 +1,31 @@
+#pragma once
+// The "Barcode and Text" halftone (DitherType BarcodeText, method 10) for
+// labels: bar edges on the nearest dot, diffusion only in continuous tone.
+#include <cstdint>
+#include <functional>
+
+// Reads page row y as one ink level a byte (0 no ink .. 255 full ink) into dst.
+using KelvoLevelRowReader = std::function<void(long y, uint8_t* dst)>;
+// Takes finished row y as one 0/1 byte a pixel (1 = a dot).
+using KelvoDotRowSink = std::function<void(long y, const uint8_t* row)>;
+
+// A pixel is printed as it stands, with a dot exactly when its level is
+// above 128, wherever the page is two-level:
+//   - the pixel is near paper (level <= 16) or near full ink (>= 239), or
+//   - along its row or its column, the pixels up to 2 away on either side
+//     (itself included) differ by 96 levels or more: it lies on a hard edge.
+// On an anti-aliased page a pixel's level is the share of it that the shape
+// covers, so an edge crossing the pixel left of its centre darkens it by more
+// than half: the threshold puts every edge on the nearest dot boundary, each
+// on its own, and no error carries from one edge to the next. One exception
+// keeps lone modules: a pixel of level 65..128 that is the darkest of its 3x3
+// neighbourhood and 64 or more above its lightest neighbour prints (an
+// enlarged picture spreads a 1.5-dot QR module so thin that no pixel reaches
+// half), and likewise a pixel of 129..190 that is the lightest of its
+// neighbourhood and 64 or more below its darkest one does not.
+// Every other pixel is continuous tone: Floyd-Steinberg error diffusion (7/16
+// right, 3/16, 5/16, 1/16 on the row below, each share truncated toward zero,
+// the pixel's level plus its received error clamped to 0..255). Error reaches
+// and leaves only tone pixels: a two-level pixel ignores what it receives and
+// passes nothing on, so photos and logos stay halftoned beside sharp bars.
+void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader& read, const KelvoDotRowSink& emit);
