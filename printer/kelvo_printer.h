@@ -28,6 +28,14 @@ class KelvoPrinter {
   // Renders one processed 8-bit page (one byte a pixel, 0 = no dot).
   virtual void doPrintImage(const unsigned char* bits, unsigned long bytesPerLine, unsigned long height,
                             unsigned long width) = 0;
+  // Renders a halftoned page still in 1-bit rows (bit 7 of a row's first
+  // byte is its leftmost pixel, a set bit a dot), rows bytesPerRow apart.
+  // Printers that cannot use the rows directly get them as an 8-bit page.
+  virtual void doPrintPackedImage(const unsigned char* rows, unsigned long bytesPerRow, unsigned long height,
+                                  unsigned long width);
+  // Whether the pipeline may hand this printer 1-bit rows (saving the
+  // widening to 8 bits and the packing back).
+  virtual bool takesPackedRows() const { return false; }
 
   // --- accessors (the setters clamp where noted) ---
   void SetPrintWidth(long width) { printWidth_ = width; }

@@ -87,6 +87,15 @@ extern "C" size_t kelvoImageCountBlankLinesFromBack(const unsigned char* data, s
   return 0;
 }
 
+void KelvoPrinter::doPrintPackedImage(const unsigned char* rows, unsigned long bytesPerRow, unsigned long height,
+                                      unsigned long width) {
+  std::vector<unsigned char> page(width * height);
+  for (unsigned long y = 0; y < height; ++y)
+    for (unsigned long x = 0; x < width; ++x)
+      page[y * width + x] = (rows[y * bytesPerRow + x / 8] >> (7 - x % 8)) & 1;
+  doPrintImage(page.data(), width, height, width);
+}
+
 void KelvoPrinter::setDebugImages(bool on, const std::string& folder, const std::string& tag) {
   debugImages_ = on;
   debugFolder_ = folder.empty() || folder.back() == '/' ? folder : folder + "/";
@@ -134,7 +143,10 @@ void KelvoPrinter::printImage(const unsigned char* data, unsigned long bytesPerL
                               "dithered");
 
   kelvoLogCommon(LogDebug, "printImage: Starting to print the processed image");
-  doPrintImage(pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(), pimage->GetWidth());
+  if (pimage->GetNumColors() == 2)
+    doPrintPackedImage(pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(), pimage->GetWidth());
+  else
+    doPrintImage(pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(), pimage->GetWidth());
   kelvoLogCommon(LogDebug, "printImage: Image processing completed");
 }
 
@@ -183,9 +195,12 @@ bool KelvoPrinter::PageProcess(DitherType type, const unsigned char* data, int s
     // the names ("FloydSteinberg" runs the ordered dither and so on), and
     // printers in the field have been tuned to that.
     workImage_.Dither(type);
-    workImage_.IncreaseBpp(8);
+    // The frame and the debug picture draw on 8-bit pages; otherwise a
+    // printer that takes packed rows gets the halftone's 1-bit rows as they
+    // are, and the page is not widened only to be packed again.
+    if (!takesPackedRows() || antiWrinkle_ != 0 || debugImages_) workImage_.IncreaseBpp(8);
     pimage = &workImage_;
-    kelvoLogCommon(LogDebug, "PageProcess: Applied default dithering and increased bit depth");
+    kelvoLogCommon(LogDebug, "PageProcess: Applied default dithering (%u colours)", pimage->GetNumColors());
   }
 
   kelvoLogCommon(LogDebug, "PageProcess: negativePrint_ %d", negativePrint_ ? 1 : 0);
@@ -193,6 +208,13 @@ bool KelvoPrinter::PageProcess(DitherType type, const unsigned char* data, int s
     kelvoLogCommon(LogDebug, "PageProcess: Inverting the image for negative print");
     if (useJVDithering_) {
       pimage->Negative();  // 0 and 255 trade places
+    } else if (pimage->GetNumColors() == 2) {
+      // 1-bit rows: every bit flips; bits past the page are never printed.
+      const uint32_t rowBytes = pimage->GetEffWidth();
+      for (uint32_t y = 0; y < pimage->GetHeight(); ++y) {
+        unsigned char* row = pimage->GetBits(y);
+        for (uint32_t i = 0; i < rowBytes; ++i) row[i] = static_cast<unsigned char>(~row[i]);
+      }
     } else {
       // Halftoned pixels are 0 (paper) and 1 (dot): swap the two.
       const long w = static_cast<long>(pimage->GetWidth());

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <cstring>
 #include <vector>
 
 #include "image/pixel_rows.h"
@@ -88,8 +89,34 @@ void ZplPrinter::doPrintImage(const unsigned char* bits, unsigned long bytesPerL
   // A cancelled job sends nothing more of its pages.
   if (isCancelled()) return;
   std::vector<unsigned char> packed(rowBytes * height);
-  const size_t total = packRows(bits, bytesPerLine, height, wb, packed.data());
+  packRows(bits, bytesPerLine, height, wb, packed.data());
+  sendGraphic(packed, rowBytes, height);
+}
 
+void ZplPrinter::doPrintPackedImage(const unsigned char* rows, unsigned long bytesPerRow, unsigned long height,
+                                    unsigned long width) {
+  const size_t wb = keptPixels(width, getSkipRightPixels());
+  const size_t rowBytes = (wb + 7) / 8;
+  logPacking(static_cast<int>(width), static_cast<int>(height), getSkipRightPixels(), wb);
+  if (rows == nullptr || height == 0 || rowBytes == 0 || bytesPerRow < rowBytes) {
+    kelvoLogCommon(LogError, "doPrintImage: empty page (%lu x %lu pixels), no graphic sent", width, height);
+    return;
+  }
+  if (isCancelled()) return;
+  // The rows are packed already; only the bits past the kept pixels of the
+  // last byte are cleared.
+  const unsigned char lastMask = static_cast<unsigned char>(wb % 8 == 0 ? 0xFF : 0xFF << (8 - wb % 8));
+  std::vector<unsigned char> packed(rowBytes * height);
+  for (size_t r = 0; r < height; ++r) {
+    unsigned char* dst = packed.data() + r * rowBytes;
+    std::memcpy(dst, rows + r * bytesPerRow, rowBytes);
+    dst[rowBytes - 1] &= lastMask;
+  }
+  sendGraphic(packed, rowBytes, height);
+}
+
+void ZplPrinter::sendGraphic(const std::vector<unsigned char>& packed, size_t rowBytes, size_t height) {
+  const size_t total = packed.size();
   printStr(getDialect() == kDialectStandard ? "^XA\r\n" : "^XX\r\n");
   const cups_page_header2_t* header = getPageHeader();
   setPrint(*this, 1, clampCopies(header != nullptr ? header->NumCopies : 1));
@@ -100,7 +127,7 @@ void ZplPrinter::doPrintImage(const unsigned char* bits, unsigned long bytesPerL
   printFormat("~DGR:CUPS.GRF,%u,%u,\n", static_cast<unsigned>(total), static_cast<unsigned>(rowBytes));
   const unsigned char* p = packed.data();
   prevRowAllDots_ = false;
-  for (unsigned long r = 0; r < height; ++r, p += rowBytes) {
+  for (size_t r = 0; r < height; ++r, p += rowBytes) {
     if (isCancelled()) {
       abortDownload();
       return;

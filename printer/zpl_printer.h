@@ -13,6 +13,11 @@ class ZplPrinter : public KelvoPrinter {
 
   void doPrintImage(const unsigned char* bits, unsigned long bytesPerLine, unsigned long height,
                     unsigned long width) override;
+  void doPrintPackedImage(const unsigned char* rows, unsigned long bytesPerRow, unsigned long height,
+                          unsigned long width) override;
+  bool takesPackedRows() const override { return packedRows_; }
+  // Off: the pipeline hands over 8-bit pages even where it could pack.
+  void setPackedRows(bool on) { packedRows_ = on; }
 
   // Encodes one packed row; an all-dots row right after another all-dots row
   // is sent as ":" (see startPage()).
@@ -24,6 +29,10 @@ class ZplPrinter : public KelvoPrinter {
   void abortDownload();
   // Sends the packed page deflated and base64-encoded, as a download or inline.
   void sendZ64(const std::vector<unsigned char>& packed, size_t total, size_t rowBytes, bool inlineField);
+  // Sends packed rows: format start, copy count, graphic, recall.
+  void sendGraphic(const std::vector<unsigned char>& packed, size_t rowBytes, size_t height);
+
+  bool packedRows_ = true;
 
   // The text of one encoded row, kept from row to row so that no row allocates.
   std::vector<unsigned char> rowText_;

@@ -24,7 +24,10 @@ class CapturePrinter : public MemoryPrinter {
   // What printImage does between the debug saves: process, then render.
   void page(const std::vector<uint8_t>& data, int stride, int width, int height) {
     ASSERT_TRUE(PageProcess(getHalftoneType(), data.data(), stride, width, height));
-    doPrintImage(pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(), pimage->GetWidth());
+    if (pimage->GetNumColors() == 2)
+      doPrintPackedImage(pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(), pimage->GetWidth());
+    else
+      doPrintImage(pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(), pimage->GetWidth());
   }
 
  private:
@@ -38,8 +41,15 @@ void expectSamePage(CapturePrinter& p, const std::vector<uint8_t>& data, int str
                std::to_string(o.contrast) + (o.rotate ? " rot" : "") + (o.mirror ? " mir" : "") +
                (o.negative ? " neg" : "") + ", skip " + std::to_string(p.getSkipRightPixels()));
   p.apply(o);
+  // The halftone's 1-bit rows straight to the emitter, then the same page
+  // widened to 8 bits as the plain definition keeps it.
+  p.setPackedRows(true);
+  p.page(data, stride, width, height);
+  const std::string fromPacked = p.take();
+  p.setPackedRows(false);
   p.page(data, stride, width, height);
   const std::string graphic = p.take();
+  EXPECT_EQ(fromPacked, graphic) << "packed rows";
   const kref::Page want = kref::processPage(data.data(), stride, width, height, o);
   PaletteImage& got = *p.processed();
   ASSERT_EQ(got.GetWidth(), static_cast<uint32_t>(width));
