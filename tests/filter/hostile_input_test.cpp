@@ -247,6 +247,8 @@ TEST(Cancel, StalledOrClosedLinkEndsPromptly) {
 // Debug pictures stay within their budget however many pages come: the
 // newest 64 of the filter's own, in a folder it shares with others.
 TEST(DiskBudget, ThousandsOfTinyPagesLeaveAtMost64Pictures) {
+  const RunAsLp lp;
+  if (!RunAsLp::unavailable().empty()) std::printf("note: %s\n", RunAsLp::unavailable().c_str());
   const std::string raster = rasterStream(std::vector<RawPage>(1500, noisePage(4, 2)));
   const TempFile ppd("debug.ppd", labelPpd(ppdOption("DebugImages", "False", {"False", "True"})));
   const JobResult job = runJob(raster, "DebugImages=True", ppd.path);
@@ -289,10 +291,19 @@ TEST(DiskBudget, TwoJobsInOneSecondKeepSeparateFiles) {
 // A link planted under the name the recording will get is left alone: the
 // file it points to keeps its bytes, the job prints without a recording.
 TEST(DiskBudget, PlantedLinkAtTheRecordingNameIsNotFollowed) {
+  // As the spooler's user, in a folder of its group (as /var/spool/cups/tmp):
+  // the planted link points at a file of its own that a followed link would
+  // overwrite.
+  const RunAsLp lp;
+  if (!RunAsLp::unavailable().empty()) std::printf("note: %s\n", RunAsLp::unavailable().c_str());
   const std::string dir = scratchPath("links");
-  mkdir(dir.c_str(), 0700);
-  const std::string target = dir + "/root-only";
+  mkdir(dir.c_str(), 0770);
+  const std::string target = dir + "/writable-target";
   { std::ofstream(target) << "secret"; }
+  if (lpUser() != nullptr) {
+    ASSERT_EQ(chown(dir.c_str(), 0, lpUser()->pw_gid), 0);
+    ASSERT_EQ(chown(target.c_str(), lpUser()->pw_uid, lpUser()->pw_gid), 0);
+  }
   const time_t now = time(nullptr);
   for (time_t t = now; t < now + 4; ++t) {
     struct tm local {};

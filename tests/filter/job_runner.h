@@ -5,7 +5,9 @@
 #include <cups/raster.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
+#include <pwd.h>
 #include <sys/ioctl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -20,6 +22,23 @@
 #include "tools/zpl_decode.h"
 
 inline const std::string kLineFeeds(64, '\n');
+
+// The user cupsd runs filters as. When the tests run as root, jobs started
+// while a test holds a RunAsLp run as that user, as in a real spooler; the
+// job's temporary folder then belongs to it.
+inline const passwd* lpUser() {
+  static const passwd* user = getuid() == 0 ? getpwnam("lp") : nullptr;
+  return user;
+}
+inline bool gRunAsLp = false;
+struct RunAsLp {
+  RunAsLp() { gRunAsLp = lpUser() != nullptr; }
+  ~RunAsLp() { gRunAsLp = false; }
+  // Why a test that needs the switch cannot have it; empty when it can.
+  static std::string unavailable() {
+    return lpUser() != nullptr ? "" : "not running as root with a user lp: jobs run as the test's own user";
+  }
+};
 
 inline bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
@@ -116,6 +135,8 @@ inline JobResult runFilter(const std::vector<std::string>& args, const std::stri
   const std::string tempDir = jobTempDir();  // named after this process, not the child
   removeTree(tempDir);
   mkdir(tempDir.c_str(), 0700);
+  const bool asLp = gRunAsLp;
+  if (asLp && chown(tempDir.c_str(), lpUser()->pw_uid, lpUser()->pw_gid) != 0) ADD_FAILURE() << "chown " << tempDir;
   auto start = std::chrono::steady_clock::now();
   const pid_t pid = fork();
   if (pid == 0) {
@@ -128,6 +149,8 @@ inline JobResult runFilter(const std::vector<std::string>& args, const std::stri
       default: dup2(pipeEnds[1], 1), close(pipeEnds[0]); break;
     }
     setenv("TMPDIR", tempDir.c_str(), 1);
+    if (asLp && (setgroups(0, nullptr) != 0 || setgid(lpUser()->pw_gid) != 0 || setuid(lpUser()->pw_uid) != 0))
+      _exit(126);
     if (ppd.empty()) unsetenv("PPD");
     else setenv("PPD", ppd.c_str(), 1);
     std::vector<char*> argv;
