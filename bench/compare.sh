@@ -8,8 +8,11 @@
 #
 # Builds what it needs (release build in build/bench) and installs the Debian
 # packages it needs when they are missing. CPU time is user + system time of
-# the filter process, which is what matters on a busy print server; wall time
-# also counts waiting for a shared core.
+# the filter process (all its threads), which is what matters on a busy print
+# server; wall time also counts waiting for a shared core. Our filter runs the
+# stencil chain of a large page on every core it may use (at most 8);
+# KELVO_THREADS=1 bench/compare.sh measures it on one thread. The load
+# average printed at the end tells whether the machine was idle.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . tools/scripts/packages.sh
@@ -78,6 +81,7 @@ cases=(
   "A4 300 dpi, Tattoo_X8|kelvotat.ppd|HalftoneType=Tattoo_X8|a4-8.ras|a4-1.ras"
 )
 
+load_start=$(cut -d' ' -f1 /proc/loadavg)
 printf '| Case | CPU ms ours | CPU ms theirs | CPU ratio | wall ms ours | wall ms theirs | max RSS MB ours | max RSS MB theirs | bytes ours | bytes theirs |\n'
 printf '|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n'
 n=0
@@ -104,4 +108,5 @@ for c in "${cases[@]}"; do
         n, co, ct, (ct > 0 ? co / ct : 0), wo, wt, ro, rt, bo, bt }'
 done
 echo
-echo "Medians of $runs alternating runs each; $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //'), $(nproc) cores, $(date -u +%Y-%m-%d)."
+echo "Medians of $runs alternating runs each; $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //'), $(nproc) cores, $(date -u +%Y-%m-%d);" \
+  "load average $load_start at the start, $(cut -d' ' -f1 /proc/loadavg) at the end${KELVO_THREADS:+; KELVO_THREADS=$KELVO_THREADS}."

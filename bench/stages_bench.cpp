@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "bench/pages.h"
+#include "image/palette_dither.h"
 #include "printer/zpl_printer.h"
 #include "stencil/jv_enhance.h"
 #include "stencil/jv_image.h"
@@ -91,6 +92,27 @@ void BM_Dither(benchmark::State& state) {
 }
 BENCHMARK(BM_Dither)->DenseRange(0, 8)->Unit(benchmark::kMillisecond);
 
+// The error diffusions on each path: arguments method, path (-1 row by
+// row, 0 wavefront in SSE2 lanes, 1 in AVX2 lanes where the CPU has them).
+void BM_DitherPath(benchmark::State& state) {
+  const InkPage& page = label();
+  if (kelvoDitherSetPath(static_cast<int>(state.range(1))) != state.range(1)) {
+    state.SkipWithError("path not on this CPU");
+    return;
+  }
+  PaletteImage img;
+  for (auto _ : state) {
+    state.PauseTiming();
+    img.CreateFromArray(const_cast<unsigned char*>(page.ink.data()), page.width, page.height, 8, page.width, false);
+    state.ResumeTiming();
+    img.Dither(state.range(0));
+    benchmark::DoNotOptimize(img.GetBits(0));
+  }
+  kelvoDitherSetPath(1);
+  perPixel(state, page);
+}
+BENCHMARK(BM_DitherPath)->ArgsProduct({{2, 3, 6, 8}, {-1, 0, 1}})->Unit(benchmark::kMillisecond);
+
 void BM_Light(benchmark::State& state) {
   const InkPage& page = pageFor(static_cast<int>(state.range(0)));
   PaletteImage img;
@@ -147,11 +169,23 @@ void BM_StencilGamma(benchmark::State& state) {
 }
 BENCHMARK(BM_StencilGamma)->Unit(benchmark::kMillisecond);
 
+// The threaded stages take the thread count as their last argument. Their
+// CPU column is the whole process's (every thread), the time column wall
+// time.
+JVRunOptions withThreads(int64_t threads, int64_t simd = kJvSimdDefault) {
+  JVRunOptions o;
+  o.threads = static_cast<int>(threads);
+  o.simdLevel = static_cast<int>(simd);
+  return o;
+}
+
+// Vector path as the argument: -1 portable, 0 SSE2, 1 AVX2.
 void BM_StencilBlur(benchmark::State& state) {
-  for (auto _ : state) benchmark::DoNotOptimize(enh_gaussian_filter_fast(photoGray(), 11, 3.0).data);
+  const JVRunOptions o = withThreads(1, state.range(0));
+  for (auto _ : state) benchmark::DoNotOptimize(enh_gaussian_filter_fast(photoGray(), 11, 3.0, o).data);
   perPixel(state, photo());
 }
-BENCHMARK(BM_StencilBlur)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_StencilBlur)->Arg(-1)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
 void BM_StencilWeighted(benchmark::State& state) {
   const JVImage blurred = enh_gaussian_filter_fast(photoGray(), 11, 3.0);
@@ -160,23 +194,42 @@ void BM_StencilWeighted(benchmark::State& state) {
 }
 BENCHMARK(BM_StencilWeighted)->Unit(benchmark::kMillisecond);
 
+// The chain's unsharp stage: blur and weighting streamed by rows.
+// Arguments: threads, vector path.
+void BM_StencilUnsharp(benchmark::State& state) {
+  const JVRunOptions o = withThreads(state.range(0), state.range(1));
+  for (auto _ : state) benchmark::DoNotOptimize(enh_unsharp_mask(photoGray(), 300.0f, 11, o).data);
+  perPixel(state, photo());
+}
+BENCHMARK(BM_StencilUnsharp)
+    ->Args({1, -1})->Args({1, 0})->Args({1, 1})->Args({2, 1})
+    ->MeasureProcessCPUTime()->UseRealTime()->Unit(benchmark::kMillisecond);
+
+// Arguments: threads, vector path.
 void BM_StencilDiffusion(benchmark::State& state) {
   const JVImage sharp = enh_unsharp_mask(photoGray(), 300.0f, 11);
   const int t = thresh_global_moments_guarded(photoGray());
-  for (auto _ : state) benchmark::DoNotOptimize(edf_cus(sharp, t).data);
+  const JVRunOptions o = withThreads(state.range(0), state.range(1));
+  for (auto _ : state) benchmark::DoNotOptimize(edf_cus(sharp, t, o).data);
   perPixel(state, photo());
 }
-BENCHMARK(BM_StencilDiffusion)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_StencilDiffusion)
+    ->Args({1, -1})->Args({1, 0})->Args({1, 1})->Args({2, 1})
+    ->MeasureProcessCPUTime()->UseRealTime()->Unit(benchmark::kMillisecond);
 
+// Arguments: 0 Tattoo / 1 Tattoo_X8, threads.
 void BM_StencilChain(benchmark::State& state) {
   JVImage src(photoGray());
+  const JVRunOptions o = withThreads(state.range(1));
   for (auto _ : state) {
-    JVImage out = state.range(0) == 0 ? jvTattooDitheringGuarded(src) : jvTattooDitheringX8Guarded(src);
+    JVImage out = state.range(0) == 0 ? jvTattooDitheringGuarded(src, o) : jvTattooDitheringX8Guarded(src, o);
     benchmark::DoNotOptimize(out.data);
   }
   perPixel(state, photo());
 }
-BENCHMARK(BM_StencilChain)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_StencilChain)
+    ->Args({0, 1})->Args({1, 1})->Args({0, 2})->Args({1, 2})
+    ->MeasureProcessCPUTime()->UseRealTime()->Unit(benchmark::kMillisecond);
 
 // --- output: 1-bit packing with the row encoder, and the debug images ---
 
@@ -258,7 +311,7 @@ void BM_WholePage(benchmark::State& state) {
   for (auto _ : state) printer.printImage(page.ink.data(), page.width, page.height, page.width);
   perPixel(state, page);
 }
-BENCHMARK(BM_WholePage)->DenseRange(0, 3)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_WholePage)->DenseRange(0, 3)->MeasureProcessCPUTime()->UseRealTime()->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

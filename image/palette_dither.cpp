@@ -1,12 +1,14 @@
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <vector>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
 #endif
 
 #include "image/palette_barcode.h"
+#include "image/palette_dither.h"
 #include "image/palette_image.h"
 #include "image/pixel_rows.h"
 
@@ -20,19 +22,19 @@ struct KernelCell {
 
 // Cells in the order their shares are added; the order matters because each
 // share is clamped as soon as it is written.
-const KernelCell kBurkes[] = {{1, 0, 8},  {2, 0, 4},  {-2, 1, 2}, {-1, 1, 4},
-                              {0, 1, 8},  {1, 1, 4},  {2, 1, 2}};
-const KernelCell kStucki[] = {{1, 0, 8},  {2, 0, 4},  {-2, 1, 2}, {-1, 1, 4}, {0, 1, 8}, {1, 1, 4},
-                              {2, 1, 2},  {-2, 2, 1}, {-1, 2, 2}, {0, 2, 4},  {1, 2, 2}, {2, 2, 1}};
-const KernelCell kJarvis[] = {{1, 0, 7},  {2, 0, 5},  {-2, 1, 3}, {-1, 1, 5}, {0, 1, 7}, {1, 1, 5},
-                              {2, 1, 3},  {-2, 2, 1}, {-1, 2, 3}, {0, 2, 5},  {1, 2, 3}, {2, 2, 1}};
-const KernelCell kSierra[] = {{1, 0, 5},  {2, 0, 3},  {-2, 1, 2}, {-1, 1, 4}, {0, 1, 5},
-                              {1, 1, 4},  {2, 1, 2},  {-1, 2, 2}, {0, 2, 3},  {1, 2, 2}};
+constexpr KernelCell kBurkes[] = {{1, 0, 8},  {2, 0, 4},  {-2, 1, 2}, {-1, 1, 4},
+                                  {0, 1, 8},  {1, 1, 4},  {2, 1, 2}};
+constexpr KernelCell kStucki[] = {{1, 0, 8},  {2, 0, 4},  {-2, 1, 2}, {-1, 1, 4}, {0, 1, 8}, {1, 1, 4},
+                                  {2, 1, 2},  {-2, 2, 1}, {-1, 2, 2}, {0, 2, 4},  {1, 2, 2}, {2, 2, 1}};
+constexpr KernelCell kJarvis[] = {{1, 0, 7},  {2, 0, 5},  {-2, 1, 3}, {-1, 1, 5}, {0, 1, 7}, {1, 1, 5},
+                                  {2, 1, 3},  {-2, 2, 1}, {-1, 2, 3}, {0, 2, 5},  {1, 2, 3}, {2, 2, 1}};
+constexpr KernelCell kSierra[] = {{1, 0, 5},  {2, 0, 3},  {-2, 1, 2}, {-1, 1, 4}, {0, 1, 5},
+                                  {1, 1, 4},  {2, 1, 2},  {-1, 2, 2}, {0, 2, 3},  {1, 2, 2}};
 // The same-row neighbour gets nothing, as in the published kernel.
-const KernelCell kStevensonArce[] = {{2, 0, 32},  {-3, 1, 12}, {-1, 1, 26}, {1, 1, 30}, {3, 1, 16},
-                                     {-2, 2, 12}, {0, 2, 26},  {2, 2, 12},  {-3, 3, 5}, {-1, 3, 12},
-                                     {1, 3, 12},  {3, 3, 5}};
-const KernelCell kFloydSteinberg[] = {{1, 0, 7}, {-1, 1, 3}, {0, 1, 5}, {1, 1, 1}};
+constexpr KernelCell kStevensonArce[] = {{2, 0, 32},  {-3, 1, 12}, {-1, 1, 26}, {1, 1, 30}, {3, 1, 16},
+                                         {-2, 2, 12}, {0, 2, 26},  {2, 2, 12},  {-3, 3, 5}, {-1, 3, 12},
+                                         {1, 3, 12},  {3, 3, 5}};
+constexpr KernelCell kFloydSteinberg[] = {{1, 0, 7}, {-1, 1, 3}, {0, 1, 5}, {1, 1, 1}};
 
 const int kOrdered4x4[4][4] = {
     {0, 8, 2, 10},
@@ -172,7 +174,218 @@ void diffuse(LevelWindow& win, const KernelCell (&cells)[N], int64_t divisor, lo
   }
 }
 
+// ---- the kernels as a wavefront of rows ----
+//
+// diffuse() above walks the page row by row; each pixel waits for the one
+// before it. Here a band of rows runs at once, one row per 16-bit lane of a
+// vector, row j of the band `lag` pixels behind row j - 1, and every
+// share is still added to its cell, clamped and masked, exactly when the
+// plain scan adds it relative to the other shares of that cell:
+//
+// - The cells live in a skewed buffer: column c, lane j holds the cell of
+//   pixel x = c - lag * j of row y0 + j. At step t every lane does the
+//   pixel of column t, so a share to (x + dx, y + dy) goes to column
+//   t + dx + lag * dy, lane j + dy: one vector add, shifted by dy lanes.
+// - A cell receives its shares at steps c - dx - lag * dy. The plain scan
+//   adds them row by row from the top (dy down), and left to right within
+//   a row (dx down); with lag > (largest dx) - (smallest dx) the steps come
+//   in exactly that order, and no two shares reach the same cell in one
+//   step. With lag > -dx for every dy >= 1 cell, a pixel's cell is complete
+//   before its step. (lag >= 5 also keeps the two cells to the right, held
+//   in registers, free of shares from the rows above while they are held.)
+// - Lanes past the band's last row (`below` of them) hold the next rows,
+//   which receive shares from the band's rows; their cells go back to the
+//   row buffer (`carry`) for the next band, which adds its own shares after
+//   them, as the plain scan does.
+// - Pixels off the page, and lanes whose row is not running at a step, get
+//   an error of 0: their shares are 0, and adding 0 to a cell (clamped and
+//   masked already) leaves it as it is.
+// The shares are computed per lane, error * weight / divisor truncated
+// toward zero as the integer division of the plain loop, by a multiply and
+// shift checked against that division for every numerator (Divider).
+
+// q = floor(n * magic / 2^(16 + shift)) + (n < 0) == n / divisor (C++
+// truncation) for every n in -4096..4096, which holds every error (-127 to
+// 128) times every weight (at most 32).
+struct Divider {
+  int16_t magic;
+  int shift;
+  bool ok;
+};
+
+Divider findDivider(int64_t divisor) {
+  for (int s = 0; s < 16; ++s) {
+    const int64_t m = (int64_t{1} << (16 + s)) / divisor + 1;
+    if (m > 32767) break;
+    bool ok = true;
+    for (int64_t n = -4096; n <= 4096 && ok; ++n) {
+      const int64_t high = (n * m) >> 16;  // what the 16-bit high multiply gives
+      ok = (high >> s) + (n < 0 ? 1 : 0) == n / divisor;
+    }
+    if (ok) return {static_cast<int16_t>(m), s, true};
+  }
+  return {0, 0, false};
+}
+
+template <int Divisor>
+const Divider& dividerFor() {
+  static const Divider d = findDivider(Divisor);
+  return d;
+}
+
+template <const KernelCell* Cells, int N>
+struct KernelShape {
+  static constexpr int below() {
+    int b = 0;
+    for (int k = 0; k < N; ++k) b = Cells[k].dy > b ? Cells[k].dy : b;
+    return b;
+  }
+  static constexpr int reach() {
+    int r = 0;
+    for (int k = 0; k < N; ++k) {
+      const int a = Cells[k].dx < 0 ? -Cells[k].dx : Cells[k].dx;
+      r = a > r ? a : r;
+    }
+    return r;
+  }
+  static constexpr int lag() { return 2 * reach() + 1 < 5 ? 5 : 2 * reach() + 1; }
+  // Same-row shares go only to the next two pixels (held in registers).
+  static constexpr bool sameRowOk() {
+    for (int k = 0; k < N; ++k)
+      if (Cells[k].dy == 0 && Cells[k].dx != 1 && Cells[k].dx != 2) return false;
+    return true;
+  }
+};
+
+#if defined(__x86_64__) || defined(__i386__)
+
+// The wavefront on SSE2 (eight lanes) and on AVX2 (sixteen lanes, chosen at
+// run time on CPUs that have it): the same code, built twice.
+namespace waveSse2 {
+struct Lanes {
+  static constexpr int N = 8;
+  using V = __m128i;
+  static V zero() { return _mm_setzero_si128(); }
+  static V set1(int16_t v) { return _mm_set1_epi16(v); }
+  static V load(const int16_t* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
+  static void store(int16_t* p, V v) { _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v); }
+  static V add(V a, V b) { return _mm_add_epi16(a, b); }
+  static V sub(V a, V b) { return _mm_sub_epi16(a, b); }
+  static V and_(V a, V b) { return _mm_and_si128(a, b); }
+  static V max(V a, V b) { return _mm_max_epi16(a, b); }
+  static V min(V a, V b) { return _mm_min_epi16(a, b); }
+  static V cmpgt(V a, V b) { return _mm_cmpgt_epi16(a, b); }
+  static V mullo(V a, V b) { return _mm_mullo_epi16(a, b); }
+  static V mulhi(V a, V b) { return _mm_mulhi_epi16(a, b); }
+  static V sra(V a, __m128i count) { return _mm_sra_epi16(a, count); }
+  static V sign(V a) { return _mm_srai_epi16(a, 15); }
+  // Lane j to lane j + Dy, zeros below.
+  template <int Dy>
+  static V shiftUp(V v) {
+    if constexpr (Dy == 0)
+      return v;
+    else
+      return _mm_slli_si128(v, 2 * Dy);
+  }
+  // Column i of a block of transposed bytes ([group][column][8 lanes]).
+  static V column(const uint8_t* block, int i) {
+    return _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(block + 8 * i)), _mm_setzero_si128());
+  }
+  // One byte a lane: 1 where the mask is set.
+  static void storeBits(V mask, uint8_t* p) {
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(p), _mm_and_si128(_mm_packs_epi16(mask, mask), _mm_set1_epi8(1)));
+  }
+};
+#define KD_TARGET
+#include "image/dither_wavefront.h"
+#undef KD_TARGET
+}  // namespace waveSse2
+
+namespace waveAvx2 {
+#define KD_TARGET __attribute__((target("avx2")))
+struct Lanes {
+  static constexpr int N = 16;
+  using V = __m256i;
+  KD_TARGET static V zero() { return _mm256_setzero_si256(); }
+  KD_TARGET static V set1(int16_t v) { return _mm256_set1_epi16(v); }
+  KD_TARGET static V load(const int16_t* p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)); }
+  KD_TARGET static void store(int16_t* p, V v) { _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), v); }
+  KD_TARGET static V add(V a, V b) { return _mm256_add_epi16(a, b); }
+  KD_TARGET static V sub(V a, V b) { return _mm256_sub_epi16(a, b); }
+  KD_TARGET static V and_(V a, V b) { return _mm256_and_si256(a, b); }
+  KD_TARGET static V max(V a, V b) { return _mm256_max_epi16(a, b); }
+  KD_TARGET static V min(V a, V b) { return _mm256_min_epi16(a, b); }
+  KD_TARGET static V cmpgt(V a, V b) { return _mm256_cmpgt_epi16(a, b); }
+  KD_TARGET static V mullo(V a, V b) { return _mm256_mullo_epi16(a, b); }
+  KD_TARGET static V mulhi(V a, V b) { return _mm256_mulhi_epi16(a, b); }
+  KD_TARGET static V sra(V a, __m128i count) { return _mm256_sra_epi16(a, count); }
+  KD_TARGET static V sign(V a) { return _mm256_srai_epi16(a, 15); }
+  // Lane j to lane j + Dy across the two halves, zeros below.
+  template <int Dy>
+  KD_TARGET static V shiftUp(V v) {
+    if constexpr (Dy == 0)
+      return v;
+    else
+      return _mm256_alignr_epi8(v, _mm256_permute2x128_si256(v, v, 0x08), 16 - 2 * Dy);
+  }
+  KD_TARGET static V column(const uint8_t* block, int i) {
+    const __m128i b = _mm_unpacklo_epi64(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(block + 8 * i)),
+                                         _mm_loadl_epi64(reinterpret_cast<const __m128i*>(block + 64 + 8 * i)));
+    return _mm256_cvtepu8_epi16(b);
+  }
+  KD_TARGET static void storeBits(V mask, uint8_t* p) {
+    const __m128i b = _mm_packs_epi16(_mm256_castsi256_si128(mask), _mm256_extracti128_si256(mask, 1));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(p), _mm_and_si128(b, _mm_set1_epi8(1)));
+  }
+};
+#include "image/dither_wavefront.h"
+#undef KD_TARGET
+}  // namespace waveAvx2
+
+int bestPath() {
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("avx2") ? 1 : 0;
+}
+
+#else
+int bestPath() { return -1; }
+#endif
+
+const int kBestPath = bestPath();
+
+// Which way the diffusion kernels run: -1 row by row (diffuse), 0 as a
+// wavefront of rows in SSE2 lanes, 1 in AVX2 lanes. Only the tests change
+// it; every path gives the same bytes.
+std::atomic<int> gDiffusionPath{kBestPath};
+
+// The page's diffusion with the kernel `Cells`; false when the wavefront
+// cannot take it (then diffuse() runs).
+template <const KernelCell* Cells, int N, int Divisor, typename Emit>
+bool diffuseFast(const uint8_t* bits, uint32_t stride, int bpp, long width, long height, uint8_t mask, Emit emit) {
+  const int path = gDiffusionPath.load(std::memory_order_relaxed);
+  // Lane positions are 16-bit.
+  if (path < 0 || width > 30000) return false;
+  const Divider& div = dividerFor<Divisor>();
+  if (!div.ok) return false;
+#if defined(__x86_64__) || defined(__i386__)
+  if (path >= 1)
+    waveAvx2::diffuseWavefront<Cells, N>(bits, stride, bpp, width, height, mask, div.magic, div.shift, emit);
+  else
+    waveSse2::diffuseWavefront<Cells, N>(bits, stride, bpp, width, height, mask, div.magic, div.shift, emit);
+  return true;
+#else
+  (void)bits, (void)stride, (void)bpp, (void)height, (void)mask, (void)emit;
+  return false;
+#endif
+}
+
 }  // namespace
+
+int kelvoDitherSetPath(int path) {
+  const int p = path < 0 ? -1 : (path > kBestPath ? kBestPath : path);
+  gDiffusionPath.store(p, std::memory_order_relaxed);
+  return p;
+}
 
 bool PaletteImage::Dither(long method) {
   if (dib == nullptr) return false;
@@ -268,6 +481,19 @@ bool PaletteImage::Dither(long method) {
     default: {
       // Each share is truncated on its own, so a little of the error is
       // lost on every pixel; the printed texture depends on that.
+      const uint8_t mask = bpp == 8 ? 0xFF : bpp == 4 ? 0x0F : 0x00;
+      const uint8_t* bits = info.bits;
+      const uint32_t stride = info.effWidth;
+      bool done = false;
+      switch (method) {
+        case 2: done = diffuseFast<kBurkes, 7, 32>(bits, stride, bpp, width, height, mask, emit); break;
+        case 3: done = diffuseFast<kStucki, 12, 42>(bits, stride, bpp, width, height, mask, emit); break;
+        case 4: done = diffuseFast<kJarvis, 12, 48>(bits, stride, bpp, width, height, mask, emit); break;
+        case 5: done = diffuseFast<kSierra, 10, 32>(bits, stride, bpp, width, height, mask, emit); break;
+        case 6: done = diffuseFast<kStevensonArce, 12, 200>(bits, stride, bpp, width, height, mask, emit); break;
+        default: done = diffuseFast<kFloydSteinberg, 4, 16>(bits, stride, bpp, width, height, mask, emit); break;
+      }
+      if (done) break;
       LevelWindow win(info.bits, info.effWidth, bpp, width, height);
       switch (method) {
         case 2: diffuse<1>(win, kBurkes, 32, width, height, emit); break;

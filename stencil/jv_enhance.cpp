@@ -7,8 +7,9 @@
 #include <new>
 #include <vector>
 
+#include "stencil/jv_chain.h"
+#include "stencil/jv_kernels.h"
 #include "stencil/jv_math.h"
-#include "stencil/jv_rows.h"
 
 namespace {
 
@@ -22,83 +23,6 @@ int64_t pixelCount(const JVImage& img) {
   return n > 0 ? n : 0;
 }
 
-// An exhaustive run of my_sqrt over every positive finite float ended in at
-// most 68 steps, except for the smallest subnormal, whose half rounds to 0
-// and then runs through inf to NaN. A cap well above 68 therefore only ever
-// stops runs that would never end, and changes no result.
-const int kSqrtStepLimit = 200;
-
-int momentsThreshold(const JVImage& gray, bool guarded) {
-  int32_t n = pixelCount32(gray);
-  // Four partial histograms keep successive equal pixels from waiting on
-  // each other's count; the totals are the same integers.
-  uint32_t part[4][256] = {};
-  int32_t i = 0;
-  for (; i + 4 <= n; i += 4) {
-    ++part[0][gray.data[i]];
-    ++part[1][gray.data[i + 1]];
-    ++part[2][gray.data[i + 2]];
-    ++part[3][gray.data[i + 3]];
-  }
-  for (; i < n; ++i) ++part[0][gray.data[i]];
-  uint32_t hist[256];
-  for (int k = 0; k < 256; ++k) hist[k] = part[0][k] + part[1][k] + part[2][k] + part[3][k];
-
-  float p[256];
-  for (int k = 0; k < 256; ++k) p[k] = static_cast<float>(hist[k]) / static_cast<float>(n);
-
-  float m0 = 1.0f, m1 = 0.0f, m2 = 0.0f, m3 = 0.0f;
-  for (int k = 0; k < 256; ++k) {
-    m1 = static_cast<float>(k) * p[k] + m1;
-    m2 = static_cast<float>(k * k) * p[k] + m2;
-    m3 = static_cast<float>(k * k * k) * p[k] + m3;
-  }
-
-  float cd = m0 * m2 + (-(m1 * m1));
-  float c0 = ((-m2) * m2 + m1 * m3) / cd;
-  float c1 = (m0 * (-m3) + m2 * m1) / cd;
-  float disc = static_cast<float>(static_cast<double>(c0) * -4.0 + static_cast<double>(c1 * c1));
-  if (0 > disc) return 128;
-
-  float root = 0.0f;
-  if (guarded) {
-    // A single gray level gives 0/0 here; nearly uniform pages can give NaN
-    // or +inf. my_sqrt would never return on those.
-    if (!std::isfinite(disc) || !my_sqrt_bounded(disc, kSqrtStepLimit, &root)) return 128;
-  } else {
-    root = my_sqrt(disc);
-  }
-  float z0 = 0.5f * ((-c1) - root);
-  float z1 = 0.5f * ((-c1) + root);
-  float p0 = (z1 - m1) / (z1 - z0);
-
-  float s = 0.0f;
-  for (int k = 0; k < 256; ++k) {
-    s = p[k] + s;
-    if (s > p0) return k;
-  }
-  return -1;
-}
-
-void gammaTable(int pivot, float gammaLow, float gammaHigh, bool guarded, unsigned char table[256]) {
-  const float fpivot = static_cast<float>(pivot);
-  const float span = static_cast<float>(255LL - pivot);
-  for (int i = 0; i < 256; ++i) {
-    const float fi = static_cast<float>(i);
-    float v;
-    if (i < pivot) {
-      v = my_pow(fi / fpivot, gammaLow) * fpivot;
-    } else if (guarded && pivot == 255) {
-      // Only entry 255 gets here, where the base would be 0/0; the pivot
-      // maps onto itself as in every other table.
-      v = 255.0f;
-    } else {
-      v = my_pow((fi - fpivot) / span, gammaHigh) * span + fpivot;
-    }
-    table[i] = static_cast<unsigned char>(jv_trunc_i32(v));
-  }
-}
-
 void applyTable(JVImage& img, const unsigned char table[256]) {
   const int64_t n = pixelCount(img);
   for (int64_t i = 0; i < n; ++i) img.data[i] = table[img.data[i]];
@@ -110,6 +34,15 @@ void applyTable(JVImage& img, const unsigned char table[256]) {
 JVImage grayResultFor(const JVImage& src) {
   if (src.channels == 1 && jvChannelsOf(src.color) == 1) return JVImage(src.width, src.height, src.color);
   return JVImage(src);
+}
+
+// The taps of enh_gaussian_filter_fast: 2 * (size / 2) + 1 of them, as the
+// generator writes one past `size` when it is even.
+std::vector<double> gaussianTaps(int size, double sigma) {
+  if (size < 0) throw std::bad_alloc();
+  std::vector<double> taps(static_cast<size_t>(size / 2) * 2 + 1);
+  generateGaussianKernel1D(size, sigma, taps.data());
+  return taps;
 }
 
 }  // namespace
@@ -143,19 +76,21 @@ JVImage cvtGray(const JVImage& src) {
   return out;
 }
 
-int thresh_global_moments(const JVImage& gray) { return momentsThreshold(gray, false); }
+int thresh_global_moments(const JVImage& gray) { return jvk::momentsThreshold(gray.data, pixelCount32(gray), false); }
 
-int thresh_global_moments_guarded(const JVImage& gray) { return momentsThreshold(gray, true); }
+int thresh_global_moments_guarded(const JVImage& gray) {
+  return jvk::momentsThreshold(gray.data, pixelCount32(gray), true);
+}
 
 void enh_piecewise_gamma(JVImage& img, int pivot, float gammaLow, float gammaHigh) {
   unsigned char table[256];
-  gammaTable(pivot, gammaLow, gammaHigh, false, table);
+  jvk::gammaTable(pivot, gammaLow, gammaHigh, false, table);
   applyTable(img, table);
 }
 
 void enh_piecewise_gamma_guarded(JVImage& img, int pivot, float gammaLow, float gammaHigh) {
   unsigned char table[256];
-  gammaTable(pivot, gammaLow, gammaHigh, true, table);
+  jvk::gammaTable(pivot, gammaLow, gammaHigh, true, table);
   applyTable(img, table);
 }
 
@@ -174,6 +109,11 @@ void generateGaussianKernel1D(int size, double sigma, double* taps) {
 }
 
 JVImage convolve1D(const JVImage& src, const double* taps, int size, bool horizontal) {
+  return convolve1D(src, taps, size, horizontal, JVRunOptions());
+}
+
+JVImage convolve1D(const JVImage& src, const double* taps, int size, bool horizontal, const JVRunOptions& options) {
+  const jvk::Kernels& kernels = jvk::kernelsFor(jvSimdLevelFor(options));
   const int half = size / 2;
   const int64_t w = src.width;
   const int64_t h = src.height;
@@ -191,26 +131,27 @@ JVImage convolve1D(const JVImage& src, const double* taps, int size, bool horizo
       const unsigned char* row = s + y * w;
       for (int64_t i = 0; i < w + taps2 - 1; ++i)
         padded[static_cast<size_t>(i)] = static_cast<double>(row[std::min(std::max<int64_t>(i - half, 0), w - 1)]);
-      jvBlurRowHorizontal(padded.data(), taps, static_cast<int>(taps2), static_cast<size_t>(w), out.data + y * w);
+      kernels.blurHorizontal(padded.data(), taps, static_cast<int>(taps2), static_cast<size_t>(w), out.data + y * w);
     }
   } else {
     std::vector<const uint8_t*> rows(static_cast<size_t>(taps2));
     for (int64_t y = 0; y < h; ++y) {
       for (int64_t k = -half; k <= half; ++k)
         rows[static_cast<size_t>(k + half)] = s + std::min(std::max<int64_t>(y + k, 0), h - 1) * w;
-      jvBlurRowVertical(rows.data(), taps, static_cast<int>(taps2), static_cast<size_t>(w), out.data + y * w);
+      kernels.blurVertical(rows.data(), taps, static_cast<int>(taps2), static_cast<size_t>(w), out.data + y * w);
     }
   }
   return out;
 }
 
 JVImage enh_gaussian_filter_fast(const JVImage& src, int size, double sigma) {
-  if (size < 0) throw std::bad_alloc();
-  // 2 * (size / 2) + 1 taps: the generator writes one past `size` when it is even.
-  std::vector<double> taps(static_cast<size_t>(size / 2) * 2 + 1);
-  generateGaussianKernel1D(size, sigma, taps.data());
-  JVImage tmp = convolve1D(src, taps.data(), size, true);
-  return convolve1D(tmp, taps.data(), size, false);
+  return enh_gaussian_filter_fast(src, size, sigma, JVRunOptions());
+}
+
+JVImage enh_gaussian_filter_fast(const JVImage& src, int size, double sigma, const JVRunOptions& options) {
+  const std::vector<double> taps = gaussianTaps(size, sigma);
+  JVImage tmp = convolve1D(src, taps.data(), size, true, options);
+  return convolve1D(tmp, taps.data(), size, false, options);
 }
 
 void generateGaussianKernel(int size, double sigmaX, double sigmaY, double* kernel) {
@@ -262,19 +203,43 @@ JVImage enh_gaussian_filter(const JVImage& src, int size, double sigmaX, double 
 }
 
 JVImage add_Weighted(const JVImage& a, const JVImage& b, float weight) {
+  return add_Weighted(a, b, weight, JVRunOptions());
+}
+
+JVImage add_Weighted(const JVImage& a, const JVImage& b, float weight, const JVRunOptions& options) {
   const float alpha = 1.0f + weight;
   const float beta = -weight;
   const float gamma = 0.0f;
   JVImage out = grayResultFor(a);
   const int64_t n = pixelCount(a);
-  if (n > 0) jvWeightedRow(a.data, b.data, alpha, beta, gamma, static_cast<size_t>(n), out.data);
+  if (n > 0)
+    jvk::kernelsFor(jvSimdLevelFor(options))
+        .weighted(a.data, b.data, alpha, beta, gamma, static_cast<size_t>(n), out.data);
   return out;
 }
 
 JVImage enh_unsharp_mask(const JVImage& src, float amount, int size) {
-  const float weight = amount / 100.0f;
-  JVImage blurred = enh_gaussian_filter_fast(src, size, 3.0);
-  return add_Weighted(src, blurred, weight);
+  return enh_unsharp_mask(src, amount, size, JVRunOptions());
 }
 
-int jvSetSimdLevel(int level) { return jvRowsSetLevel(level); }
+JVImage enh_unsharp_mask(const JVImage& src, float amount, int size, const JVRunOptions& options) {
+  const float weight = amount / 100.0f;
+  if (src.channels != 1 || jvChannelsOf(src.color) != 1 || src.width <= 0 || src.height <= 0) {
+    // Records of several bytes a pixel keep the bytes past the first
+    // width * height through both passes: the plain composition.
+    JVImage blurred = enh_gaussian_filter_fast(src, size, 3.0, options);
+    return add_Weighted(src, blurred, weight, options);
+  }
+  return jvUnsharpGray(src.data, src.width, src.height, nullptr, amount, size, options);
+}
+
+JVImage jvUnsharpGray(const unsigned char* gray, int width, int height, const unsigned char* table, float amount,
+                      int size, const JVRunOptions& options) {
+  const std::vector<double> taps = gaussianTaps(size, 3.0);
+  JVImage out(width, height, JV_IMG_GRAY);
+  const int64_t n = static_cast<int64_t>(width) * height;
+  if (n <= 0) return out;
+  jvk::unsharpInto(gray, width, height, table, taps.data(), static_cast<int>(taps.size()), amount / 100.0f, out.data,
+                   jvk::kernelsFor(jvSimdLevelFor(options)), jvThreadsFor(options, n));
+  return out;
+}

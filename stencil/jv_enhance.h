@@ -4,6 +4,7 @@
 // chain only hands them the gray record from cvtGray.
 
 #include "stencil/jv_image.h"
+#include "stencil/jv_run.h"
 
 JVImage cvtGray(const JVImage& src);
 
@@ -31,9 +32,11 @@ void generateGaussianKernel1D(int size, double sigma, double* taps);
 
 // Edge pixels are repeated past the border.
 JVImage convolve1D(const JVImage& src, const double* taps, int size, bool horizontal);
+JVImage convolve1D(const JVImage& src, const double* taps, int size, bool horizontal, const JVRunOptions& options);
 
 // Separable blur: horizontal pass, then vertical pass on its rounded bytes.
 JVImage enh_gaussian_filter_fast(const JVImage& src, int size, double sigma);
+JVImage enh_gaussian_filter_fast(const JVImage& src, int size, double sigma, const JVRunOptions& options);
 
 // Fills a size x size kernel; for even sizes it writes up to index
 // size * size + size, so `kernel` must hold (size + 1) * (size + 1) entries.
@@ -45,12 +48,21 @@ JVImage enh_gaussian_filter(const JVImage& src, int size, double sigmaX, double 
 // clamp(round(a * (1 + weight) - b * weight)); b must hold at least
 // a.width * a.height bytes.
 JVImage add_Weighted(const JVImage& a, const JVImage& b, float weight);
+JVImage add_Weighted(const JVImage& a, const JVImage& b, float weight, const JVRunOptions& options);
 
 // Sharpens by `amount` percent against a Gaussian blur of `size` taps; the
-// blur's sigma is always 3.
+// blur's sigma is always 3. One-byte gray records go through jvUnsharpGray.
 JVImage enh_unsharp_mask(const JVImage& src, float amount, int size);
+JVImage enh_unsharp_mask(const JVImage& src, float amount, int size, const JVRunOptions& options);
 
-// Vector paths of the blur and weighting passes: 0 is the SSE2 baseline,
-// 1 adds AVX2 where the CPU has it (the default then). Every path gives the
+// enh_unsharp_mask of the gray record g = table[gray] (g = gray when table
+// is null), computed row by row on options.threads threads without the
+// intermediate images: the same bytes, much less memory.
+JVImage jvUnsharpGray(const unsigned char* gray, int width, int height, const unsigned char* table, float amount,
+                      int size, const JVRunOptions& options);
+
+// The default vector path of every stencil stage (jv_run.h): kJvSimdScalar
+// (-1, portable C++), kJvSimdSse2 (0, the x86-64 baseline) or kJvSimdAvx2
+// (1, where the CPU has it; the initial default then). Every path gives the
 // same bytes. Returns the level in force afterwards.
 int jvSetSimdLevel(int level);

@@ -44,4 +44,6 @@ class JVImage {
  private:
   void allocate();
   void release() noexcept;
+  // The buffer came from the 2 MiB-aligned allocation for large pages.
+  bool hugeBuffer_ = false;
 };

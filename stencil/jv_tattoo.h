@@ -3,10 +3,13 @@
 // record is never modified.
 
 #include "stencil/jv_image.h"
+#include "stencil/jv_run.h"
 
 // Error diffusion over a six-neighbour kernel; outputs above `threshold`
-// become 255.
+// become 255. Runs as a wavefront of bands of rows on options.threads
+// threads; every thread count and vector path gives the same bytes.
 JVImage edf_cus(const JVImage& src, int threshold);
+JVImage edf_cus(const JVImage& src, int threshold, const JVRunOptions& options);
 
 // Gamma with pivot 64, unsharp mask, then edf_cus at the page's moment
 // threshold. Does not return for a page of a single gray level.
@@ -18,5 +21,9 @@ JVImage jvTattooDitheringX8(JVImage& src);
 
 // The entries the page pipeline calls: the same bytes as the two above on
 // every page those finish, and they finish on every page.
+// With default options they use every core this process may run on for
+// pages of a million pixels or more (jv_run.h).
 JVImage jvTattooDitheringGuarded(JVImage& src);
 JVImage jvTattooDitheringX8Guarded(JVImage& src);
+JVImage jvTattooDitheringGuarded(JVImage& src, const JVRunOptions& options);
+JVImage jvTattooDitheringX8Guarded(JVImage& src, const JVRunOptions& options);

@@ -6,6 +6,7 @@
 #include <random>
 #include <string>
 
+#include "image/palette_dither.h"
 #include "image/palette_image.h"
 #include "tests/common/memory_printer.h"
 #include "tests/reference/random_pages.h"
@@ -33,11 +34,66 @@ TEST(ImageEquivalence, DitherEveryMethodAndWidth) {
   }
 }
 
+// The diffusion kernels on both paths (row by row, and the wavefront of
+// rows in vector lanes) on pages tall enough for many bands of rows, with
+// single rows and columns, against the plain scan.
+TEST(ImageEquivalence, DiffusionEveryPathAndShape) {
+  struct Shape {
+    int w, h;
+  };
+  std::mt19937 rng(9);
+  std::vector<Shape> shapes;
+  for (int w = 1; w <= 70; ++w) shapes.push_back({w, 1 + static_cast<int>(rng() % 60)});
+  for (int n : {1, 2, 5, 7, 8, 13, 16, 17, 100, 333}) {
+    shapes.push_back({n, 1});
+    shapes.push_back({1, n});
+  }
+  shapes.push_back({812, 97});
+  shapes.push_back({2481, 23});
+  for (int path : {-1, 0, 1}) {
+    if (kelvoDitherSetPath(path) != path) continue;  // not on this CPU
+    SCOPED_TRACE("path " + std::to_string(path));
+    for (long method : {2L, 3L, 4L, 5L, 6L, 9L}) {
+      for (const Shape& s : shapes) {
+        const std::vector<uint8_t> data = kref::randomPage(s.w, s.h, s.w, rng());
+        PaletteImage img;
+        grayImage(img, data, s.w, s.h);
+        ASSERT_TRUE(img.Dither(method));
+        const std::vector<uint8_t> want = kref::ditherTo1(kref::fromArray(data.data(), s.w, s.h, s.w), method);
+        ASSERT_EQ(std::vector<uint8_t>(img.GetBits(0), img.GetBits(0) + want.size()), want)
+            << "method " << method << ", " << s.w << "x" << s.h;
+      }
+    }
+  }
+  kelvoDitherSetPath(1);
+}
+
+// A label page at 203 dpi through every diffusion kernel, every path
+// against the row-by-row one.
+TEST(ImageEquivalence, DiffusionLabelPageBothPaths) {
+  std::mt19937 rng(203);
+  const int w = 812, h = 1218;
+  const std::vector<uint8_t> data = kref::randomPage(w, h, w, rng());
+  for (long method : {2L, 3L, 4L, 5L, 6L, 9L}) {
+    std::vector<uint8_t> bits[3];
+    for (int path : {-1, 0, 1}) {
+      if (kelvoDitherSetPath(path) != path) continue;  // not on this CPU
+      PaletteImage img;
+      grayImage(img, data, w, h);
+      ASSERT_TRUE(img.Dither(method));
+      bits[path + 1].assign(img.GetBits(0), img.GetBits(0) + static_cast<size_t>(img.GetEffWidth()) * h);
+      EXPECT_EQ(bits[path + 1], bits[0]) << "method " << method << ", path " << path;
+    }
+  }
+  kelvoDitherSetPath(1);
+}
+
 TEST(ImageEquivalence, DitherFourBitPages) {
   std::mt19937 rng(5);
   for (int width = 1; width <= 40; ++width) {
-    for (long method : {0L, 1L, 2L, 6L, 7L, 9L}) {
-      const int height = 1 + static_cast<int>(rng() % 6);
+    for (long method : {0L, 1L, 2L, 3L, 4L, 5L, 6L, 7L, 9L}) {
+      kelvoDitherSetPath(static_cast<int>(width % 3) - 1);
+      const int height = 1 + static_cast<int>(rng() % (width < 20 ? 6 : 40));
       std::vector<uint8_t> levels(static_cast<size_t>(width) * height);
       for (auto& v : levels) v = static_cast<uint8_t>(rng() % 16);
       PaletteImage img;
@@ -52,6 +108,7 @@ TEST(ImageEquivalence, DitherFourBitPages) {
               << "method " << method << " at " << x << "," << y << " of " << width << "x" << height;
     }
   }
+  kelvoDitherSetPath(1);
 }
 
 // Rows with long runs of each byte value, all-dots rows and short noise,

@@ -68,7 +68,8 @@ JVImage addWeighted(const JVImage& a, const JVImage& b, float weight);
 JVImage cvtGray(const JVImage& src);
 int thresholdGuarded(const JVImage& gray);
 void gammaGuarded(JVImage& img, int pivot, float low, float high);
-JVImage edfCus(const JVImage& src, int threshold);
+// `values`, when given, receives each pixel's v (error cell plus level).
+JVImage edfCus(const JVImage& src, int threshold, std::vector<float>* values = nullptr);
 JVImage tattoo(const JVImage& src, bool x8);
 
 }  // namespace kref

@@ -103,16 +103,18 @@ void gammaGuarded(JVImage& img, int pivot, float low, float high) {
   for (long i = 0; i < static_cast<long>(img.width) * img.height; ++i) img.data[i] = table[img.data[i]];
 }
 
-JVImage edfCus(const JVImage& src, int threshold) {
+JVImage edfCus(const JVImage& src, int threshold, std::vector<float>* values) {
   static const int dx[6] = {1, 2, -2, -1, 0, 1}, dy[6] = {0, 0, 1, 1, 1, 1};
   static const float wt[6] = {0.505786f, -0.052926f, 0.226194f, 0.128835f, 0.243191f, -0.111078f};
   const int w = src.width, h = src.height;
   JVImage out(w, h, JV_IMG_GRAY);
   std::vector<float> err(static_cast<size_t>(w) * h, 0.0f);
+  if (values != nullptr) values->assign(static_cast<size_t>(w) * h, 0.0f);
   for (int y = 0; y < h; ++y)
     for (int x = 0; x < w; ++x) {
       const int i = y * w + x;
       const float v = err[i] + static_cast<float>(src.data[i]);
+      if (values != nullptr) (*values)[static_cast<size_t>(i)] = v;
       float e;
       if (v > static_cast<float>(threshold)) {
         out.data[i] = 255;

@@ -1,0 +1,443 @@
+// The stencil kernels, written once over a vector type `V` (see the traits
+// in jv_kernels_scalar.cpp, jv_kernels_sse2.cpp and jv_kernels_avx2.cpp).
+// Each of those files defines JVK_TARGET (empty, or the target attribute of
+// its instruction set), includes this file and then defines its traits; no
+// include guard, everything has internal linkage. The attribute is spelled
+// on every function rather than given as a compiler option, so that
+// builds which compile these sources with their own options (the fuzz
+// targets) get the same code.
+//
+// Exactness. Every output is computed with the float or double operations
+// of the plain definitions in tests/reference, in the same order, with no
+// fused multiply-add (the project builds with -ffp-contract=off and the
+// intrinsics used here are separate multiplies and adds). A vector holds
+// several independent outputs, one per lane, each lane doing exactly the
+// scalar sequence. IEEE arithmetic gives the same result for the same
+// operands in the same order whatever the lane, so all paths agree.
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "stencil/jv_kernels.h"
+
+#ifndef JVK_TARGET
+#error "define JVK_TARGET before including jv_kernels_impl.h"
+#endif
+
+// The step functions of the diffusion are small and called with constant
+// arguments; inlining them lets the compiler keep the lanes' state in
+// registers.
+#define JVK_INLINE inline __attribute__((always_inline))
+
+namespace {
+
+// ---- scalar steps, as in stencil/jv_math.h ----
+// (Repeated here rather than included, so that no inline function with
+// external linkage is ever compiled with a wider target.)
+
+JVK_TARGET inline int32_t kTrunc(float x) {
+  if (!(x >= -2147483648.0f && x < 2147483648.0f)) return INT32_MIN;
+  return static_cast<int32_t>(x);
+}
+
+JVK_TARGET inline int32_t kRound(float x) {
+  if (static_cast<double>(x) >= 0.0) return kTrunc(x + 0.5f);
+  return kTrunc(x - 0.5f);
+}
+
+JVK_TARGET inline uint8_t kRoundToByte(double sum) { return static_cast<uint8_t>(kRound(static_cast<float>(sum))); }
+
+JVK_TARGET inline void blurHorizontalScalar(const double* p, const double* taps, int size, size_t from, size_t to,
+                                            uint8_t* out) {
+  for (size_t x = from; x < to; ++x) {
+    double sum = 0.0;
+    for (int k = 0; k < size; ++k) sum = p[x + static_cast<size_t>(k)] * taps[k] + sum;
+    out[x] = kRoundToByte(sum);
+  }
+}
+
+JVK_TARGET inline void blurVerticalScalar(const uint8_t* const* rows, const double* taps, int size, size_t from,
+                                          size_t to, uint8_t* out) {
+  for (size_t x = from; x < to; ++x) {
+    double sum = 0.0;
+    for (int k = 0; k < size; ++k) sum = static_cast<double>(rows[k][x]) * taps[k] + sum;
+    out[x] = kRoundToByte(sum);
+  }
+}
+
+JVK_TARGET inline void blurHorizontalToDoublesScalar(const double* p, const double* taps, int size, size_t from,
+                                                     size_t to, double* out) {
+  for (size_t x = from; x < to; ++x) {
+    double sum = 0.0;
+    for (int k = 0; k < size; ++k) sum = p[x + static_cast<size_t>(k)] * taps[k] + sum;
+    out[x] = static_cast<double>(kRoundToByte(sum));
+  }
+}
+
+JVK_TARGET inline void blurVerticalDoublesScalar(const double* const* rows, const double* taps, int size, size_t from,
+                                                 size_t to, uint8_t* out) {
+  for (size_t x = from; x < to; ++x) {
+    double sum = 0.0;
+    for (int k = 0; k < size; ++k) sum = rows[k][x] * taps[k] + sum;
+    out[x] = kRoundToByte(sum);
+  }
+}
+
+JVK_TARGET inline void bytesToDoublesScalar(const uint8_t* in, size_t from, size_t to, double* out) {
+  for (size_t i = from; i < to; ++i) out[i] = static_cast<double>(in[i]);
+}
+
+JVK_TARGET inline void weightedScalar(const uint8_t* a, const uint8_t* b, float alpha, float beta, float gamma,
+                                      size_t from, size_t to, uint8_t* out) {
+  for (size_t i = from; i < to; ++i) {
+    const int32_t r = kRound((static_cast<float>(a[i]) * alpha + static_cast<float>(b[i]) * beta) + gamma);
+    out[i] = static_cast<uint8_t>(r < 0 ? 0 : (r > 255 ? 255 : r));
+  }
+}
+
+// ---- 8 x 8 byte blocks ----
+
+// dst[c * 8 + r] = src[r][c] for r, c < 8. The x86 files define
+// JVK_SSE2_TRANSPOSE after including <emmintrin.h> or <immintrin.h>.
+JVK_TARGET inline void transpose8x8(const uint8_t* const src[8], uint8_t* dst) {
+#if defined(JVK_SSE2_TRANSPOSE)
+  const __m128i b0 = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(src[0])),
+                                       _mm_loadl_epi64(reinterpret_cast<const __m128i*>(src[1])));
+  const __m128i b1 = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(src[2])),
+                                       _mm_loadl_epi64(reinterpret_cast<const __m128i*>(src[3])));
+  const __m128i b2 = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(src[4])),
+                                       _mm_loadl_epi64(reinterpret_cast<const __m128i*>(src[5])));
+  const __m128i b3 = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(src[6])),
+                                       _mm_loadl_epi64(reinterpret_cast<const __m128i*>(src[7])));
+  const __m128i c0 = _mm_unpacklo_epi16(b0, b1);  // columns 0-3 of rows 0-3
+  const __m128i c1 = _mm_unpackhi_epi16(b0, b1);  // columns 4-7 of rows 0-3
+  const __m128i c2 = _mm_unpacklo_epi16(b2, b3);
+  const __m128i c3 = _mm_unpackhi_epi16(b2, b3);
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), _mm_unpacklo_epi32(c0, c2));       // columns 0, 1
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + 16), _mm_unpackhi_epi32(c0, c2));  // columns 2, 3
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + 32), _mm_unpacklo_epi32(c1, c3));  // columns 4, 5
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + 48), _mm_unpackhi_epi32(c1, c3));  // columns 6, 7
+#else
+  for (int r = 0; r < 8; ++r)
+    for (int c = 0; c < 8; ++c) dst[c * 8 + r] = src[r][c];
+#endif
+}
+
+// Eight bytes of `row` from x0 on, zeros where they fall outside 0..width-1
+// or when there is no row.
+JVK_TARGET inline const uint8_t* clippedEight(const uint8_t* row, int64_t x0, int64_t width, uint8_t* scratch) {
+  if (row != nullptr && x0 >= 0 && x0 + 8 <= width) return row + x0;
+  for (int i = 0; i < 8; ++i) {
+    const int64_t x = x0 + i;
+    scratch[i] = (row != nullptr && x >= 0 && x < width) ? row[x] : 0;
+  }
+  return scratch;
+}
+
+// Stores the eight bytes of `src` at x0 .. x0 + 7 of `row`, only those
+// inside 0..width-1.
+JVK_TARGET inline void storeClippedEight(uint8_t* row, int64_t x0, int64_t width, const uint8_t* src) {
+  if (row == nullptr) return;
+  if (x0 >= 0 && x0 + 8 <= width) {
+    std::memcpy(row + x0, src, 8);
+    return;
+  }
+  for (int i = 0; i < 8; ++i) {
+    const int64_t x = x0 + i;
+    if (x >= 0 && x < width) row[x] = src[i];
+  }
+}
+
+// ---- the diffusion band ----
+//
+// The plain scan (tests/reference, kref::edfCus) visits the pixels row by
+// row; pixel (x, y) reads its error cell, quantises v = cell + level
+// against the threshold, and adds share k = e * w[k] to six cells: (x+1, y)
+// and (x+2, y) [k = 0, 1], and (x-2, y+1) .. (x+1, y+1) [k = 2 .. 5], each
+// as `cell = share + cell`. So the cell (x, y) receives, in this order, the
+// shares 5, 4, 3, 2 of (x-1, y-1), (x, y-1), (x+1, y-1), (x+2, y-1), then
+// share 1 of (x-2, y) and share 0 of (x-1, y). Every lane adds exactly those
+// shares in exactly that order:
+//   acc0..acc2  the cells x+1, x, x-1 of the row below, partly summed; at
+//               pixel x the cell x-2 is completed (`done`) and passed to the
+//               lane below. That lane, 4 pixels behind at x-4, adds share 1
+//               of its pixel x-4 to it at once (r1), share 0 of x-3 at the
+//               next step (`here`), and does the pixel x-2 the step after.
+//   r1          share 1 of x-1 plus the completed upper part of the cell x+1;
+//   here        the whole cell of the current pixel.
+// The dot of the pixel above is passed down the same way and used 4 steps
+// later. Lane 0 takes both from the band above: the completed cells of its
+// row (the handoff row) and that band's last row of dots in the image.
+//
+// A share that falls off the page is dropped in the plain scan. Here the
+// lanes run on past the edges with e forced to 0, so such shares land in
+// cells that are never read, and the cells that are read receive zeros,
+// which only differ from an absent term in the sign of a zero sum. A zero
+// of either sign gives the same v once the level (>= +0) is added, so the
+// quantised bytes and every later share are identical.
+//
+// Outputs: 255 where v > threshold. The frame of the page (first and last
+// row and column) always subtracts 255; inside, a dot next to a 0 on the
+// left or above subtracts less (0.1427 * 255 per such neighbour), picked by
+// selects rather than branches.
+
+struct EdfWeights {
+  float w[6];
+  float adjust[3];
+};
+
+// The kernel's constants, built exactly as the plain loop builds them.
+// The weights (of the cells x+1 and x+2 of the row, then x-2 .. x+1 of the
+// row below) sum to 0.940002 on purpose: about 6 % of every error is
+// dropped, and the stencils printed so far rely on it, so never
+// renormalise. Two weights are negative. An interior 255 beside 0s is
+// quantised against 255 * (1 - 0.1427 k), k the number of its left and
+// upper neighbours that came out 0; adjust[k] is what such a dot adds to v,
+// the share built up as the plain loop builds it.
+JVK_TARGET inline EdfWeights edfWeights() {
+  EdfWeights k;
+  const float weights[6] = {0.505786f, -0.052926f, 0.226194f, 0.128835f, 0.243191f, -0.111078f};
+  for (int i = 0; i < 6; ++i) k.w[i] = weights[i];
+  const float share = 0.1427f;
+  const float one = share + 0.0f;
+  k.adjust[0] = (1.0f - 0.0f) * -255.0f;
+  k.adjust[1] = (1.0f - one) * -255.0f;
+  k.adjust[2] = (1.0f - (share + one)) * -255.0f;
+  return k;
+}
+
+// The state of one vector of lanes.
+template <class V>
+struct EdfRegs {
+  typename V::F here;     // the whole error cell of the pixel about to be done
+  typename V::F r1;       // share 1 of x-1 plus the completed upper cell of x+1
+  typename V::F acc0;     // cell x+1 of the row below (share 5 so far)
+  typename V::F acc1;     // cell x of the row below (shares 5, 4)
+  typename V::F acc2;     // cell x-1 of the row below (shares 5, 4, 3)
+  typename V::F dotPrev;  // the dot of x-1
+  typename V::F up[4];    // "the pixel above is 0", by step mod 4
+  typename V::F valid;    // the lane's row exists
+  typename V::F inner;    // the lane's row is neither the first nor the last
+  typename V::I x;        // the lane's position at the start of the block
+  // Results of the current step, passed down to the next vector.
+  typename V::F done, notDot, share1;
+};
+
+template <class V>
+struct EdfConsts {
+  typename V::F limit, w0, w1, w2, w3, w4, w5, adj0, adj1, adj2, zero, ones;
+  typename V::I minusOne, iZero, iWidth, iWidthLess1;
+};
+
+// One step of one vector of lanes, up to what it hands on.
+template <class V, int VW, int R, int Step, bool Body, bool Capture>
+JVK_TARGET JVK_INLINE void edfStepRegs(EdfRegs<V>& g, const EdfConsts<V>& c, const uint8_t* levels, uint8_t* dots,
+                                       float* captured, int lane) {
+  using F = typename V::F;
+  F active = g.valid;
+  F inside = g.inner;
+  if constexpr (!Body) {
+    const typename V::I x = V::iadd(g.x, V::iset1(Step));
+    active = V::and_(V::and_(V::igt(x, c.minusOne), V::igt(c.iWidth, x)), active);
+    inside = V::and_(V::and_(V::igt(x, c.iZero), V::igt(c.iWidthLess1, x)), inside);
+  }
+  const int at = (lane / 8) * 64 + Step * 8 + lane % 8;
+  const F v = V::add(g.here, V::bytes(levels + at));
+  if constexpr (Capture) V::store(captured + Step * R + lane, v);
+  const F dot = V::cmpgt(v, c.limit);
+  const F leftZero = V::andnot(g.dotPrev, inside);
+  const F upperZero = V::and_(g.up[Step % 4], inside);
+  F adjust = V::select(V::or_(leftZero, upperZero), c.adj1, c.adj0);
+  adjust = V::select(V::and_(leftZero, upperZero), c.adj2, adjust);
+  const F e = V::and_(V::add(v, V::and_(dot, adjust)), active);
+  V::maskBytes(dot, dots + at);
+  g.dotPrev = dot;
+  g.notDot = V::andnot(dot, c.ones);
+  const F p0 = V::mul(e, c.w0), p1 = V::mul(e, c.w1), p2 = V::mul(e, c.w2);
+  const F p3 = V::mul(e, c.w3), p4 = V::mul(e, c.w4), p5 = V::mul(e, c.w5);
+  g.done = V::add(p2, g.acc2);
+  g.acc2 = V::add(p3, g.acc1);
+  g.acc1 = V::add(p4, g.acc0);
+  g.acc0 = V::add(p5, c.zero);
+  g.here = V::add(p0, g.r1);
+  g.share1 = p1;
+}
+
+// Every vector of lanes, k = 0 .. K-1, spelled out by recursion so that
+// the state stays in registers.
+template <class V, int K, int k, int Step, bool Body, bool Capture>
+JVK_TARGET JVK_INLINE void edfStepAll(EdfRegs<V> (&g)[K], const EdfConsts<V>& c, const uint8_t* levels, uint8_t* dots,
+                                      float* captured) {
+  edfStepRegs<V, V::VW, V::VW * K, Step, Body, Capture>(g[k], c, levels, dots, captured, k * V::VW);
+  if constexpr (k + 1 < K) edfStepAll<V, K, k + 1, Step, Body, Capture>(g, c, levels, dots, captured);
+}
+
+// Each lane passes its completed cell and its dot to the lane below; lane 0
+// of vector 0 takes them from the band above.
+template <class V, int K, int k, int Step>
+JVK_TARGET JVK_INLINE void edfPassDown(EdfRegs<V> (&g)[K], typename V::F cellIn, typename V::F zeroIn) {
+  const typename V::F cellFromAbove =
+      V::lane0From(V::rot(g[k].done), k == 0 ? cellIn : V::rot(g[k == 0 ? 0 : k - 1].done));
+  g[k].r1 = V::add(g[k].share1, cellFromAbove);
+  g[k].up[Step % 4] = V::lane0From(V::rot(g[k].notDot), k == 0 ? zeroIn : V::rot(g[k == 0 ? 0 : k - 1].notDot));
+  if constexpr (k + 1 < K) edfPassDown<V, K, k + 1, Step>(g, cellIn, zeroIn);
+}
+
+struct EdfBlockIo {
+  const float* handIn;
+  float* handOut;
+  const uint8_t* above;
+  int64_t width;
+  int64_t outLag;
+};
+
+template <class V, int K, int Step, bool Body, bool Capture>
+JVK_TARGET JVK_INLINE void edfSteps(EdfRegs<V> (&g)[K], const EdfConsts<V>& c, const EdfBlockIo& io, int64_t t0,
+                                    const uint8_t* levels, uint8_t* dots, float* captured) {
+  const int64_t t = t0 + Step;
+  const int64_t w = io.width;
+  // What lane 0 takes from the band above: its completed cell x + 2, and
+  // whether its pixel x + 4 (used 4 steps from now) is 0.
+  const int64_t cellPos = t + 2;
+  const float cellIn = (io.handIn != nullptr && cellPos >= 0 && cellPos < w) ? io.handIn[cellPos] : 0.0f;
+  const int64_t dotPos = t + jvk::kEdfLag;
+  const bool zeroAbove = io.above != nullptr && dotPos >= 0 && dotPos < w && io.above[dotPos] == 0;
+  // As a mask by arithmetic: a `? :` here became a branch on the pixel.
+  const uint32_t zeroBits = 0u - static_cast<uint32_t>(zeroAbove);
+  float zeroMask;
+  std::memcpy(&zeroMask, &zeroBits, 4);
+  edfStepAll<V, K, 0, Step, Body, Capture>(g, c, levels, dots, captured);
+  edfPassDown<V, K, 0, Step>(g, V::set1(cellIn), V::set1(zeroMask));
+  const int64_t outPos = t - io.outLag;
+  if (io.handOut != nullptr && outPos >= 0 && outPos < w) io.handOut[outPos] = V::lane0(V::rot(g[K - 1].done));
+  if constexpr (Step + 1 < jvk::kEdfBlock)
+    edfSteps<V, K, Step + 1, Body, Capture>(g, c, io, t0, levels, dots, captured);
+}
+
+template <class V, int K, bool Capture>
+JVK_TARGET void edfBandKernel(const jvk::EdfBand& a) {
+  constexpr int VW = V::VW;
+  constexpr int R = VW * K;  // rows in the band, one per lane
+  constexpr int G = R / 8;   // groups of eight lanes for the byte transposes
+  constexpr int L = jvk::kEdfLag;
+  constexpr int B = jvk::kEdfBlock;
+  static_assert(R % 8 == 0 && B == 8 && L == 4, "the block transposes handle 8 x 8 bytes; the cell timing needs lag 4");
+
+  const int64_t w = a.width;
+  const int64_t h = a.height;
+  const int64_t y0 = a.y0;
+
+  uint8_t* rows[R];
+  alignas(64) float validBits[R];
+  alignas(64) float innerBits[R];
+  alignas(64) int32_t xStart[R];
+  bool fullBand = true;
+  for (int j = 0; j < R; ++j) {
+    const int64_t y = y0 + j;
+    rows[j] = y < h ? a.image + y * w : nullptr;
+    fullBand = fullBand && y < h;
+    const uint32_t valid = y < h ? 0xFFFFFFFFu : 0u;
+    const uint32_t inner = (y >= 1 && y < h - 1) ? 0xFFFFFFFFu : 0u;
+    std::memcpy(&validBits[j], &valid, 4);
+    std::memcpy(&innerBits[j], &inner, 4);
+    xStart[j] = static_cast<int32_t>(jvk::kEdfFirstStep - int64_t{L} * j);
+  }
+
+  const EdfWeights kw = edfWeights();
+  EdfConsts<V> c;
+  c.limit = V::set1(a.limit);
+  c.w0 = V::set1(kw.w[0]);
+  c.w1 = V::set1(kw.w[1]);
+  c.w2 = V::set1(kw.w[2]);
+  c.w3 = V::set1(kw.w[3]);
+  c.w4 = V::set1(kw.w[4]);
+  c.w5 = V::set1(kw.w[5]);
+  c.adj0 = V::set1(kw.adjust[0]);
+  c.adj1 = V::set1(kw.adjust[1]);
+  c.adj2 = V::set1(kw.adjust[2]);
+  c.zero = V::zero();
+  c.ones = V::ones();
+  // Positions: lanes x > -1 and x < width are on the page; x > 0 and
+  // x < width - 1 are inside the frame. Widths here fit 31 bits.
+  c.minusOne = V::iset1(-1);
+  c.iZero = V::iset1(0);
+  c.iWidth = V::iset1(static_cast<int32_t>(w));
+  c.iWidthLess1 = V::iset1(static_cast<int32_t>(w - 1));
+
+  EdfRegs<V> g[K];
+  for (int k = 0; k < K; ++k) {
+    g[k].valid = V::load(validBits + k * VW);
+    g[k].inner = V::load(innerBits + k * VW);
+    g[k].x = V::iload(xStart + k * VW);
+    g[k].here = g[k].r1 = g[k].acc0 = g[k].acc1 = g[k].acc2 = g[k].dotPrev = c.zero;
+    g[k].done = g[k].notDot = g[k].share1 = c.zero;
+    for (int i = 0; i < 4; ++i) g[k].up[i] = c.zero;
+  }
+
+  // Lane R-1 completes the cell x - 2 of the row below the band.
+  const EdfBlockIo io{a.handoffIn, a.handoffOut, y0 > 0 ? a.image + (y0 - 1) * w : nullptr, w,
+                      int64_t{L} * (R - 1) + 2};
+  const int64_t tEnd = jvk::edfEndStep(w, R);
+
+  alignas(64) uint8_t levels[G * 64];  // [group][step][lane in group]
+  alignas(64) uint8_t dots[G * 64];
+  alignas(64) uint8_t byLane[64];
+  alignas(16) uint8_t scratch[8][8];
+  alignas(64) float captured[Capture ? B * R : 1];  // v of the block, [step][lane]
+
+  for (int64_t t0 = jvk::kEdfFirstStep; t0 < tEnd; t0 += B) {
+    if (a.sync != nullptr) a.sync->waitAbove(jvk::edfStepsNeeded(t0, R));
+    // All lanes inside the frame for the whole block, on rows that exist:
+    // no position masks and no clipping.
+    const bool body = fullBand && t0 - int64_t{L} * (R - 1) >= 1 && t0 + B - 1 <= w - 2;
+
+    for (int gr = 0; gr < G; ++gr) {
+      const uint8_t* src[8];
+      for (int l = 0; l < 8; ++l) {
+        const int j = gr * 8 + l;
+        const int64_t x0 = t0 - int64_t{L} * j;
+        src[l] = body ? rows[j] + x0 : clippedEight(rows[j], x0, w, scratch[l]);
+      }
+      transpose8x8(src, levels + gr * 64);
+    }
+
+    if (body)
+      edfSteps<V, K, 0, true, Capture>(g, c, io, t0, levels, dots, captured);
+    else
+      edfSteps<V, K, 0, false, Capture>(g, c, io, t0, levels, dots, captured);
+
+    for (int gr = 0; gr < G; ++gr) {
+      const uint8_t* src[8];
+      for (int s = 0; s < 8; ++s) src[s] = dots + gr * 64 + s * 8;
+      transpose8x8(src, byLane);
+      for (int l = 0; l < 8; ++l) {
+        const int j = gr * 8 + l;
+        const int64_t x0 = t0 - int64_t{L} * j;
+        if (body)
+          std::memcpy(rows[j] + x0, byLane + l * 8, 8);
+        else
+          storeClippedEight(rows[j], x0, w, byLane + l * 8);
+      }
+    }
+    if constexpr (Capture) {
+      for (int j = 0; j < R; ++j)
+        for (int i = 0; i < B; ++i) {
+          const int64_t x = t0 + i - int64_t{L} * j;
+          if (rows[j] != nullptr && x >= 0 && x < w) a.values[(y0 + j) * w + x] = captured[i * R + j];
+        }
+    }
+    for (int k = 0; k < K; ++k) g[k].x = V::iadd(g[k].x, V::iset1(B));
+    if (a.sync != nullptr) a.sync->publish(t0 + B);
+  }
+}
+
+template <class V, int K>
+JVK_TARGET void edfBand(const jvk::EdfBand& band) {
+  if (band.values != nullptr)
+    edfBandKernel<V, K, true>(band);
+  else
+    edfBandKernel<V, K, false>(band);
+}
+
+}  // namespace
