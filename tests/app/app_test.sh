@@ -5,11 +5,19 @@
 #   app_test.sh <build-dir> jobs      byte equivalence with the filter,
 #                                     copies, two printers at once, bad input
 #   app_test.sh <build-dir> ipptool   ipp-everywhere.test and ipp-2.0.test
+#   app_test.sh <build-dir> cups      a private cupsd with a driverless queue
+#                                     for the app's printer, printing with lp to
+#                                     a fake ZPL printer
 set -u
 BUILD=$(cd "$1" && pwd)
 MODE=$2
 APP=$BUILD/app/kelvo-printer-app
 PAGE=$BUILD/tests/app/kelvoapppage
+SRC=$(cd "$(dirname "$0")/../.." && pwd)
+ZPLPREVIEW=$BUILD/tools/zplpreview
+# The private cupsd and the fake printers (its tables must be global).
+# shellcheck source=e2e/lib.sh
+. "$SRC/e2e/lib.sh"
 FILTER=$BUILD/filter/rastertokelvozpl
 PPDS=$BUILD/ppd/ppd
 W=$(mktemp -d /tmp/kelvo-app-test.XXXXXX)
@@ -21,28 +29,33 @@ fail() {
   FAILED=1
 }
 cleanup() {
+  e2e_stop_all
   if [ -n "$PID" ]; then kill "$PID" 2>/dev/null && wait "$PID" 2>/dev/null; fi
   if [ "$FAILED" -ne 0 ] && [ -f "$W/log" ]; then grep -E '^[EW] ' "$W/log" | tail -20 >&2; fi
-  rm -rf "$W"
+  if [ -n "${APP_TEST_KEEP:-}" ]; then echo "kept $W" >&2; else rm -rf "$W"; fi
 }
 trap cleanup EXIT
 
+# The cups mode reads the copies each job was given from the debug log.
+[ "$MODE" = cups ] && LOG_LEVEL=debug
 PORT=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
 timeout 280 "$APP" server -o listen-hostname=127.0.0.1 -o server-port="$PORT" -o spool-directory="$W/spool" \
-  -o state-file="$W/state" -o log-file="$W/log" -o log-level=info 2>"$W/server.err" &
+  -o state-file="$W/state" -o log-file="$W/log" -o log-level="${LOG_LEVEL:-info}" 2>"$W/server.err" &
 PID=$!
 for _ in $(seq 50); do "$APP" status >/dev/null 2>&1 && break; sleep 0.2; done
 "$APP" status >/dev/null 2>&1 || { fail "server did not start"; exit 1; }
 
-# name driver
+# name driver [device]: a folder under out/ unless another device is given
 add_printer() {
   mkdir -p "$W/out/$1"
-  "$APP" add -d "$1" -m "$2" -v "file://$W/out/$1" || fail "add $1"
+  "$APP" add -d "$1" -m "$2" -v "${3:-file://$W/out/$1}" || fail "add $1"
 }
-add_printer label203 kelvo_203
-add_printer label203b kelvo_203
-add_printer label300 kelvo_300
-add_printer tattoo kelvo_tattoo
+if [ "$MODE" = jobs ] || [ "$MODE" = ipptool ]; then
+  add_printer label203 kelvo_203
+  add_printer label203b kelvo_203
+  add_printer label300 kelvo_300
+  add_printer tattoo kelvo_tattoo
+fi
 
 cat >"$W/wait.test" <<'EOF'
 {
@@ -187,8 +200,95 @@ ipptool_mode() {
   done
 }
 
+# Decodes a job: "<graphics> <dots of each, comma separated> <^PQ counts>".
+decode() {
+  local report
+  report=$("$ZPLPREVIEW" -o "$W/preview/$(basename "$1")" "$1") || { echo "0 - -"; return; }
+  echo "$(grep -c '^[^ ]' <<<"$report")" \
+    "$(awk '/^[^ ]/ {printf "%s%s", (n++ ? "," : ""), $6}' <<<"$report")" \
+    "$(grep -ao '\^PQ[0-9]*' "$1" | tr '\n' ',' | sed 's/,$//')"
+}
+
+cups_mode() {
+  E2E_LIFETIME=240
+  local fake=$BUILD/tests/e2e/fakezplprinter
+  [ -x "$fake" ] && [ -x "$ZPLPREVIEW" ] || { fail "build fakezplprinter and zplpreview first"; return; }
+  e2e_require cupsd lpadmin lp lpstat gs
+  chmod 755 "$W"  # cupsd's backends run as its own user
+  mkdir -p "$W/preview"
+  e2e_init_scheduler "$W/cups" "$fake"
+  e2e_start_printer label
+  add_printer label203 kelvo_203 "socket://127.0.0.1:${E2E_PORT[label]}"
+  add_printer ref203 kelvo_203
+  e2e_start_cupsd
+  lpadmin -p q -E -v "ipp://127.0.0.1:$PORT/ipp/print/label203" -m everywhere 2>"$W/lpadmin.err" ||
+    { fail "lpadmin -m everywhere: $(cat "$W/lpadmin.err")"; return; }
+  # CUPS 2.4 names the sizes of a printer whose media are all borderless
+  # "4x6.Borderless" but makes the plain "4x6" the default, which the queue
+  # lacks; it then prints on Letter, wider than the head. cupsd writes the
+  # PPD after lpadmin returns.
+  local ppd=$W/cups/conf/ppd/q.ppd
+  e2e_poll 30 grep -q '^\*PageSize 4x6.Borderless:' "$ppd" || { fail "cupsd made no PPD with 4x6.Borderless"; return; }
+  lpadmin -p q -o PageSize=4x6.Borderless || fail "lpadmin PageSize"
+  grep -q '^\*DefaultPageSize: 4x6.Borderless$' "$ppd" || fail "the queue's default size: $(grep DefaultPageSize "$ppd")"
+
+  # name file [lp options...]: prints, waits, sets GOT to "<graphics> <dots> <^PQ>"
+  # and JOB to the bytes the printer received.
+  local GOT JOB
+  cups_print() {
+    local name=$1 file=$2 id
+    shift 2
+    id=$(e2e_print q "$file" "$@")
+    e2e_wait_job "$id" 60
+    e2e_take_output label
+    JOB=$W/$name.zpl
+    mv "$E2E_OUTPUT" "$JOB"
+    GOT=$(decode "$JOB")
+    echo "$name: $GOT"
+  }
+  local pdf png
+  cups_print pdf "$SRC/samples/label.pdf"
+  pdf=$GOT
+  cups_print png "$SRC/samples/label.png"
+  png=$GOT
+  # The PDF is the PNG's picture on a 4x6 inch page: Ghostscript's 203 dpi
+  # page is the PNG's own pixels, and both print the same dots.
+  read -r n dots pq <<<"$pdf"
+  [ "$n" = 1 ] && [ "$pq" = "^PQ1" ] || fail "PDF: $pdf"
+  [ "$pdf" = "$png" ] || fail "the PDF printed '$pdf', its PNG '$png'"
+
+  # Copies: CUPS's PDF chain makes them as pages (the queue asks for manual
+  # copies), each label once.
+  cups_print pdf-copies "$SRC/samples/label.pdf" -n 2
+  [ "$GOT" = "2 $dots,$dots ^PQ1,^PQ1" ] || fail "PDF -n 2: $GOT"
+  # A PNG goes to the app as it is, and the app prints it once for every
+  # copy it is asked for. CUPS 2.4's ipp backend asks for none here: it
+  # leaves copies to the filters even when no filter runs.
+  cups_print png-copies "$SRC/samples/label.png" -n 2
+  local asked
+  asked=$(sed -n 's/.*\[Job \([0-9]*\)\] halftone .*, copies \([0-9]*\)$/\1 \2/p' "$W/log" | tail -1)
+  read -r n _ _ <<<"$GOT"
+  [ -n "$asked" ] && [ "$n" = "${asked#* }" ] || fail "PNG -n 2: $GOT, the app was asked for ${asked#* } copies"
+  echo "PNG -n 2: the app was asked for ${asked#* } copies and printed $n"
+
+  # Halftone: cupsd keeps vendor choices of an everywhere queue to itself
+  # (the ipp backend sends only the attributes its PPD knows), so the
+  # choice is the printer's default, set through the app. The PNG arrives
+  # unchanged, so the job prints what the app's own submit prints with the
+  # choice given.
+  "$APP" modify -d label203 -o kelvo-halftone-default=stucki || fail "modify kelvo-halftone-default"
+  cups_print png-stucki "$SRC/samples/label.png" -o kelvo-halftone=stucki
+  cp "$SRC/samples/label.png" "$W/ref.png"
+  result=$(run_job ref203 "$W/ref.png" -o kelvo-halftone=stucki)
+  cmp -s "$JOB" "$W/out/ref203/ref.png.prn" || fail "stucki default through CUPS differs from a stucki job: $result"
+  read -r n stucki _ <<<"$GOT"
+  [ "$n" = 1 ] && [ "$stucki" != "$dots" ] || fail "stucki printed '$GOT', the default '$png'"
+  echo "halftone default none: $dots dots; stucki: $stucki dots"
+}
+
 case $MODE in
   jobs) jobs_mode ;;
+  cups) cups_mode ;;
   ipptool) ipptool_mode ;;
   *) fail "unknown mode $MODE" ;;
 esac
