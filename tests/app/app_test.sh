@@ -8,6 +8,9 @@
 #   app_test.sh <build-dir> cups      a private cupsd with a driverless queue
 #                                     for the app's printer, printing with lp to
 #                                     a fake ZPL printer
+#   app_test.sh <build-dir> burst     fifty jobs from two clients at once to one
+#                                     printer: all print, memory stays flat
+#   app_test.sh <build-dir> burst2    the same, each client to its own printer
 set -u
 BUILD=$(cd "$1" && pwd)
 MODE=$2
@@ -286,8 +289,85 @@ cups_mode() {
   echo "halftone default none: $dots dots; stucki: $stucki dots"
 }
 
+# Resident memory of the server process (the child of timeout), in kB.
+server_rss() {
+  awk '/^VmRSS:/ {print $2}' "/proc/$(pgrep -P "$PID" | head -1)/status"
+}
+
+# Fifty jobs from two clients at once, the app's submit and ipptool, to one
+# printer ("one") or each to its own ("two").
+burst_mode() {
+  local label=$SRC/samples/label.png
+  local pa=burst pb=burst
+  [ "$1" = two ] && pb=burstb
+  add_printer burst kelvo_203
+  [ "$pb" = burst ] || add_printer "$pb" kelvo_203
+  cat >"$W/print.test" <<'EOF'
+{
+  NAME "Print a label"
+  OPERATION Print-Job
+  GROUP operation-attributes-tag
+  ATTR charset attributes-charset utf-8
+  ATTR naturalLanguage attributes-natural-language en
+  ATTR uri printer-uri $uri
+  ATTR name requesting-user-name burst
+  ATTR name job-name $name
+  ATTR mimeMediaType document-format image/png
+  FILE $filename
+  STATUS successful-ok
+}
+EOF
+  # The first jobs warm the server up: its memory after them is the base.
+  local i result
+  for i in 1 2 3 4 5; do
+    cp "$label" "$W/warm$i.png"
+    result=$(run_job burst "$W/warm$i.png")
+    [ "${result%% *}" = completed ] || fail "warm-up job $i: $result"
+  done
+  local before
+  before=$(server_rss)
+  # 25 jobs from each client, as fast as the server takes them. Both reach
+  # the server by its address: were it gone, the app's client would start
+  # a server of its own on the local socket.
+  for i in $(seq 25); do cp "$label" "$W/a$i.png"; cp "$label" "$W/b$i.png"; done
+  local start=$SECONDS
+  (for i in $(seq 25); do
+    timeout 30 "$APP" submit -u "ipp://127.0.0.1:$PORT/ipp/print/$pa" "$W/a$i.png" >/dev/null || echo "submit a$i failed"
+  done) >"$W/a.err" 2>&1 &
+  local a=$!
+  (for i in $(seq 25); do
+    timeout 30 ipptool -d name="b$i.png" -f "$W/b$i.png" "ipp://127.0.0.1:$PORT/ipp/print/$pb" "$W/print.test" >/dev/null ||
+      echo "ipptool b$i failed"
+  done) >"$W/b.err" 2>&1 &
+  local b=$!
+  wait "$a" "$b"
+  if [ -s "$W/a.err" ] || [ -s "$W/b.err" ]; then fail "submissions refused: $(sort -u "$W/a.err" "$W/b.err" | head -5)"; fi
+  # All 55 labels arrive, each the same bytes as the first.
+  local deadline=$((SECONDS + 100)) done=0
+  while [ "$SECONDS" -lt "$deadline" ] && kill -0 "$PID" 2>/dev/null; do
+    done=$(find "$W/out/burst" "$W/out/$pb" -name '*.prn' | sort -u | wc -l)
+    [ "$done" -ge 55 ] && break
+    sleep 0.2
+  done
+  local seconds=$((SECONDS - start))
+  done=$(find "$W/out/burst" "$W/out/$pb" -name '*.prn' | sort -u | wc -l)
+  local differ=0 f
+  for f in $(find "$W/out/burst" "$W/out/$pb" -name '*.prn' | sort -u); do
+    cmp -s "$f" "$W/out/burst/warm1.png.prn" || differ=$((differ + 1))
+  done
+  [ "$done" -eq 55 ] && [ "$differ" -eq 0 ] || fail "burst: $done of 55 labels, $differ differ from the first"
+  [ -n "$(pgrep -P "$PID")" ] || { fail "the server is gone after the burst"; return; }
+  local after
+  after=$(server_rss)
+  echo "burst ($1 printer(s)): 50 jobs from two clients in ${seconds} s, $done labels alike;" \
+    "server RSS after 5 jobs ${before} kB, after the burst ${after} kB"
+  [ "$after" -lt $((2 * before)) ] || fail "the server's memory grew from $before kB to $after kB"
+}
+
 case $MODE in
   jobs) jobs_mode ;;
+  burst) burst_mode one ;;
+  burst2) burst_mode two ;;
   cups) cups_mode ;;
   ipptool) ipptool_mode ;;
   *) fail "unknown mode $MODE" ;;
