@@ -11,6 +11,8 @@
 #   app_test.sh <build-dir> burst     fifty jobs from two clients at once to one
 #                                     printer: all print, memory stays flat
 #   app_test.sh <build-dir> burst2    the same, each client to its own printer
+#   app_test.sh <build-dir> web       a default changed in the web interface with
+#                                     headless Chromium; the next job uses it
 set -u
 BUILD=$(cd "$1" && pwd)
 MODE=$2
@@ -206,6 +208,7 @@ ipptool_mode() {
 # Decodes a job: "<graphics> <dots of each, comma separated> <^PQ counts>".
 decode() {
   local report
+  mkdir -p "$W/preview"
   report=$("$ZPLPREVIEW" -o "$W/preview/$(basename "$1")" "$1") || { echo "0 - -"; return; }
   echo "$(grep -c '^[^ ]' <<<"$report")" \
     "$(awk '/^[^ ]/ {printf "%s%s", (n++ ? "," : ""), $6}' <<<"$report")" \
@@ -218,7 +221,6 @@ cups_mode() {
   [ -x "$fake" ] && [ -x "$ZPLPREVIEW" ] || { fail "build fakezplprinter and zplpreview first"; return; }
   e2e_require cupsd lpadmin lp lpstat gs
   chmod 755 "$W"  # cupsd's backends run as its own user
-  mkdir -p "$W/preview"
   e2e_init_scheduler "$W/cups" "$fake"
   e2e_start_printer label
   add_printer label203 kelvo_203 "socket://127.0.0.1:${E2E_PORT[label]}"
@@ -364,10 +366,45 @@ EOF
   [ "$after" -lt $((2 * before)) ] || fail "the server's memory grew from $before kB to $after kB"
 }
 
+# The stencil printer's default halftone changed in the web interface with
+# a real browser; the next job prints with it.
+web_mode() {
+  if ! /usr/bin/python3 -c 'import selenium' 2>/dev/null || [ ! -x /usr/bin/chromium ] || [ ! -x /usr/bin/chromedriver ]; then
+    echo "SKIP: needs the Debian packages chromium, chromium-driver and python3-selenium"
+    exit 77
+  fi
+  local stencil=$SRC/samples/stencil.png result
+  add_printer tattoo kelvo_tattoo
+  add_printer tattooref kelvo_tattoo
+  cp "$stencil" "$W/before.png"
+  result=$(run_job tattoo "$W/before.png")
+  [ "${result%% *}" = completed ] || fail "job before: $result"
+  # The screenshot stays in the build tree for a person to look at.
+  local shot=$BUILD/tests/app/web-defaults.png
+  rm -f "$shot"
+  timeout 90 /usr/bin/python3 "$SRC/tests/app/web_defaults.py" "http://127.0.0.1:$PORT" tattoo stucki "$shot" ||
+    fail "the browser did not save the default"
+  [ -s "$shot" ] && echo "screenshot: $shot" || fail "no screenshot"
+  cp "$stencil" "$W/after.png"
+  result=$(run_job tattoo "$W/after.png")
+  [ "${result%% *}" = completed ] || fail "job after: $result"
+  # The same picture with the choice sent along: the same bytes.
+  cp "$stencil" "$W/ref.png"
+  result=$(run_job tattooref "$W/ref.png" -o kelvo-halftone=stucki)
+  cmp -s "$W/out/tattoo/after.png.prn" "$W/out/tattooref/ref.png.prn" ||
+    fail "the job after the change is not printed with stucki"
+  local before after
+  before=$(decode "$W/out/tattoo/before.png.prn")
+  after=$(decode "$W/out/tattoo/after.png.prn")
+  [ "${before#* }" != "${after#* }" ] || fail "the same dots before and after the change: $before"
+  echo "stencil printer, default halftone tattoo: $before; after the browser chose stucki: $after"
+}
+
 case $MODE in
   jobs) jobs_mode ;;
   burst) burst_mode one ;;
   burst2) burst_mode two ;;
+  web) web_mode ;;
   cups) cups_mode ;;
   ipptool) ipptool_mode ;;
   *) fail "unknown mode $MODE" ;;
