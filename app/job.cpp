@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "app/drivers.h"
@@ -68,6 +69,22 @@ bool fail(pappl_job_t* job, const char* message) {
   return false;
 }
 
+// A job carries only the vendor choices sent with it; the printer's own
+// defaults (set in the web interface or with Set-Printer-Attributes) fill in
+// the others, as they do for the standard choices.
+void addVendorDefaults(pappl_printer_t* printer, const pappl_pr_driver_data_t& data, pappl_pr_options_t* options) {
+  ipp_t* attrs = papplPrinterGetDriverAttributes(printer);  // a copy
+  for (int i = 0; i < data.num_vendor; ++i) {
+    if (cupsGetOption(data.vendor[i], options->num_vendor, options->vendor) != nullptr) continue;
+    const std::string name = std::string(data.vendor[i]) + "-default";
+    ipp_attribute_t* attr = ippFindAttribute(attrs, name.c_str(), IPP_TAG_ZERO);
+    char value[256];
+    if (attr != nullptr && ippAttributeString(attr, value, sizeof value) > 0)
+      options->num_vendor = cupsAddOption(data.vendor[i], value, options->num_vendor, &options->vendor);
+  }
+  ippDelete(attrs);
+}
+
 bool flushPage(JobState& state) {
   if (std::fflush(state.out) != 0 || state.deviceFailed) {
     state.deviceFailed = true;
@@ -90,6 +107,7 @@ bool kelvoStartJob(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t
   state->job = job;
   state->device = device;
   state->model = model;
+  addVendorDefaults(printer, data, options);
   kelvoSettingsFromOptions(*model, *options, data.mode_configured, &state->settings);
   cookie_io_functions_t io{nullptr, writeToDevice, nullptr, nullptr};
   state->out = fopencookie(state, "w", io);

@@ -60,13 +60,10 @@ e2e_poll() {
 # in folders that others may write to.
 e2e_init() {
   E2E_ROOT=$1
-  E2E_FAKE_PRINTER=$3
   local build=$2 filter_dir component
   umask 022
   chmod 755 "$E2E_ROOT"
-  mkdir -p "$E2E_ROOT"/{install,conf,spool/tmp,cache,state,log,run,out,home}
-  chmod 700 "$E2E_ROOT/run"  # the scheduler's socket: ours only
-
+  mkdir -p "$E2E_ROOT/install"
   for component in filter ppd; do
     DESTDIR="$E2E_ROOT/install" cmake --install "$build" --component "$component" >/dev/null ||
       e2e_die "cmake --install of the $component component failed"
@@ -75,6 +72,21 @@ e2e_init() {
   # shellcheck disable=SC2034  # for the scripts that source this
   E2E_PPD_DIR=$(dirname "$(find "$E2E_ROOT/install" -name kelvo203.ppd | head -1)")
   [ -x "$filter_dir/rastertokelvozpl" ] || e2e_die "the install put no filter under $E2E_ROOT/install"
+  e2e_init_scheduler "$E2E_ROOT" "$3" "$filter_dir/rastertokelvozpl"
+}
+
+# e2e_init_scheduler <scratch-dir> <fakezplprinter> [filter]: the scratch
+# folder and ServerBin without installing anything, for queues that need no
+# filter of ours (driverless ones).
+e2e_init_scheduler() {
+  E2E_ROOT=$1
+  E2E_FAKE_PRINTER=$2
+  local filter=${3:-}
+  umask 022
+  mkdir -p "$E2E_ROOT"
+  chmod 755 "$E2E_ROOT"
+  mkdir -p "$E2E_ROOT"/{conf,spool/tmp,cache,state,log,run,out,home}
+  chmod 700 "$E2E_ROOT/run"  # the scheduler's socket: ours only
 
   local system_bin sub f
   system_bin=$(cups-config --serverbin 2>/dev/null || echo /usr/lib/cups)
@@ -85,7 +97,7 @@ e2e_init() {
   for f in "$system_bin"/filter/*; do
     ln -s "$f" "$E2E_ROOT/serverbin/filter/"
   done
-  ln -sf "$filter_dir/rastertokelvozpl" "$E2E_ROOT/serverbin/filter/rastertokelvozpl"
+  if [ -n "$filter" ]; then ln -sf "$filter" "$E2E_ROOT/serverbin/filter/rastertokelvozpl"; fi
 
   # The client programs talk to our scheduler only, and read no lpoptions
   # or client.conf of this machine or of its users.

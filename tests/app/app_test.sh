@@ -5,11 +5,24 @@
 #   app_test.sh <build-dir> jobs      byte equivalence with the filter,
 #                                     copies, two printers at once, bad input
 #   app_test.sh <build-dir> ipptool   ipp-everywhere.test and ipp-2.0.test
+#   app_test.sh <build-dir> cups      a private cupsd with a driverless queue
+#                                     for the app's printer, printing with lp to
+#                                     a fake ZPL printer
+#   app_test.sh <build-dir> burst     fifty jobs from two clients at once to one
+#                                     printer: all print, memory stays flat
+#   app_test.sh <build-dir> burst2    the same, each client to its own printer
+#   app_test.sh <build-dir> web       a default changed in the web interface with
+#                                     headless Chromium; the next job uses it
 set -u
 BUILD=$(cd "$1" && pwd)
 MODE=$2
 APP=$BUILD/app/kelvo-printer-app
 PAGE=$BUILD/tests/app/kelvoapppage
+SRC=$(cd "$(dirname "$0")/../.." && pwd)
+ZPLPREVIEW=$BUILD/tools/zplpreview
+# The private cupsd and the fake printers (its tables must be global).
+# shellcheck source=e2e/lib.sh
+. "$SRC/e2e/lib.sh"
 FILTER=$BUILD/filter/rastertokelvozpl
 PPDS=$BUILD/ppd/ppd
 W=$(mktemp -d /tmp/kelvo-app-test.XXXXXX)
@@ -21,28 +34,33 @@ fail() {
   FAILED=1
 }
 cleanup() {
+  e2e_stop_all
   if [ -n "$PID" ]; then kill "$PID" 2>/dev/null && wait "$PID" 2>/dev/null; fi
   if [ "$FAILED" -ne 0 ] && [ -f "$W/log" ]; then grep -E '^[EW] ' "$W/log" | tail -20 >&2; fi
-  rm -rf "$W"
+  if [ -n "${APP_TEST_KEEP:-}" ]; then echo "kept $W" >&2; else rm -rf "$W"; fi
 }
 trap cleanup EXIT
 
+# The cups mode reads the copies each job was given from the debug log.
+[ "$MODE" = cups ] && LOG_LEVEL=debug
 PORT=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
 timeout 280 "$APP" server -o listen-hostname=127.0.0.1 -o server-port="$PORT" -o spool-directory="$W/spool" \
-  -o state-file="$W/state" -o log-file="$W/log" -o log-level=info 2>"$W/server.err" &
+  -o state-file="$W/state" -o log-file="$W/log" -o log-level="${LOG_LEVEL:-info}" 2>"$W/server.err" &
 PID=$!
 for _ in $(seq 50); do "$APP" status >/dev/null 2>&1 && break; sleep 0.2; done
 "$APP" status >/dev/null 2>&1 || { fail "server did not start"; exit 1; }
 
-# name driver
+# name driver [device]: a folder under out/ unless another device is given
 add_printer() {
   mkdir -p "$W/out/$1"
-  "$APP" add -d "$1" -m "$2" -v "file://$W/out/$1" || fail "add $1"
+  "$APP" add -d "$1" -m "$2" -v "${3:-file://$W/out/$1}" || fail "add $1"
 }
-add_printer label203 kelvo_203
-add_printer label203b kelvo_203
-add_printer label300 kelvo_300
-add_printer tattoo kelvo_tattoo
+if [ "$MODE" = jobs ] || [ "$MODE" = ipptool ]; then
+  add_printer label203 kelvo_203
+  add_printer label203b kelvo_203
+  add_printer label300 kelvo_300
+  add_printer tattoo kelvo_tattoo
+fi
 
 cat >"$W/wait.test" <<'EOF'
 {
@@ -187,8 +205,207 @@ ipptool_mode() {
   done
 }
 
+# Decodes a job: "<graphics> <dots of each, comma separated> <^PQ counts>".
+decode() {
+  local report
+  mkdir -p "$W/preview"
+  report=$("$ZPLPREVIEW" -o "$W/preview/$(basename "$1")" "$1") || { echo "0 - -"; return; }
+  echo "$(grep -c '^[^ ]' <<<"$report")" \
+    "$(awk '/^[^ ]/ {printf "%s%s", (n++ ? "," : ""), $6}' <<<"$report")" \
+    "$(grep -ao '\^PQ[0-9]*' "$1" | tr '\n' ',' | sed 's/,$//')"
+}
+
+cups_mode() {
+  E2E_LIFETIME=240
+  local fake=$BUILD/tests/e2e/fakezplprinter
+  [ -x "$fake" ] && [ -x "$ZPLPREVIEW" ] || { fail "build fakezplprinter and zplpreview first"; return; }
+  e2e_require cupsd lpadmin lp lpstat gs
+  chmod 755 "$W"  # cupsd's backends run as its own user
+  e2e_init_scheduler "$W/cups" "$fake"
+  e2e_start_printer label
+  add_printer label203 kelvo_203 "socket://127.0.0.1:${E2E_PORT[label]}"
+  add_printer ref203 kelvo_203
+  e2e_start_cupsd
+  lpadmin -p q -E -v "ipp://127.0.0.1:$PORT/ipp/print/label203" -m everywhere 2>"$W/lpadmin.err" ||
+    { fail "lpadmin -m everywhere: $(cat "$W/lpadmin.err")"; return; }
+  # CUPS 2.4 names the sizes of a printer whose media are all borderless
+  # "4x6.Borderless" but makes the plain "4x6" the default, which the queue
+  # lacks; it then prints on Letter, wider than the head. cupsd writes the
+  # PPD after lpadmin returns.
+  local ppd=$W/cups/conf/ppd/q.ppd
+  e2e_poll 30 grep -q '^\*PageSize 4x6.Borderless:' "$ppd" || { fail "cupsd made no PPD with 4x6.Borderless"; return; }
+  lpadmin -p q -o PageSize=4x6.Borderless || fail "lpadmin PageSize"
+  grep -q '^\*DefaultPageSize: 4x6.Borderless$' "$ppd" || fail "the queue's default size: $(grep DefaultPageSize "$ppd")"
+
+  # name file [lp options...]: prints, waits, sets GOT to "<graphics> <dots> <^PQ>"
+  # and JOB to the bytes the printer received.
+  local GOT JOB
+  cups_print() {
+    local name=$1 file=$2 id
+    shift 2
+    id=$(e2e_print q "$file" "$@")
+    e2e_wait_job "$id" 60
+    e2e_take_output label
+    JOB=$W/$name.zpl
+    mv "$E2E_OUTPUT" "$JOB"
+    GOT=$(decode "$JOB")
+    echo "$name: $GOT"
+  }
+  local pdf png
+  cups_print pdf "$SRC/samples/label.pdf"
+  pdf=$GOT
+  cups_print png "$SRC/samples/label.png"
+  png=$GOT
+  # The PDF is the PNG's picture on a 4x6 inch page: Ghostscript's 203 dpi
+  # page is the PNG's own pixels, and both print the same dots.
+  read -r n dots pq <<<"$pdf"
+  [ "$n" = 1 ] && [ "$pq" = "^PQ1" ] || fail "PDF: $pdf"
+  [ "$pdf" = "$png" ] || fail "the PDF printed '$pdf', its PNG '$png'"
+
+  # Copies: CUPS's PDF chain makes them as pages (the queue asks for manual
+  # copies), each label once.
+  cups_print pdf-copies "$SRC/samples/label.pdf" -n 2
+  [ "$GOT" = "2 $dots,$dots ^PQ1,^PQ1" ] || fail "PDF -n 2: $GOT"
+  # A PNG goes to the app as it is, and the app prints it once for every
+  # copy it is asked for. CUPS 2.4's ipp backend asks for none here: it
+  # leaves copies to the filters even when no filter runs.
+  cups_print png-copies "$SRC/samples/label.png" -n 2
+  local asked
+  asked=$(sed -n 's/.*\[Job \([0-9]*\)\] halftone .*, copies \([0-9]*\)$/\1 \2/p' "$W/log" | tail -1)
+  read -r n _ _ <<<"$GOT"
+  [ -n "$asked" ] && [ "$n" = "${asked#* }" ] || fail "PNG -n 2: $GOT, the app was asked for ${asked#* } copies"
+  echo "PNG -n 2: the app was asked for ${asked#* } copies and printed $n"
+
+  # Halftone: cupsd keeps vendor choices of an everywhere queue to itself
+  # (the ipp backend sends only the attributes its PPD knows), so the
+  # choice is the printer's default, set through the app. The PNG arrives
+  # unchanged, so the job prints what the app's own submit prints with the
+  # choice given.
+  "$APP" modify -d label203 -o kelvo-halftone-default=stucki || fail "modify kelvo-halftone-default"
+  cups_print png-stucki "$SRC/samples/label.png" -o kelvo-halftone=stucki
+  cp "$SRC/samples/label.png" "$W/ref.png"
+  result=$(run_job ref203 "$W/ref.png" -o kelvo-halftone=stucki)
+  cmp -s "$JOB" "$W/out/ref203/ref.png.prn" || fail "stucki default through CUPS differs from a stucki job: $result"
+  read -r n stucki _ <<<"$GOT"
+  [ "$n" = 1 ] && [ "$stucki" != "$dots" ] || fail "stucki printed '$GOT', the default '$png'"
+  echo "halftone default none: $dots dots; stucki: $stucki dots"
+}
+
+# Resident memory of the server process (the child of timeout), in kB.
+server_rss() {
+  awk '/^VmRSS:/ {print $2}' "/proc/$(pgrep -P "$PID" | head -1)/status"
+}
+
+# Fifty jobs from two clients at once, the app's submit and ipptool, to one
+# printer ("one") or each to its own ("two").
+burst_mode() {
+  local label=$SRC/samples/label.png
+  local pa=burst pb=burst
+  [ "$1" = two ] && pb=burstb
+  add_printer burst kelvo_203
+  [ "$pb" = burst ] || add_printer "$pb" kelvo_203
+  cat >"$W/print.test" <<'EOF'
+{
+  NAME "Print a label"
+  OPERATION Print-Job
+  GROUP operation-attributes-tag
+  ATTR charset attributes-charset utf-8
+  ATTR naturalLanguage attributes-natural-language en
+  ATTR uri printer-uri $uri
+  ATTR name requesting-user-name burst
+  ATTR name job-name $name
+  ATTR mimeMediaType document-format image/png
+  FILE $filename
+  STATUS successful-ok
+}
+EOF
+  # The first jobs warm the server up: its memory after them is the base.
+  local i result
+  for i in 1 2 3 4 5; do
+    cp "$label" "$W/warm$i.png"
+    result=$(run_job burst "$W/warm$i.png")
+    [ "${result%% *}" = completed ] || fail "warm-up job $i: $result"
+  done
+  local before
+  before=$(server_rss)
+  # 25 jobs from each client, as fast as the server takes them. Both reach
+  # the server by its address: were it gone, the app's client would start
+  # a server of its own on the local socket.
+  for i in $(seq 25); do cp "$label" "$W/a$i.png"; cp "$label" "$W/b$i.png"; done
+  local start=$SECONDS
+  (for i in $(seq 25); do
+    timeout 30 "$APP" submit -u "ipp://127.0.0.1:$PORT/ipp/print/$pa" "$W/a$i.png" >/dev/null || echo "submit a$i failed"
+  done) >"$W/a.err" 2>&1 &
+  local a=$!
+  (for i in $(seq 25); do
+    timeout 30 ipptool -d name="b$i.png" -f "$W/b$i.png" "ipp://127.0.0.1:$PORT/ipp/print/$pb" "$W/print.test" >/dev/null ||
+      echo "ipptool b$i failed"
+  done) >"$W/b.err" 2>&1 &
+  local b=$!
+  wait "$a" "$b"
+  if [ -s "$W/a.err" ] || [ -s "$W/b.err" ]; then fail "submissions refused: $(sort -u "$W/a.err" "$W/b.err" | head -5)"; fi
+  # All 55 labels arrive, each the same bytes as the first.
+  local deadline=$((SECONDS + 100)) done=0
+  while [ "$SECONDS" -lt "$deadline" ] && kill -0 "$PID" 2>/dev/null; do
+    done=$(find "$W/out/burst" "$W/out/$pb" -name '*.prn' | sort -u | wc -l)
+    [ "$done" -ge 55 ] && break
+    sleep 0.2
+  done
+  local seconds=$((SECONDS - start))
+  done=$(find "$W/out/burst" "$W/out/$pb" -name '*.prn' | sort -u | wc -l)
+  local differ=0 f
+  for f in $(find "$W/out/burst" "$W/out/$pb" -name '*.prn' | sort -u); do
+    cmp -s "$f" "$W/out/burst/warm1.png.prn" || differ=$((differ + 1))
+  done
+  [ "$done" -eq 55 ] && [ "$differ" -eq 0 ] || fail "burst: $done of 55 labels, $differ differ from the first"
+  [ -n "$(pgrep -P "$PID")" ] || { fail "the server is gone after the burst"; return; }
+  local after
+  after=$(server_rss)
+  echo "burst ($1 printer(s)): 50 jobs from two clients in ${seconds} s, $done labels alike;" \
+    "server RSS after 5 jobs ${before} kB, after the burst ${after} kB"
+  [ "$after" -lt $((2 * before)) ] || fail "the server's memory grew from $before kB to $after kB"
+}
+
+# The stencil printer's default halftone changed in the web interface with
+# a real browser; the next job prints with it.
+web_mode() {
+  if ! /usr/bin/python3 -c 'import selenium' 2>/dev/null || [ ! -x /usr/bin/chromium ] || [ ! -x /usr/bin/chromedriver ]; then
+    echo "SKIP: needs the Debian packages chromium, chromium-driver and python3-selenium"
+    exit 77
+  fi
+  local stencil=$SRC/samples/stencil.png result
+  add_printer tattoo kelvo_tattoo
+  add_printer tattooref kelvo_tattoo
+  cp "$stencil" "$W/before.png"
+  result=$(run_job tattoo "$W/before.png")
+  [ "${result%% *}" = completed ] || fail "job before: $result"
+  # The screenshot stays in the build tree for a person to look at.
+  local shot=$BUILD/tests/app/web-defaults.png
+  rm -f "$shot"
+  timeout 90 /usr/bin/python3 "$SRC/tests/app/web_defaults.py" "http://127.0.0.1:$PORT" tattoo stucki "$shot" ||
+    fail "the browser did not save the default"
+  [ -s "$shot" ] && echo "screenshot: $shot" || fail "no screenshot"
+  cp "$stencil" "$W/after.png"
+  result=$(run_job tattoo "$W/after.png")
+  [ "${result%% *}" = completed ] || fail "job after: $result"
+  # The same picture with the choice sent along: the same bytes.
+  cp "$stencil" "$W/ref.png"
+  result=$(run_job tattooref "$W/ref.png" -o kelvo-halftone=stucki)
+  cmp -s "$W/out/tattoo/after.png.prn" "$W/out/tattooref/ref.png.prn" ||
+    fail "the job after the change is not printed with stucki"
+  local before after
+  before=$(decode "$W/out/tattoo/before.png.prn")
+  after=$(decode "$W/out/tattoo/after.png.prn")
+  [ "${before#* }" != "${after#* }" ] || fail "the same dots before and after the change: $before"
+  echo "stencil printer, default halftone tattoo: $before; after the browser chose stucki: $after"
+}
+
 case $MODE in
   jobs) jobs_mode ;;
+  burst) burst_mode one ;;
+  burst2) burst_mode two ;;
+  web) web_mode ;;
+  cups) cups_mode ;;
   ipptool) ipptool_mode ;;
   *) fail "unknown mode $MODE" ;;
 esac

@@ -3,6 +3,10 @@
 // takes one connection at a time and saves every byte of it as
 // <dir>/job-<n>.zpl, n counting from 1. A file appears under its final name
 // only once the sender has closed its side, so a file that exists is complete.
+// A host status query (~HQES) is answered as a ready printer answers it.
+// The file's modification time is the arrival of its last byte, so that a sender
+// that keeps the connection open afterwards (waiting for a status answer
+// that never comes) can be timed up to that byte.
 //
 // It never outlives its welcome: it stops on SIGTERM or SIGINT, and on its
 // own when the lifetime given with -t runs out, so a test that dies without
@@ -11,7 +15,9 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -39,9 +45,14 @@ bool writeFileAtomically(const std::string& path, const std::string& text) {
   return std::fclose(f) == 0 && ok && std::rename(part.c_str(), path.c_str()) == 0;
 }
 
-// Reads the connection to its end into `job`. False when the peer stalls,
-// the connection fails or a stop is requested before the end.
-bool receiveJob(int fd, std::string& job) {
+// Reads the connection to its end into `job`, noting when the last byte
+// came. False when the peer stalls, the connection fails or a stop is
+// requested before the end.
+bool receiveJob(int fd, std::string& job, timespec& last) {
+  static const char kReady[] =
+      "\x02\r\n  PRINTER STATUS\r\n    ERRORS:         0 00000000 00000000\r\n"
+      "    WARNINGS:       0 00000000 00000000\r\n\x03\r\n";
+  size_t answered = 0;  // queries answered so far
   char buffer[65536];
   for (;;) {
     pollfd p{fd, POLLIN, 0};
@@ -49,8 +60,14 @@ bool receiveJob(int fd, std::string& job) {
     if (gStop || (ready < 0 && errno != EINTR) || ready == 0) return false;
     const ssize_t got = ready > 0 ? read(fd, buffer, sizeof buffer) : -1;
     if (got == 0) return true;
-    if (got > 0) job.append(buffer, static_cast<size_t>(got));
-    else if (errno != EINTR) return false;
+    if (got > 0) {
+      job.append(buffer, static_cast<size_t>(got));
+      clock_gettime(CLOCK_REALTIME, &last);
+      size_t queries = 0;
+      for (size_t at = job.find("~HQES"); at != std::string::npos; at = job.find("~HQES", at + 5)) ++queries;
+      for (; answered < queries; ++answered)
+        if (write(fd, kReady, sizeof kReady - 1) < 0) return false;
+    } else if (errno != EINTR) return false;
   }
 }
 
@@ -106,14 +123,18 @@ int main(int argc, char** argv) {
     const int conn = poll(&p, 1, 1000) > 0 ? accept4(listener, nullptr, nullptr, SOCK_CLOEXEC) : -1;
     if (conn < 0) continue;
     std::string job;
+    timespec last{};
+    clock_gettime(CLOCK_REALTIME, &last);
     const std::string path = dir + "/job-" + std::to_string(jobNumber++) + ".zpl";
-    if (!receiveJob(conn, job)) {
+    if (!receiveJob(conn, job, last)) {
       // Keep what came for diagnosis, under a name no finished job has.
       writeFileAtomically(path + ".incomplete", job);
       std::fprintf(stderr, "fakezplprinter: %s ended early after %zu bytes\n", path.c_str(), job.size());
     } else if (!writeFileAtomically(path, job)) {
       return fail("cannot write", path);
     } else {
+      const timespec times[2] = {last, last};
+      utimensat(AT_FDCWD, path.c_str(), times, 0);
       std::fprintf(stderr, "fakezplprinter: saved %zu bytes as %s\n", job.size(), path.c_str());
     }
     // Closed only now, so a sender that waits for the close (the socket
