@@ -231,7 +231,20 @@ void pagePipeline(Reader& in) {
       if (v != 0 && v != 1 && v != 255)
         fail("halftone %d left pixel (%zu, %zu) at %u", static_cast<int>(printer.getHalftoneType()), x, y, v);
     }
-  checkGraphic(printer.take(), image->GetBits(0), image->GetEffWidth(), w, h, header, printer.getSkipRightPixels());
+  // A halftoned page may reach the emitter in 1-bit rows; the plain
+  // definition takes the 8-bit page.
+  std::vector<unsigned char> page8;
+  const unsigned char* bits = image->GetBits(0);
+  size_t rowStride = image->GetEffWidth();
+  if (image->GetNumColors() == 2) {
+    page8.resize(w * h);
+    for (size_t y = 0; y < h; ++y)
+      for (size_t x = 0; x < w; ++x)
+        page8[y * w + x] = image->GetPixelIndex(static_cast<long>(x), static_cast<long>(y));
+    bits = page8.data();
+    rowStride = w;
+  }
+  checkGraphic(printer.take(), bits, rowStride, w, h, header, printer.getSkipRightPixels());
 }
 
 void emitter(Reader& in) {
