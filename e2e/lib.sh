@@ -5,7 +5,7 @@
 # devices. Nothing of the machine's own CUPS (its configuration, its
 # scheduler, port 631) is read, written or stopped.
 #
-# Sourced by e2e-test.sh and try-driver.sh. In outline:
+# Sourced by e2e-test.sh, tests/app/app_test.sh and tools/try-driver.sh. In outline:
 #   e2e_init <scratch-dir> <build-dir> <fakezplprinter>
 #   trap e2e_stop_all EXIT
 #   e2e_start_queues                         # queues label and tattoo

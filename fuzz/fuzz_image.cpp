@@ -5,13 +5,10 @@
 //   0  the stencil chain (both guarded entries) and edf_cus at any threshold
 //   1  a palette image of 1, 4, 8, 24 or 32 bits and a run of operations
 //   2  the page pipeline with any halftone, transforms, negative and frame
-//   3  the graphic emitter, cancelled at any byte of its output
 //
 // Properties: stencils hold only 0 and 255; palette images stay consistent;
 // the processed page holds only dots and paper, and the printed graphic is
-// exactly the plain encoding of the page; a cancelled graphic is a whole
-// number of rows followed by the abort and nothing else.
-#include <algorithm>
+// exactly the plain encoding of the page.
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -247,54 +244,6 @@ void pagePipeline(Reader& in) {
   checkGraphic(printer.take(), bits, rowStride, w, h, header, printer.getSkipRightPixels());
 }
 
-void emitter(Reader& in) {
-  const unsigned width = 1 + in.byte() % 200;
-  const unsigned height = 1 + in.byte() % 64;
-  const unsigned skip = in.byte() % (width + 4);
-  cups_page_header2_t header;
-  std::memset(&header, 0, sizeof header);
-  header.NumCopies = in.u32();
-  const size_t cancelAt = in.u32() % 20000;
-  const std::string page = kfuzz::fill(in.rest(), in.restSize(), static_cast<size_t>(width) * height);
-  const auto* bits = reinterpret_cast<const unsigned char*>(page.data());
-
-  MemoryPrinter printer;
-  printer.setSkipRightPixels(skip);
-  printer.setPageHeader(&header);
-  printer.doPrintImage(bits, width, height, width);
-  const std::string full = printer.take();
-  checkGraphic(full, bits, width, width, height, header, skip);
-
-  // Where each row of the download ends in the job.
-  std::vector<unsigned char> rows(bits, bits + page.size());
-  const size_t rowBytes = static_cast<size_t>(kref::grayToMono(int(width), int(height), rows.data(), skip)) / height;
-  std::vector<size_t> rowEnds = {full.find('\n', full.find("~DGR:CUPS.GRF,")) + 1};
-  bool prevAllDots = false;
-  for (unsigned r = 0; r < height; ++r)
-    rowEnds.push_back(rowEnds.back() +
-                      kref::zplLine(&rows[r * rowBytes], static_cast<int>(rowBytes), prevAllDots).size());
-
-  CancellingSink sink(cancelAt);
-  FILE* stream = sink.open();
-  if (stream == nullptr) fail("fopencookie failed");
-  printer.sendTo(stream);
-  printer.setCancelFlag(&sink.cancelled);
-  printer.doPrintImage(bits, width, height, width);
-  const bool cancelled = sink.cancelled != 0;
-  printer.setCancelFlag(nullptr);
-  printer.sendTo(nullptr);  // closes the cookie stream
-  const std::string& cut = sink.text;
-
-  if (!cancelled || cut == full) return;
-  const std::string abort = "~DN\r\n";
-  if (cut.size() < abort.size() || cut.compare(cut.size() - abort.size(), abort.size(), abort) != 0)
-    fail("a cancelled graphic does not end with the abort");
-  const size_t before = cut.size() - abort.size();
-  if (full.compare(0, before, cut, 0, before) != 0) fail("a cancelled graphic differs from the whole one");
-  if (std::find(rowEnds.begin(), rowEnds.end(), before) == rowEnds.end())
-    fail("cancelled after %zu bytes, not at the end of a row", before);
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -304,11 +253,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Reader in(data, size);
-  switch (in.byte() % 4) {
+  switch (in.byte() % 3) {
     case 0: stencilChain(in); break;
     case 1: paletteOperations(in); break;
-    case 2: pagePipeline(in); break;
-    default: emitter(in); break;
+    default: pagePipeline(in); break;
   }
   return 0;
 }

@@ -1,17 +1,19 @@
-// Hostile and broken input through the real filter binary: headers that
+// Whole jobs through the real filter binary, one table: headers that
 // overflow or contradict themselves, extreme resolutions, streams that stop
-// anywhere, odd options and PPDs, outputs that fail, and a job cancelled in
-// the middle of its graphic.
+// anywhere, odd options and PPDs, outputs that fail; then cancelled jobs and
+// the disk budget of what a job may leave behind.
 #include "job_runner.h"
+#include "printer/page_limits.h"
 
 namespace {
 
-// What must come of a hostile job.
+// What must come of a job.
 struct Expect {
   int status;
   int graphics;                          // decoded from standard output; -1: nothing reaches the printer
   std::string error;                     // a text of the log; empty: no error line at all
   std::vector<std::string> output = {};  // texts the printer gets
+  std::vector<std::string> absent = {};  // texts it must not get
 };
 
 void expectJob(const std::string& what, const JobResult& job, const Expect& e) {
@@ -26,135 +28,133 @@ void expectJob(const std::string& what, const JobResult& job, const Expect& e) {
     EXPECT_EQ(graphicsOf(job.out).size(), static_cast<size_t>(e.graphics));
   }
   for (const std::string& text : e.output) EXPECT_TRUE(has(job.out, text)) << text;
+  for (const std::string& text : e.absent) EXPECT_FALSE(has(job.out, text)) << text;
 }
 
-// A header refused by the filter ends the job with an error; the 24 x 16
-// stencil in front of it is printed once and only once.
-TEST(HostileInput, RefusedHeadersEndTheJob) {
-  RawPage wrapped = noisePage(1, 1), noPixels = noisePage(16, 2), noX = noisePage(16, 2), noY = noisePage(16, 2);
-  wrapped.h.cupsWidth = 0x20000001;  // times 8 bits wraps to 8 bits: one byte a row
-  noPixels.h.cupsWidth = 0;
-  noX.h.HWResolution[0] = 0;
-  noY.h.HWResolution[1] = 0;
-  const std::pair<RawPage, const char*> cases[] = {
-      {wrapped, "ERROR:Page header is inconsistent: 536870913 pixels per line but only 1 bytes"},
-      {noPixels, "ERROR:Page header is inconsistent: 16 bytes per line but no pixels"},
-      {noX, "ERROR:Page header has no resolution (0 x 203 dpi)"},
-      {noY, "ERROR:Page header has no resolution (203 x 0 dpi)"},
+RawPage withHeader(RawPage p, void (*change)(cups_page_header2_t&)) {
+  change(p.h);
+  return p;
+}
+
+TEST(WholeJobs, HostileAndBrokenInput) {
+  const std::string label = ppdPath("kelvo203.ppd"), stencil = ppdPath("kelvotat.ppd");
+  const std::string good = rasterStream({noisePage(24, 16)}), stencilPage = rasterStream({noisePage(24, 16, 300, 9)});
+  const std::string header = good.substr(4, sizeof(cups_page_header2_t));
+  const RawPage badHeaders[] = {
+      withHeader(noisePage(1, 1), [](cups_page_header2_t& h) { h.cupsWidth = 0x20000001; }),  // x 8 bits wraps to 8
+      withHeader(noisePage(16, 2), [](cups_page_header2_t& h) { h.cupsWidth = 0; }),
+      withHeader(noisePage(16, 2), [](cups_page_header2_t& h) { h.HWResolution[0] = 0; }),
+      withHeader(noisePage(16, 2), [](cups_page_header2_t& h) { h.HWResolution[1] = 0; }),
+      withHeader(noisePage(16, 2), [](cups_page_header2_t& h) { h.cupsBitsPerPixel = h.cupsBitsPerColor = 0; }),
+      withHeader(noisePage(16, 2), [](cups_page_header2_t& h) { h.cupsBytesPerLine = 0x80000000u; }),
+      withHeader(page(16, 4), [](cups_page_header2_t& h) { h.cupsBitsPerColor = h.cupsBitsPerPixel = 1; }),
+      withHeader(page(16384, 0), [](cups_page_header2_t& h) {  // one row past the page limit
+        h.cupsHeight = static_cast<unsigned>(kKelvoMaxPageBytes / 16384 + 1);
+      }),
+      withHeader(page(65536, 0), [](cups_page_header2_t& h) { h.cupsHeight = 65537; }),  // over 32 bits
   };
-  for (const auto& c : cases)
-    expectJob(c.second, runJob(rasterStream({noisePage(24, 16, 300, 9), c.first}), "HalftoneType=Tattoo",
-                               ppdPath("kelvotat.ppd")),
-              {1, 1, c.second, {"~DGR:CUPS.GRF,48,3,\n"}});
-}
-
-// The page size in millimetres divides by the resolution; the label commands
-// convert it to dots. Neither may misbehave at the ends of the range.
-TEST(HostileInput, ExtremeResolutionsStillPrint) {
-  // 64 and 8 pixels at 1 dpi are 1625.6 by 203.2 mm, which the label
-  // commands turn back into dots at 203 dpi: 12991 and 1623, not 12992 and
-  // 1624, as the single-precision products (329996.78 and 41249.598) are
-  // divided by 25.4 and truncated, the same as for every size.
-  const std::pair<unsigned, const char*> cases[] = {
-      {0xFFFFFFFFu, "SIZE 0.0 mm, 0.0 mm\r\n^XX\r\n^PW0\r\n^LL0\r\n"},
-      {1, "SIZE 1625.6 mm, 203.2 mm\r\n^XX\r\n^PW12991\r\n^LL1623\r\n"},
-  };
-  for (const auto& c : cases)
-    expectJob(std::to_string(c.first) + " dpi",
-              runJob(rasterStream({noisePage(64, 8, c.first)}), "ZplDialect=Kelvo", ppdPath("kelvo203.ppd")),
-              {0, 1, "", {c.second, "~DGR:CUPS.GRF,64,8,\n"}});
-}
-
-// A stream may stop anywhere; what arrived whole is printed and the job
-// ends as the end of a stream does.
-TEST(HostileInput, StreamsThatStopAnywhere) {
-  const std::string whole = rasterStream({noisePage(32, 4)});
-  const std::string header = whole.substr(4, sizeof(cups_page_header2_t));
-  const std::tuple<const char*, std::string, int> cases[] = {
-      {"empty file", "", 0},
-      {"not a raster stream", std::string(5000, 'x'), 0},
-      {"ends inside the first header", whole.substr(0, 900), 0},
-      {"ends inside the second header", whole + header.substr(0, 1000), 1},
-      {"second header without pixels", whole + header, 1},
-  };
-  for (const auto& [what, stream, graphics] : cases)
-    expectJob(what, runJob(stream, "", ppdPath("kelvo203.ppd")), {0, graphics, ""});
-}
-
-// Options are whatever a user typed. The longest single argument Linux passes
-// is 128 KiB. Quotes are the option syntax, not part of the value.
-TEST(HostileInput, OddOptionStrings) {
-  std::string many;
-  while (many.size() < 120 * 1024) many += "opt" + std::to_string(many.size()) + "=x ";
-  const std::pair<const char*, std::string> cases[] = {
-      {"120 KiB of options", many},
-      {"one 120 KiB value", "HalftoneType=" + std::string(120 * 1024, 'T')},
-      {"unterminated quote", "HalftoneType=\"Tattoo PrintSpeed='4"},
-      {"quotes and backslashes", "a='\\\"' b=\"\\'\\\\\" c={x=\"}\" d=\\"},
-      {"no names", "= == =x , ,, \t\n"},
-      {"bytes that are no text", std::string("\x01\xff\xfe=\x80\x81 HalftoneType=\xc3\x28", 20)},
-  };
-  const std::string raster = rasterStream({noisePage(40, 8)});
-  for (const auto& c : cases) expectJob(c.first, runJob(raster, c.second, ppdPath("kelvo203.ppd")), {0, 1, ""});
-  expectJob("quoted", runJob(raster, "PrintSpeed=\"4\"", ppdPath("kelvo203.ppd")), {0, 1, "", {"\r\n^PR4\r\n"}});
-}
-
-// Without a usable PPD there is no page size, and the job is refused before
-// anything reaches the printer.
-TEST(HostileInput, BrokenPpdFiles) {
+  std::string manyOptions;
+  while (manyOptions.size() < 120 * 1024) manyOptions += "opt" + std::to_string(manyOptions.size()) + "=x ";
   const TempFile empty("empty.ppd", ""), binary("binary.ppd", rasterStream({noisePage(16, 16)})),
       headerOnly("header.ppd", "*PPD-Adobe: \"4.3\"\n"),
       longLine("long.ppd", "*PPD-Adobe: \"4.3\"\n*" + std::string(1 << 20, 'k')),
-      longWord("word.ppd", labelPpd(ppdOption("PrintSpeed", "4" + std::string(40, 'x'))));
-  const std::pair<const char*, std::string> cases[] = {
-      {"missing file", "/nonexistent/kelvo.ppd"}, {"empty file", empty.path},
-      {"a directory", testing::TempDir()},        {"not a PPD", binary.path},
-      {"header only", headerOnly.path},           {"a 1 MiB line", longLine.path},
-      {"a choice word of 41 characters", longWord.path},
+      longWord("word.ppd", labelPpd(ppdOption("PrintSpeed", "4" + std::string(40, 'x')))),
+      // Choice words fill the settings' fields to the last character: CUPS
+      // takes at most 40, and a word of 40 arrives whole, matched to its end.
+      fullWords("full-words.ppd", labelPpd(ppdOption("PrintSpeed", "4" + std::string(39, 'x')) +
+                                           ppdOption("PaperType", std::string(31, 'a') + "LabelGaps") +
+                                           ppdOption("Origin", std::string(29, 'o') + "Rotation180") +
+                                           ppdOption("GapsHeight", "3") + ppdOption("Darkness", "30"))),
+      inject("inject.ppd", labelPpd(ppdOption("PrintSpeed", "2^XA^FO50,50^FDINJECTED^FS^XZ")));
+  const std::string noPageSize = "ERROR: Paper size must not less than 1.0 : (0.000000, 0.000000)\n";
+  const std::string cannotSend = "ERROR:Unable to send the job to the printer: writing standard output failed ";
+  const std::string fiftyPages = rasterStream(std::vector<RawPage>(50, noisePage(400, 300)));
+
+  struct Row {
+    const char* what;
+    std::string stream, options, ppd;
+    Expect expect;
+    Output output = Output::Capture;
   };
-  const std::string raster = rasterStream({noisePage(16, 4)});
-  for (const auto& c : cases)
-    expectJob(c.first, runJob(raster, "", c.second),
-              {1, -1, "ERROR: Paper size must not less than 1.0 : (0.000000, 0.000000)\n"});
-}
-
-// Choice words fill the settings' fields to the last character: CUPS takes
-// at most 40, and a word of 40 arrives whole, matched to its end and sent as
-// it is.
-TEST(HostileInput, ChoiceWordsAsLongAsTheFields) {
-  const std::string speed = "4" + std::string(39, 'x');
-  const TempFile ppd("long-words.ppd", labelPpd(ppdOption("PrintSpeed", speed) +
-                                                ppdOption("PaperType", std::string(31, 'a') + "LabelGaps") +
-                                                ppdOption("Origin", std::string(29, 'o') + "Rotation180") +
-                                                ppdOption("GapsHeight", "3") + ppdOption("Darkness", "30")));
-  // A speed word the printer would not take as a speed is left out.
-  expectJob("long words", runJob(rasterStream({noisePage(16, 4)}), "", ppd.path),
-            {0, 1, "", {"\r\n^MNY\r\n^POI\r\n~SD30\r\n^XZ\r\n"}});
-}
-
-// A crafted PPD cannot put commands into the job through the speed word.
-TEST(HostileInput, InjectedSpeedWritesNoSpeed) {
-  const TempFile ppd("inject.ppd", labelPpd(ppdOption("PrintSpeed", "2^XA^FO50,50^FDINJECTED^FS^XZ")));
-  const JobResult job = runJob(rasterStream({noisePage(16, 4)}), "", ppd.path);
-  expectJob("injected speed", job, {0, 1, ""});
-  EXPECT_FALSE(has(job.out, "^PR")) << job.out.substr(0, 300);
-  EXPECT_FALSE(has(job.out, "INJECTED"));
-  EXPECT_TRUE(has(job.err, "WARNING: Print speed \"2^XA^FO50,50^FDINJECTED^FS^XZ\" is not a speed")) << job.err;
-}
-
-// A printer that cannot be written to ends the job with an error, promptly,
-// at the first of many pages.
-TEST(HostileInput, OutputThatFails) {
-  const std::pair<Output, const char*> cases[] = {
-      {Output::DevFull, "ERROR:Unable to send the job to the printer: writing standard output failed (No space left on device)"},
-      {Output::BrokenPipe, "ERROR:Unable to send the job to the printer: writing standard output failed (Broken pipe)"},
-      {Output::Closed, "ERROR:Standard output is closed, there is nowhere to send the job"},
+  const Row rows[] = {
+      // A header refused by the filter ends the job with an error; the stencil
+      // in front of it is printed once and only once.
+      {"wrapping width", stencilPage + rasterStream({badHeaders[0]}).substr(4), "HalftoneType=Tattoo", stencil,
+       {1, 1, "ERROR:Page header is inconsistent: 536870913 pixels per line but only 1 bytes", {"~DGR:CUPS.GRF,48,3,\n"}}},
+      {"no pixels", stencilPage + rasterStream({badHeaders[1]}).substr(4), "HalftoneType=Tattoo", stencil,
+       {1, 1, "ERROR:Page header is inconsistent: 16 bytes per line but no pixels"}},
+      {"no x resolution", stencilPage + rasterStream({badHeaders[2]}).substr(4), "HalftoneType=Tattoo", stencil,
+       {1, 1, "ERROR:Page header has no resolution (0 x 203 dpi)"}},
+      {"no y resolution", stencilPage + rasterStream({badHeaders[3]}).substr(4), "HalftoneType=Tattoo", stencil,
+       {1, 1, "ERROR:Page header has no resolution (203 x 0 dpi)"}},
+      // Headers libcups refuses and bytes that are no page end the job with an
+      // error; the page before them stays printed.
+      {"no bits per pixel", good + rasterStream({badHeaders[4]}).substr(4), "", label,
+       {1, 1, "ERROR:Page 2: the raster stream holds"}},
+      {"bytes per line of 2^31", good + rasterStream({badHeaders[5]}).substr(4), "", label, {1, 1, "ERROR:Page 2:"}},
+      {"garbage after a page", good + std::string(3000, 'x'), "", label, {1, 1, "bytes that are not a raster page"}},
+      {"1-bit page", rasterStream({badHeaders[6], page(16, 4)}), "", label,
+       {1, 0, "ERROR:Unsupported bits per pixel : 1 ! Requires 8 bits per pixel!\n", {}, {"^XA", "SIZE"}}},
+      {"page over the limit", rasterStream({badHeaders[7]}), "", label, {1, 0, "ERROR:Page of 16384 x", {}, {"^XA"}}},
+      {"page bytes overflow", rasterStream({badHeaders[8]}), "", label, {1, 0, "ERROR:Page of 65536 x 65537"}},
+      // A stream may stop anywhere; what arrived whole is printed and the job
+      // ends as the end of a stream does. A zero-height page is the end mark
+      // some spoolers send.
+      {"empty file", "", "", label, {0, 0, ""}},
+      {"not a raster stream", std::string(5000, 'x'), "", label, {0, 0, ""}},
+      {"ends inside the first header", good.substr(0, 900), "", label, {0, 0, ""}},
+      {"ends inside the second header", good + header.substr(0, 1000), "", label, {0, 1, ""}},
+      {"second header without pixels", good + header, "", label, {0, 1, ""}},
+      {"zero height ends the job", rasterStream({noisePage(24, 16), page(16, 0), noisePage(8, 8)}), "", label,
+       {0, 1, ""}},
+      {"pixels that end early", good.substr(0, good.size() - 40), "", label, {0, 0, "", {"^XZ\r\n\r\n"}, {"~DG"}}},
+      // The page size in millimetres divides by the resolution, and the label
+      // commands turn it back into dots at 203 dpi: 64 and 8 pixels at 1 dpi
+      // are 1625.6 by 203.2 mm, 12991 and 1623 dots, not 12992 and 1624, as
+      // the single-precision products (329996.78 and 41249.598) are divided by
+      // 25.4 and truncated.
+      {"2^32-1 dpi", rasterStream({noisePage(64, 8, 0xFFFFFFFFu)}), "ZplDialect=Kelvo", label,
+       {0, 1, "", {"SIZE 0.0 mm, 0.0 mm\r\n^XX\r\n^PW0\r\n^LL0\r\n", "~DGR:CUPS.GRF,64,8,\n"}}},
+      {"1 dpi", rasterStream({noisePage(64, 8, 1)}), "ZplDialect=Kelvo", label,
+       {0, 1, "", {"SIZE 1625.6 mm, 203.2 mm\r\n^XX\r\n^PW12991\r\n^LL1623\r\n"}}},
+      // Options are whatever a user typed; the longest single argument Linux
+      // passes is 128 KiB. Quotes are the option syntax, not the value.
+      {"120 KiB of options", good, manyOptions, label, {0, 1, ""}},
+      {"one 120 KiB value", good, "HalftoneType=" + std::string(120 * 1024, 'T'), label, {0, 1, ""}},
+      {"unterminated quote", good, "HalftoneType=\"Tattoo PrintSpeed='4", label, {0, 1, ""}},
+      {"quotes and backslashes", good, "a='\\\"' b=\"\\'\\\\\" c={x=\"}\" d=\\", label, {0, 1, ""}},
+      {"no names", good, "= == =x , ,, \t\n", label, {0, 1, ""}},
+      {"bytes that are no text", good, std::string("\x01\xff\xfe=\x80\x81 HalftoneType=\xc3\x28", 20), label,
+       {0, 1, ""}},
+      {"quoted", good, "PrintSpeed=\"4\"", label, {0, 1, "", {"\r\n^PR4\r\n"}}},
+      // Without a usable PPD there is no page size, and nothing is printed.
+      {"missing PPD", good, "", "/nonexistent/kelvo.ppd", {1, -1, noPageSize}},
+      {"empty PPD", good, "", empty.path, {1, -1, noPageSize}},
+      {"PPD is a directory", good, "", testing::TempDir(), {1, -1, noPageSize}},
+      {"not a PPD", good, "", binary.path, {1, -1, noPageSize}},
+      {"PPD header only", good, "", headerOnly.path, {1, -1, noPageSize}},
+      {"a 1 MiB PPD line", good, "", longLine.path, {1, -1, noPageSize}},
+      {"a choice word of 41 characters", good, "", longWord.path, {1, -1, noPageSize}},
+      // A speed word the printer would not take as a speed is left out, and
+      // a crafted one cannot put commands into the job.
+      {"words of 40 characters", good, "", fullWords.path, {0, 1, "", {"\r\n^MNY\r\n^POI\r\n~SD30\r\n^XZ\r\n"}}},
+      {"injected speed", good, "", inject.path, {0, 1, "", {}, {"^PR", "INJECTED"}}},
+      // A printer that cannot be written to ends the job with an error,
+      // promptly, at the first of many pages.
+      {"printer link full", fiftyPages, "", label, {1, -1, cannotSend + "(No space left on device)"}, Output::DevFull},
+      {"printer link broken", fiftyPages, "", label, {1, -1, cannotSend + "(Broken pipe)"}, Output::BrokenPipe},
+      {"output closed", fiftyPages, "", label,
+       {1, -1, "ERROR:Standard output is closed, there is nowhere to send the job"}, Output::Closed},
   };
-  const std::string raster = rasterStream(std::vector<RawPage>(50, noisePage(400, 300)));
-  for (const auto& c : cases) {
-    const JobResult job = runJob(raster, "", ppdPath("kelvo203.ppd"), c.first);
-    expectJob(c.second, job, {1, -1, c.second});
-    EXPECT_FALSE(has(job.err, "PAGE: 2 ")) << c.second << ": went on after the failure";
+  for (const Row& row : rows) {
+    const JobResult job = runJob(row.stream, row.options, row.ppd, row.output);
+    expectJob(row.what, job, row.expect);
+    if (row.output != Output::Capture) {
+      EXPECT_FALSE(has(job.err, "PAGE: 2 ")) << row.what << ": went on after the failure";
+    }
+    if (std::string(row.what) == "injected speed") {
+      EXPECT_TRUE(has(job.err, "WARNING: Print speed \"2^XA^FO50,50^FDINJECTED^FS^XZ\" is not a speed")) << job.err;
+    }
   }
 }
 
@@ -211,24 +211,6 @@ TEST(Cancel, SigtermInTheMiddleOfAPage) {
   const size_t sent = job.out.size() - abort.size();
   EXPECT_LT(sent, whole.out.size() - 100000) << "the page was not cut short";
   EXPECT_EQ(job.out.compare(0, sent, whole.out, 0, sent), 0);
-}
-
-// Headers libcups refuses (no bits per pixel, a line of 2^31 bytes) and
-// bytes that are no page after a good one end the job with an error; the
-// page before them stays printed. A zero-height page is the end mark some
-// spoolers send and ends the job well.
-TEST(HostileInput, StreamsEndingOnRefusedHeaders) {
-  RawPage noBits = noisePage(16, 2), hugeLine = noisePage(16, 2), zeroHeight = page(16, 0);
-  noBits.h.cupsBitsPerPixel = noBits.h.cupsBitsPerColor = 0;
-  hugeLine.h.cupsBytesPerLine = 0x80000000u;
-  const std::string good = rasterStream({noisePage(24, 16)});
-  const std::tuple<const char*, std::string, Expect> cases[] = {
-      {"no bits per pixel", rasterStream({noisePage(24, 16), noBits}), {1, 1, "ERROR:Page 2: the raster stream holds"}},
-      {"bytes per line of 2^31", rasterStream({noisePage(24, 16), hugeLine}), {1, 1, "ERROR:Page 2:"}},
-      {"garbage after a page", good + std::string(3000, 'x'), {1, 1, "bytes that are not a raster page"}},
-      {"zero height ends the job", rasterStream({noisePage(24, 16), zeroHeight, noisePage(8, 8)}), {0, 1, ""}},
-  };
-  for (const auto& [what, stream, expect] : cases) expectJob(what, runJob(stream, "", ppdPath("kelvo203.ppd")), expect);
 }
 
 // Cancelling is the spooler's decision, not a failure: with the printer

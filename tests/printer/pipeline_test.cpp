@@ -163,55 +163,6 @@ TEST_F(SavedImage, OneBitRowsBottomUpWithPaperBitsSet) {
   EXPECT_EQ(bmp.substr(62), std::string(reinterpret_cast<const char*>(rows), 8));
 }
 
-// Only the newest 64 pictures stay, oldest removed first; files of other
-// names, links and what they point to are left alone.
-TEST_F(SavedImage, FolderKeepsABoundedNumberOfOwnPictures) {
-  const std::string other = dir + "/kelvozpl-debug-keep.txt", target = dir + "/target";
-  std::fclose(std::fopen(other.c_str(), "w"));
-  std::fclose(std::fopen(target.c_str(), "w"));
-  ASSERT_EQ(symlink(target.c_str(), (dir + "/kelvozpl-debug-link.bmp").c_str()), 0);
-  const unsigned char data[4] = {1, 2, 3, 4};
-  for (int i = 0; i < 70; ++i) p.saveImage(data, 2, 2, 2, 8, "origin");
-  const std::vector<std::string> pictures = files("/kelvozpl-debug-origin-*.bmp");
-  ASSERT_EQ(pictures.size(), 64u);
-  // Names carry the page number: 6 to 69 remain.
-  std::vector<int> numbers;
-  for (const std::string& path : pictures) {
-    const size_t end = path.rfind('-'), start = path.rfind('-', end - 1);
-    numbers.push_back(std::stoi(path.substr(start + 1, end - start - 1)));
-  }
-  std::sort(numbers.begin(), numbers.end());
-  EXPECT_EQ(numbers.front(), 6);
-  EXPECT_EQ(numbers.back(), 69);
-  for (const std::string& kept : {other, target, dir + "/kelvozpl-debug-link.bmp"})
-    EXPECT_EQ(access(kept.c_str(), F_OK), 0) << kept;
-}
-
-// A link planted under the name the next picture gets is neither followed
-// nor replaced; the picture is skipped with a warning.
-TEST_F(SavedImage, PlantedLinkIsNotFollowed) {
-  const std::string target = dir + "/precious";
-  std::FILE* f = std::fopen(target.c_str(), "w");
-  std::fputs("keep", f);
-  std::fclose(f);
-  const time_t now = time(nullptr);
-  for (time_t t = now; t < now + 3; ++t) {  // the name carries the second it is made in
-    struct tm local {};
-    localtime_r(&t, &local);
-    char name[256];
-    std::snprintf(name, sizeof name, "%s/kelvozpl-debug-origin-job_7-%d-0-%04d%02d%02d%02d%02d%02d.bmp", dir.c_str(),
-                  static_cast<int>(getpid()), local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
-                  local.tm_min, local.tm_sec);
-    ASSERT_EQ(symlink(target.c_str(), name), 0);
-  }
-  const unsigned char data[4] = {1, 2, 3, 4};
-  testing::internal::CaptureStderr();
-  p.saveImage(data, 2, 2, 2, 8, "origin");
-  const std::string err = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(err.rfind("WARNING: Debug picture not saved: unable to create " + dir, 0), 0u) << err;
-  EXPECT_EQ(readFile(target), "keep");
-}
-
 TEST_F(SavedImage, UnwritableDirectoryOnlyCostsTheMessage) {
   p.setDebugImages(true, "/nonexistent-kelvo-dir", "x");
   const unsigned char data[4] = {};

@@ -86,14 +86,8 @@ TEST(PipelineEquivalence, EveryTypeAndWidth) {
       expectSamePage(p, kref::randomPage(width, height, stride, rng()), stride, width, height, o);
     }
   }
-}
-
-// Pages wider than any row above, half of them with a skipped right edge.
-TEST(PipelineEquivalence, LargePages) {
-  std::mt19937 rng(77);
-  CapturePrinter p;
-  struct Size { int w, h; };
-  for (const Size s : {Size{812, 40}, Size{2481, 13}, Size{333, 97}, Size{1024, 31}}) {
+  // Pages wider than any row above, half of them with a skipped right edge.
+  for (const int w : {812, 2481, 333}) {
     for (int type = 0; type <= 9; ++type) {
       kref::Options o;
       o.type = type;
@@ -101,7 +95,8 @@ TEST(PipelineEquivalence, LargePages) {
       o.mirror = type % 4 == 2;
       o.brightness = type % 2 ? 15 : 0;
       p.setSkipRightPixels(type % 2 ? 0 : 5);
-      expectSamePage(p, kref::randomPage(s.w, s.h, s.w, rng()), s.w, s.w, s.h, o);
+      const int h = 13 + type * 3;
+      expectSamePage(p, kref::randomPage(w, h, w, rng()), w, w, h, o);
     }
   }
 }

@@ -6,7 +6,7 @@
 # printer on 127.0.0.1, prints the sample pictures (and any files you name),
 # and turns what the printers received into PNG pages with zplpreview.
 #
-# Usage: e2e/try-driver.sh [--build-dir DIR] [--out DIR] [--hold] [file ...]
+# Usage: tools/try-driver.sh [--build-dir DIR] [--out DIR] [--hold] [file ...]
 #   --build-dir DIR  build tree to use (default build/release; configured and
 #                    built as needed)
 #   --out DIR        where the ZPL jobs and PNG pages go (default: a new
@@ -19,7 +19,7 @@ set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 src=$(dirname "$here")
 # shellcheck source=e2e/lib.sh
-. "$here/lib.sh"
+. "$src/e2e/lib.sh"
 
 build=$src/build/release out="" hold=0 extra=()
 while [ $# -gt 0 ]; do
