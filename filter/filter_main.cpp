@@ -21,6 +21,7 @@
 #include "printer/zpl_printer.h"
 #include "support/kelvo_log.h"
 #include "support/kelvo_string.h"
+#include "support/page_buffer.h"
 #include "support/safe_files.h"
 
 // Where the debug pictures go when the spooler does not say (CUPS gives its
@@ -230,6 +231,7 @@ struct RasterSource {
 // Reads and prints pages until the stream ends; returns the exit status.
 int pageLoop(cups_raster_t* raster, RasterSource& source, Settings& settings, KelvoPrinter& printer,
              unsigned char*& buffer) {
+  size_t bufferBytes = 0;
   cups_page_header2_t header;
   int pageCount = 0;
   FILE* out = printer.getOutputStreams().front();
@@ -256,9 +258,12 @@ int pageLoop(cups_raster_t* raster, RasterSource& source, Settings& settings, Ke
     if (!pageFits(header)) return 1;
     const unsigned int pageBytes = header.cupsBytesPerLine * header.cupsHeight;
 
-    unsigned char* grown = static_cast<unsigned char*>(std::realloc(buffer, pageBytes));
-    if (grown == nullptr) return 1;
-    buffer = grown;
+    if (pageBytes > bufferBytes) {  // the old contents are not needed
+      std::free(buffer);
+      buffer = static_cast<unsigned char*>(kelvoPageBuffer(pageBytes));
+      bufferBytes = buffer != nullptr ? pageBytes : 0;
+      if (buffer == nullptr) return 1;
+    }
 
     // From here on the raster's own size is the page size of the job.
     settings.pageWidth = static_cast<float>(header.cupsWidth * 25.4 / header.HWResolution[0]);

@@ -1,5 +1,7 @@
 #include "image/palette_image.h"
 
+#include "support/page_buffer.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -68,11 +70,12 @@ void* PaletteImage::Create(unsigned int width, unsigned int height, unsigned int
   // Zero the whole block, pixel rows and their padding included: the graphic
   // emitter reads the padding, and printed bytes must never depend on
   // whatever the allocator left behind.
-  dib = std::calloc(1, GetSize());
+  dib = kelvoPageBuffer(GetSize());
   if (dib == nullptr) {
     setError(info, "PaletteImage::Create can't allocate memory");
     return nullptr;
   }
+  std::memset(dib, 0, GetSize());
   std::memcpy(dib, &header, kHeaderSize);
   info.bits = GetBits(0);
   return dib;

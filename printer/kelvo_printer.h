@@ -15,6 +15,8 @@
 #include "printer/job_settings.h"
 #include "support/halftone_type.h"
 
+class JVImage;
+
 class KelvoPrinter {
  public:
   // Opaque value for the owner; never defined, never read by the printer.
@@ -118,6 +120,11 @@ class KelvoPrinter {
   int GrayToMono(int bpl, int h, unsigned char* data);
 
  protected:
+  // The stencil chain on a page without row padding, into `pimage`.
+  bool stencilPage(JVImage& src);
+  // Negative printing and the anti-wrinkle frame on `pimage`.
+  bool finishPage();
+
   PaletteImage workImage_;
   PaletteImage stencilImage_;
   PaletteImage* pimage;

@@ -155,6 +155,20 @@ bool KelvoPrinter::PageProcess(DitherType type, const unsigned char* data, int s
   useJVDithering_ = halftoneType_ == Tattoo || halftoneType_ == Tattoo_X8;
   kelvoLogCommon(LogDebug, "PageProcess: JV dithering is %s", useJVDithering_ ? "enabled" : "disabled");
 
+  // A stencil page without transforms goes to the chain straight from the
+  // raster: one page-sized copy fewer, the same bytes.
+  const bool transformed = brightness_ != 0 || contrast_ != 0 || rotate180Print_ || mirrorPrint_;
+  if (useJVDithering_ && !transformed) {
+    if (width <= 0 || height <= 0) return false;
+    JVImage src(width, height, JV_IMG_GRAY);
+    const size_t copied = static_cast<size_t>(std::min(width, std::max(stride, 0)));
+    for (int y = 0; y < height; ++y) {
+      unsigned char* row = src.data + static_cast<size_t>(y) * width;
+      std::memcpy(row, data + static_cast<size_t>(y) * static_cast<size_t>(stride), copied);
+      std::memset(row + copied, 0, static_cast<size_t>(width) - copied);
+    }
+    return stencilPage(src);
+  }
   if (!workImage_.CreateFromArray(const_cast<unsigned char*>(data), width, height, 8, stride, false)) {
     kelvoLogCommon(LogCrit, "image.CreateFromArray with grey failed!");
     return false;
@@ -181,16 +195,9 @@ bool KelvoPrinter::PageProcess(DitherType type, const unsigned char* data, int s
     JVImage src(width, height, JV_IMG_GRAY);
     for (int y = 0; y < height; ++y)
       std::memcpy(src.data + static_cast<size_t>(y) * width, workImage_.GetBits(y), static_cast<size_t>(width));
-    // The guarded entries give the chain's bytes for every page and also
-    // finish on blank and two-level pages.
-    JVImage stencil = halftoneType_ == Tattoo_X8 ? jvTattooDitheringX8Guarded(src) : jvTattooDitheringGuarded(src);
-    kelvoLogCommon(LogDebug, "PageProcess: Applied JV dithering, width %d", width);
-    if (!stencilImage_.CreateFromArray(stencil.data, width, height, 8, width, false)) {
-      kelvoLogCommon(LogError, "PageProcess: Failed to create a new PaletteImage from JV dithered data");
-      return false;
-    }
-    pimage = &stencilImage_;
-  } else {
+    return stencilPage(src);
+  }
+  {
     // The type goes to Dither unchanged: the method numbers sit one place off
     // the names ("FloydSteinberg" runs the ordered dither and so on), and
     // printers in the field have been tuned to that.
@@ -203,6 +210,23 @@ bool KelvoPrinter::PageProcess(DitherType type, const unsigned char* data, int s
     kelvoLogCommon(LogDebug, "PageProcess: Applied default dithering (%u colours)", pimage->GetNumColors());
   }
 
+  return finishPage();
+}
+
+bool KelvoPrinter::stencilPage(JVImage& src) {
+  // The guarded entries give the chain's bytes for every page and also
+  // finish on blank and two-level pages.
+  JVImage stencil = halftoneType_ == Tattoo_X8 ? jvTattooDitheringX8Guarded(src) : jvTattooDitheringGuarded(src);
+  kelvoLogCommon(LogDebug, "PageProcess: Applied JV dithering, width %d", src.width);
+  if (!stencilImage_.CreateFromArray(stencil.data, src.width, src.height, 8, src.width, false)) {
+    kelvoLogCommon(LogError, "PageProcess: Failed to create a new PaletteImage from JV dithered data");
+    return false;
+  }
+  pimage = &stencilImage_;
+  return finishPage();
+}
+
+bool KelvoPrinter::finishPage() {
   kelvoLogCommon(LogDebug, "PageProcess: negativePrint_ %d", negativePrint_ ? 1 : 0);
   if (negativePrint_) {
     kelvoLogCommon(LogDebug, "PageProcess: Inverting the image for negative print");

@@ -1,12 +1,12 @@
 #include "stencil/jv_image.h"
 
+#include "support/page_buffer.h"
+
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <utility>
 
-#if defined(__linux__)
-#include <sys/mman.h>
-#endif
 
 int jvChannelsOf(JV_IMG_COLOR color) {
   switch (color) {
@@ -30,36 +30,6 @@ size_t bufferBytes(int32_t width, int32_t height, int32_t channels) {
   if (pixels < 0 || channels < 0 || __builtin_mul_overflow(pixels, static_cast<int64_t>(channels), &bytes))
     throw std::bad_alloc();
   return static_cast<size_t>(bytes);
-}
-
-// Page-sized buffers are the bulk of what a page costs beyond its
-// arithmetic: each fresh 4 KiB page of memory is a page fault, and on a
-// virtual machine that hands unused memory back to its host, a costly one.
-// Buffers of a few MiB and more are therefore aligned to 2 MiB and offered
-// to the kernel for transparent huge pages (where it grants them only on
-// request): a few faults a buffer instead of thousands. Elsewhere they are
-// plain allocations.
-const size_t kHugePage = size_t{2} << 20;
-const size_t kHugeFrom = size_t{4} << 20;
-
-bool hugeSized(size_t n) { return n >= kHugeFrom; }
-
-unsigned char* allocateBytes(size_t n, bool* huge) {
-  *huge = hugeSized(n);
-  if (!*huge) return new unsigned char[n];
-  const size_t rounded = (n + kHugePage - 1) / kHugePage * kHugePage;
-  auto* p = static_cast<unsigned char*>(::operator new[](rounded, std::align_val_t(kHugePage)));
-#if defined(__linux__) && defined(MADV_HUGEPAGE)
-  madvise(p, rounded, MADV_HUGEPAGE);  // advice only: failing changes nothing
-#endif
-  return p;
-}
-
-void releaseBytes(unsigned char* p, bool huge) noexcept {
-  if (!huge)
-    delete[] p;
-  else
-    ::operator delete[](p, std::align_val_t(kHugePage));
 }
 
 }  // namespace
@@ -93,10 +63,9 @@ JVImage& JVImage::operator=(const JVImage& other) {
 
 JVImage::JVImage(JVImage&& other) noexcept
     : width(other.width), height(other.height), channels(other.channels), color(other.color),
-      data(other.data), hugeBuffer_(other.hugeBuffer_) {
+      data(other.data) {
   other.width = other.height = other.channels = 0;
   other.data = nullptr;
-  other.hugeBuffer_ = false;
 }
 
 JVImage& JVImage::operator=(JVImage&& other) noexcept {
@@ -107,10 +76,8 @@ JVImage& JVImage::operator=(JVImage&& other) noexcept {
   channels = other.channels;
   color = other.color;
   data = other.data;
-  hugeBuffer_ = other.hugeBuffer_;
   other.width = other.height = other.channels = 0;
   other.data = nullptr;
-  other.hugeBuffer_ = false;
   return *this;
 }
 
@@ -123,10 +90,12 @@ int64_t JVImage::byteCount() const {
   return static_cast<int64_t>(width) * height * channels;
 }
 
-void JVImage::allocate() { data = allocateBytes(bufferBytes(width, height, channels), &hugeBuffer_); }
+void JVImage::allocate() {
+  data = static_cast<unsigned char*>(kelvoPageBuffer(bufferBytes(width, height, channels)));
+  if (data == nullptr) throw std::bad_alloc();
+}
 
 void JVImage::release() noexcept {
-  releaseBytes(data, hugeBuffer_);
+  std::free(data);
   data = nullptr;
-  hugeBuffer_ = false;
 }

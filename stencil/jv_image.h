@@ -45,5 +45,4 @@ class JVImage {
   void allocate();
   void release() noexcept;
   // The buffer came from the 2 MiB-aligned allocation for large pages.
-  bool hugeBuffer_ = false;
 };
