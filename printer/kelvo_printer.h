@@ -122,6 +122,8 @@ class KelvoPrinter {
  protected:
   // The stencil chain on a page without row padding, into `pimage`.
   bool stencilPage(JVImage& src);
+  // The chain's result into `pimage`, then finishPage().
+  bool stencilResult(JVImage& stencil);
   // Negative printing and the anti-wrinkle frame on `pimage`.
   bool finishPage();
 

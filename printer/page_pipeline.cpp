@@ -158,6 +158,10 @@ bool KelvoPrinter::PageProcess(DitherType type, const unsigned char* data, int s
   // A stencil page without transforms goes to the chain straight from the
   // raster: one page-sized copy fewer, the same bytes.
   const bool transformed = brightness_ != 0 || contrast_ != 0 || rotate180Print_ || mirrorPrint_;
+  if (useJVDithering_ && !transformed && stride == width && width > 0 && height > 0) {
+    JVImage stencil = jvTattooStencilOfGray(data, width, height, halftoneType_ == Tattoo_X8);
+    return stencilResult(stencil);
+  }
   if (useJVDithering_ && !transformed) {
     if (width <= 0 || height <= 0) return false;
     JVImage src(width, height, JV_IMG_GRAY);
@@ -217,8 +221,12 @@ bool KelvoPrinter::stencilPage(JVImage& src) {
   // The guarded entries give the chain's bytes for every page and also
   // finish on blank and two-level pages.
   JVImage stencil = halftoneType_ == Tattoo_X8 ? jvTattooDitheringX8Guarded(src) : jvTattooDitheringGuarded(src);
-  kelvoLogCommon(LogDebug, "PageProcess: Applied JV dithering, width %d", src.width);
-  if (!stencilImage_.CreateFromArray(stencil.data, src.width, src.height, 8, src.width, false)) {
+  return stencilResult(stencil);
+}
+
+bool KelvoPrinter::stencilResult(JVImage& stencil) {
+  kelvoLogCommon(LogDebug, "PageProcess: Applied JV dithering, width %d", stencil.width);
+  if (!stencilImage_.CreateFromArray(stencil.data, stencil.width, stencil.height, 8, stencil.width, false)) {
     kelvoLogCommon(LogError, "PageProcess: Failed to create a new PaletteImage from JV dithered data");
     return false;
   }

@@ -20,17 +20,10 @@ enum class Variant { Tattoo, X8 };
 // diffusion, as the separate stages compute them, but without their page-
 // sized intermediate records: gamma is a table applied as the rows stream
 // through the blur, and the diffusion runs in place on the sharpened page.
-JVImage tattooChain(JVImage& src, Variant variant, bool guarded, const JVRunOptions& options) {
-  const int32_t n = static_cast<int32_t>(static_cast<uint32_t>(src.width) * static_cast<uint32_t>(src.height));
-  if (n <= 0) return JVImage(src);
-
-  // A one-byte gray record is its own gray page; others are converted.
-  JVImage converted(0, 0, JV_IMG_GRAY);
-  const unsigned char* gray = src.data;
-  if (src.color != JV_IMG_GRAY || src.channels != 1) {
-    converted = cvtGray(src);
-    gray = converted.data;
-  }
+// `gray`: one byte a pixel, width * height pixels, which must be positive.
+JVImage grayChain(const unsigned char* gray, int width, int height, Variant variant, bool guarded,
+                  const JVRunOptions& options) {
+  const int32_t n = static_cast<int32_t>(static_cast<uint32_t>(width) * static_cast<uint32_t>(height));
   // Measured before any enhancement.
   const int t = jvk::momentsThreshold(gray, n, guarded);
   uint8_t table[256];
@@ -39,10 +32,20 @@ JVImage tattooChain(JVImage& src, Variant variant, bool guarded, const JVRunOpti
   else
     jvk::gammaTable(t, 0.5f, 1.5f, guarded, table);
 
-  JVImage out = jvUnsharpGray(gray, src.width, src.height, table, 300.0f, 11, options);
+  JVImage out = jvUnsharpGray(gray, width, height, table, 300.0f, 11, options);
   jvk::edfInPlace(out.data, out.width, out.height, t, jvk::kernelsFor(jvSimdLevelFor(options)),
                   jvThreadsFor(options, static_cast<int64_t>(out.width) * out.height));
   return out;
+}
+
+JVImage tattooChain(JVImage& src, Variant variant, bool guarded, const JVRunOptions& options) {
+  const int32_t n = static_cast<int32_t>(static_cast<uint32_t>(src.width) * static_cast<uint32_t>(src.height));
+  if (n <= 0) return JVImage(src);
+  // A one-byte gray record is its own gray page; others are converted.
+  if (src.color == JV_IMG_GRAY && src.channels == 1)
+    return grayChain(src.data, src.width, src.height, variant, guarded, options);
+  const JVImage converted = cvtGray(src);
+  return grayChain(converted.data, src.width, src.height, variant, guarded, options);
 }
 
 }  // namespace
@@ -78,4 +81,10 @@ JVImage jvTattooDitheringGuarded(JVImage& src, const JVRunOptions& options) {
 
 JVImage jvTattooDitheringX8Guarded(JVImage& src, const JVRunOptions& options) {
   return tattooChain(src, Variant::X8, true, options);
+}
+
+JVImage jvTattooStencilOfGray(const unsigned char* gray, int width, int height, bool x8, const JVRunOptions& options) {
+  const int64_t n = static_cast<int64_t>(width) * height;
+  if (width <= 0 || height <= 0 || n > INT32_MAX) return JVImage(0, 0, JV_IMG_GRAY);
+  return grayChain(gray, width, height, x8 ? Variant::X8 : Variant::Tattoo, true, options);
 }

@@ -27,3 +27,8 @@ JVImage jvTattooDitheringGuarded(JVImage& src);
 JVImage jvTattooDitheringX8Guarded(JVImage& src);
 JVImage jvTattooDitheringGuarded(JVImage& src, const JVRunOptions& options);
 JVImage jvTattooDitheringX8Guarded(JVImage& src, const JVRunOptions& options);
+// The guarded chain (X8 when `x8`) of a gray page given as rows of `width`
+// bytes, read in place: no copy of the page is made first. An empty record
+// when the page has no pixels or more than fit 31 bits.
+JVImage jvTattooStencilOfGray(const unsigned char* gray, int width, int height, bool x8,
+                              const JVRunOptions& options = JVRunOptions());

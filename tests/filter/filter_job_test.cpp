@@ -3,6 +3,7 @@
 
 #include "filter/filter_main.h"
 #include "job_runner.h"
+#include "tests/reference/reference.h"
 
 namespace {
 
@@ -89,6 +90,44 @@ TEST(FilterJob, EveryWidthPrintsStraightWithItsBands) {
         }
       EXPECT_EQ(wrong, 0) << options << ", width " << w;
     }
+  }
+}
+
+// Every halftone and page option a job can choose, through the program on a
+// page of noise 45 dots wide (rows padded in the image): the printed dots
+// are the plain definition's page for that choice, dot for dot.
+TEST(FilterJob, EveryHalftoneAndPageOptionPrintsItsPlainPage) {
+  const unsigned width = 45, height = 13;
+  const RawPage noise = noisePage(width, height, 203, 11);
+  const std::vector<uint8_t> data(noise.pixels.begin(), noise.pixels.end());
+  const std::string raster = rasterStream({noise});
+  const char* names[] = {"None", "FloydSteinberg", "Ordered", "Burkes", "Stucki",
+                         "JarvisJudiceNinke", "Sierra", "StevensonArce", "Tattoo", "Tattoo_X8"};
+  struct Row { std::string options; kref::Options o; };
+  std::vector<Row> rows;
+  for (int type = 0; type < 10; ++type) {
+    kref::Options o;
+    o.type = type;
+    rows.push_back({std::string("HalftoneType=") + names[type], o});
+    o.brightness = type % 2 ? -30 : 40;
+    o.mirror = type % 3 == 0;
+    o.negative = type % 3 != 2;
+    rows.push_back({std::string("HalftoneType=") + names[type] + " Brightness=" + std::to_string(o.brightness) +
+                        (o.mirror ? " MirrorImage=True" : "") + (o.negative ? " NegativeImage=True" : ""),
+                    o});
+  }
+  for (const Row& row : rows) {
+    const JobResult job = runJob(raster, row.options, ppdPath("kelvo203.ppd"));
+    ASSERT_EQ(job.status, 0) << row.options << "\n" << job.err;
+    const std::vector<ZplGraphic> graphics = graphicsOf(job.out);
+    ASSERT_EQ(graphics.size(), 1u) << row.options;
+    const kref::Page want = kref::processPage(data.data(), width, width, height, row.o);
+    long wrong = 0;
+    for (unsigned y = 0; y < height; ++y)
+      for (unsigned x = 0; x < width; ++x)
+        wrong += ((graphics[0].rows[y * graphics[0].bytesPerRow + x / 8] & (0x80 >> (x % 8))) != 0) !=
+                 (want.px[static_cast<size_t>(y) * want.eff + x] != 0);
+    EXPECT_EQ(wrong, 0) << row.options;
   }
 }
 
