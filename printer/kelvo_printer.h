@@ -13,9 +13,9 @@
 
 #include "image/palette_image.h"
 #include "printer/job_settings.h"
+#include "stencil/jv_image.h"
 #include "support/halftone_type.h"
 
-class JVImage;
 
 class KelvoPrinter {
  public:
@@ -112,8 +112,11 @@ class KelvoPrinter {
   // false when the page could not be built.
   bool PageProcess(DitherType type, const unsigned char* data, int stride, int width, int height);
   // The processed page of the last PageProcess: 8 bits a pixel, rows
-  // GetEffWidth() bytes apart, 0 = paper.
-  PaletteImage* processedImage() { return pimage; }
+  // GetEffWidth() bytes apart, 0 = paper. A stencil is held as the chain
+  // made it and copied into an image only when asked for here.
+  PaletteImage* processedImage();
+  // Sends the processed page of the last PageProcess as the page graphic.
+  void printProcessed();
   void EnableAntiWrink(PaletteImage& image);
 
   // Packs h rows of bpl bytes into 1-bit rows in place; returns the packed size.
@@ -129,6 +132,8 @@ class KelvoPrinter {
 
   PaletteImage workImage_;
   PaletteImage stencilImage_;
+  JVImage stencilOut_{0, 0, JV_IMG_GRAY};
+  bool stencilHeld_ = false;
   PaletteImage* pimage;
   std::list<FILE*> outputStreams_;
   cups_page_header2_t* pageHdr_;

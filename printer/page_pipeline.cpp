@@ -125,7 +125,7 @@ void KelvoPrinter::printImage(const unsigned char* data, unsigned long bytesPerL
 
   if (!PageProcess(halftoneType_, data, static_cast<int>(bytesPerLine), static_cast<int>(width),
                    static_cast<int>(height)) ||
-      pimage == nullptr || !pimage->IsValid()) {
+      (!stencilHeld_ && (pimage == nullptr || !pimage->IsValid()))) {
     // An image left empty by a failed creation has no pixels to save or print.
     kelvoLogCommon(LogError, "printImage: pimage is NULL, unable to print the image");
     return;
@@ -143,15 +143,36 @@ void KelvoPrinter::printImage(const unsigned char* data, unsigned long bytesPerL
                               "dithered");
 
   kelvoLogCommon(LogDebug, "printImage: Starting to print the processed image");
-  if (pimage->GetNumColors() == 2)
-    doPrintPackedImage(pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(), pimage->GetWidth());
-  else
-    doPrintImage(pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(), pimage->GetWidth());
+  printProcessed();
   kelvoLogCommon(LogDebug, "printImage: Image processing completed");
+}
+
+void KelvoPrinter::printProcessed() {
+  if (stencilHeld_) {
+    doPrintImage(stencilOut_.data, static_cast<unsigned long>(stencilOut_.width),
+                 static_cast<unsigned long>(stencilOut_.height), static_cast<unsigned long>(stencilOut_.width));
+  } else if (pimage->GetNumColors() == 2) {
+    doPrintPackedImage(pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(), pimage->GetWidth());
+  } else {
+    doPrintImage(pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(), pimage->GetWidth());
+  }
+}
+
+PaletteImage* KelvoPrinter::processedImage() {
+  if (stencilHeld_) {
+    stencilHeld_ = false;
+    const int w = stencilOut_.width, h = stencilOut_.height;
+    pimage = stencilImage_.CreateFromArray(stencilOut_.data, w, h, 8, w, false) ? &stencilImage_ : nullptr;
+    // Negative printing inverts a stencil image's row padding as well.
+    if (pimage != nullptr && negativePrint_)
+      for (int y = 0; y < h; ++y) std::memset(pimage->GetBits(y) + w, 0xFF, pimage->GetEffWidth() - w);
+  }
+  return pimage;
 }
 
 bool KelvoPrinter::PageProcess(DitherType type, const unsigned char* data, int stride, int width, int height) {
   pimage = nullptr;
+  stencilHeld_ = false;
   useJVDithering_ = halftoneType_ == Tattoo || halftoneType_ == Tattoo_X8;
   kelvoLogCommon(LogDebug, "PageProcess: JV dithering is %s", useJVDithering_ ? "enabled" : "disabled");
 
@@ -226,6 +247,16 @@ bool KelvoPrinter::stencilPage(JVImage& src) {
 
 bool KelvoPrinter::stencilResult(JVImage& stencil) {
   kelvoLogCommon(LogDebug, "PageProcess: Applied JV dithering, width %d", stencil.width);
+  if (antiWrinkle_ == 0 && !debugImages_) {
+    // Printed from the chain's own record: no page-sized copy into an image.
+    if (negativePrint_) {
+      kelvoLogCommon(LogDebug, "PageProcess: Inverting the image for negative print");
+      for (int64_t i = 0; i < stencil.byteCount(); ++i) stencil.data[i] = static_cast<unsigned char>(~stencil.data[i]);
+    }
+    stencilOut_ = std::move(stencil);
+    stencilHeld_ = true;
+    return true;
+  }
   if (!stencilImage_.CreateFromArray(stencil.data, stencil.width, stencil.height, 8, stencil.width, false)) {
     kelvoLogCommon(LogError, "PageProcess: Failed to create a new PaletteImage from JV dithered data");
     return false;

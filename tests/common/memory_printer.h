@@ -30,7 +30,7 @@ class MemoryPrinter : public ZplPrinter {
     return text;
   }
 
-  PaletteImage* processed() { return pimage; }
+  PaletteImage* processed() { return processedImage(); }
   void setResolution(int dpi) { resolution_ = dpi; }
 
  private:

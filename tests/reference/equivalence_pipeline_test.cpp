@@ -24,10 +24,7 @@ class CapturePrinter : public MemoryPrinter {
   // What printImage does between the debug saves: process, then render.
   void page(const std::vector<uint8_t>& data, int stride, int width, int height) {
     ASSERT_TRUE(PageProcess(getHalftoneType(), data.data(), stride, width, height));
-    if (pimage->GetNumColors() == 2)
-      doPrintPackedImage(pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(), pimage->GetWidth());
-    else
-      doPrintImage(pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(), pimage->GetWidth());
+    printProcessed();
   }
 
  private:
