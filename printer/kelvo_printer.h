@@ -123,10 +123,10 @@ class KelvoPrinter {
   int GrayToMono(int bpl, int h, unsigned char* data);
 
  protected:
-  // The stencil chain on a page without row padding, into `pimage`.
-  bool stencilPage(JVImage& src);
-  // The chain's result into `pimage`, then finishPage().
-  bool stencilResult(JVImage& stencil);
+  // The stencil chain on a gray page without row padding; the result is
+  // held for printing (or put into `pimage` for the frame and the debug
+  // picture), then finishPage().
+  bool stencilPage(const unsigned char* gray, int width, int height);
   // Negative printing and the anti-wrinkle frame on `pimage`.
   bool finishPage();
 

@@ -176,24 +176,10 @@ bool KelvoPrinter::PageProcess(DitherType type, const unsigned char* data, int s
   useJVDithering_ = halftoneType_ == Tattoo || halftoneType_ == Tattoo_X8;
   kelvoLogCommon(LogDebug, "PageProcess: JV dithering is %s", useJVDithering_ ? "enabled" : "disabled");
 
-  // A stencil page without transforms goes to the chain straight from the
-  // raster: one page-sized copy fewer, the same bytes.
+  // A stencil page without transforms whose rows lie as the chain reads them
+  // goes to it straight from the raster: one page-sized copy fewer.
   const bool transformed = brightness_ != 0 || contrast_ != 0 || rotate180Print_ || mirrorPrint_;
-  if (useJVDithering_ && !transformed && stride == width && width > 0 && height > 0) {
-    JVImage stencil = jvTattooStencilOfGray(data, width, height, halftoneType_ == Tattoo_X8);
-    return stencilResult(stencil);
-  }
-  if (useJVDithering_ && !transformed) {
-    if (width <= 0 || height <= 0) return false;
-    JVImage src(width, height, JV_IMG_GRAY);
-    const size_t copied = static_cast<size_t>(std::min(width, std::max(stride, 0)));
-    for (int y = 0; y < height; ++y) {
-      unsigned char* row = src.data + static_cast<size_t>(y) * width;
-      std::memcpy(row, data + static_cast<size_t>(y) * static_cast<size_t>(stride), copied);
-      std::memset(row + copied, 0, static_cast<size_t>(width) - copied);
-    }
-    return stencilPage(src);
-  }
+  if (useJVDithering_ && !transformed && stride == width) return stencilPage(data, width, height);
   if (!workImage_.CreateFromArray(const_cast<unsigned char*>(data), width, height, 8, stride, false)) {
     kelvoLogCommon(LogCrit, "image.CreateFromArray with grey failed!");
     return false;
@@ -220,7 +206,7 @@ bool KelvoPrinter::PageProcess(DitherType type, const unsigned char* data, int s
     JVImage src(width, height, JV_IMG_GRAY);
     for (int y = 0; y < height; ++y)
       std::memcpy(src.data + static_cast<size_t>(y) * width, workImage_.GetBits(y), static_cast<size_t>(width));
-    return stencilPage(src);
+    return stencilPage(src.data, width, height);
   }
   {
     // The type goes to Dither unchanged: the method numbers sit one place off
@@ -238,14 +224,11 @@ bool KelvoPrinter::PageProcess(DitherType type, const unsigned char* data, int s
   return finishPage();
 }
 
-bool KelvoPrinter::stencilPage(JVImage& src) {
-  // The guarded entries give the chain's bytes for every page and also
-  // finish on blank and two-level pages.
-  JVImage stencil = halftoneType_ == Tattoo_X8 ? jvTattooDitheringX8Guarded(src) : jvTattooDitheringGuarded(src);
-  return stencilResult(stencil);
-}
-
-bool KelvoPrinter::stencilResult(JVImage& stencil) {
+bool KelvoPrinter::stencilPage(const unsigned char* gray, int width, int height) {
+  // The guarded chain gives the chain's bytes for every page and also
+  // finishes on blank and two-level pages.
+  JVImage stencil = jvTattooStencilOfGray(gray, width, height, halftoneType_ == Tattoo_X8);
+  if (stencil.byteCount() == 0) return false;
   kelvoLogCommon(LogDebug, "PageProcess: Applied JV dithering, width %d", stencil.width);
   if (antiWrinkle_ == 0 && !debugImages_) {
     // Printed from the chain's own record: no page-sized copy into an image.
