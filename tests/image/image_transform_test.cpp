@@ -92,6 +92,14 @@ TEST(Expand, LayoutBottomMarginFirst) {
       }
     EXPECT_FALSE(img.Expand(-1, 0, 0, 0, kWhite));
   }
+  // A 24-bit page keeps its colours and takes the canvas colour in the margin.
+  PaletteImage rgb;
+  ASSERT_NE(rgb.Create(2, 1, 24, 0), nullptr);
+  rgb.BlindSetPixelColor(1, 0, {1, 2, 3, 0});
+  ASSERT_TRUE(rgb.Expand(1, 0, 0, 1, {10, 20, 30, 0}));
+  const tagRGBQUAD margin = rgb.BlindGetPixelColor(0, 0), kept = rgb.BlindGetPixelColor(2, 1);
+  EXPECT_EQ(std::vector<int>({margin.rgbBlue, margin.rgbGreen, margin.rgbRed, kept.rgbBlue, kept.rgbGreen, kept.rgbRed}),
+            std::vector<int>({10, 20, 30, 1, 2, 3}));
 }
 
 }  // namespace
