@@ -29,7 +29,7 @@ ctest --test-dir "$build" -j"$(nproc)" -E "e2e|Fuzz" >"$build/ctest.log" 2>&1 ||
 root=$PWD
 mkdir -p "$build/gcov"
 # One JSON report per object file of the project's libraries and programs.
-find "$build" -name '*.gcda' -not -path '*/tests/*' -print0 |
+find "$root/$build" -name '*.gcda' -not -path '*/tests/*' -print0 |
   (cd "$build/gcov" && xargs -0 -r gcov --json-format --stdout >"$root/$build/gcov.json" 2>/dev/null)
 python3 - "$root" "$build" $folders <<'PY'
 import json, os, sys

@@ -209,6 +209,14 @@ TEST(StencilEquivalence, ThreadCounts) {
     o.threads = cases[i].first;
     EXPECT_EQ(jvThreadsFor(o, cases[i].second), want[i]) << cases[i].first;
   }
+  // A large page on every core there is, eight at most, or as many as
+  // KELVO_THREADS says.
+  o.threads = 0;
+  const int cores = jvThreadsFor(o, 9000000);
+  EXPECT_TRUE(cores >= 1 && cores <= 8) << cores;
+  setenv("KELVO_THREADS", "5", 1);
+  EXPECT_EQ(jvThreadsFor(o, 9000000), 5);
+  unsetenv("KELVO_THREADS");
 }
 
 }  // namespace
