@@ -201,8 +201,18 @@ TEST(StencilEquivalence, PagesRunningAtTheSameTime) {
   for (size_t i = 0; i < 4; ++i) EXPECT_EQ(difference(got[i], want[i]), "") << "page " << i;
 }
 
-TEST(StencilEquivalence, ThreadCounts) {
+TEST(StencilEquivalence, RunOptions) {
+  // A path asked for is the path run (all give the same bytes, so nothing
+  // else would show a wrong one); the process default follows jvSetSimdLevel.
   JVRunOptions o;
+  for (int level : paths()) {
+    o.simdLevel = level;
+    EXPECT_EQ(jvSimdLevelFor(o), level);
+    o.simdLevel = kJvSimdDefault;
+    const int set = jvSetSimdLevel(level);
+    EXPECT_EQ(jvSimdLevelFor(o), set);
+  }
+  jvSetSimdLevel(kJvSimdAvx2);
   const std::pair<int, long> cases[] = {{3, 10}, {1000, 10}, {0, 1000}};
   const int want[] = {3, 64, 1};  // asked for, capped, small pages on one thread
   for (int i = 0; i < 3; ++i) {
