@@ -163,6 +163,29 @@ TEST_F(SavedImage, OneBitRowsBottomUpWithPaperBitsSet) {
   EXPECT_EQ(bmp.substr(62), std::string(reinterpret_cast<const char*>(rows), 8));
 }
 
+// Only the newest 64 pictures stay, oldest removed first; files of other
+// names (one a letter off the pictures' prefix), links and what they point
+// to are left alone.
+TEST_F(SavedImage, FolderKeepsABoundedNumberOfOwnPictures) {
+  const std::string target = dir + "/target", link = dir + "/kelvozpl-debug-link.bmp";
+  const std::vector<std::string> others = {dir + "/kelvozpl-debug-keep.txt", dir + "/kelvozpl-debugs.bmp", target};
+  for (const std::string& other : others) std::fclose(std::fopen(other.c_str(), "w"));
+  ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
+  const unsigned char data[4] = {1, 2, 3, 4};
+  for (int i = 0; i < 70; ++i) p.saveImage(data, 2, 2, 2, 8, "origin");
+  const std::vector<std::string> pictures = files("/kelvozpl-debug-origin-*.bmp");
+  ASSERT_EQ(pictures.size(), 64u);
+  // Names carry the page number: 6 to 69 remain.
+  std::vector<int> numbers;
+  for (const std::string& path : pictures) {
+    const size_t end = path.rfind('-'), start = path.rfind('-', end - 1);
+    numbers.push_back(std::stoi(path.substr(start + 1, end - start - 1)));
+  }
+  EXPECT_EQ(*std::min_element(numbers.begin(), numbers.end()), 6);
+  EXPECT_EQ(*std::max_element(numbers.begin(), numbers.end()), 69);
+  for (const std::string& kept : {others[0], others[1], target, link}) EXPECT_EQ(access(kept.c_str(), F_OK), 0) << kept;
+}
+
 TEST_F(SavedImage, UnwritableDirectoryOnlyCostsTheMessage) {
   p.setDebugImages(true, "/nonexistent-kelvo-dir", "x");
   const unsigned char data[4] = {};
