@@ -30,8 +30,9 @@ KelvoMedia sSheets[] = {
 };
 
 const KelvoModel kModels[] = {
-    {"kelvo_203", "Kelvo ZPL Label Printer 203dpi", 203, kDialectStandard, false, 2, 6, sLabels203, 8, 6},
-    {"kelvo_300", "Kelvo ZPL Label Printer 300dpi", 300, kDialectStandard, false, 2, 4, sLabels300, 8, 6},
+    // Speeds as the PPDs offer them.
+    {"kelvo_203", "Kelvo ZPL Label Printer 203dpi", 203, kDialectStandard, false, 1, 12, sLabels203, 8, 6},
+    {"kelvo_300", "Kelvo ZPL Label Printer 300dpi", 300, kDialectStandard, false, 1, 8, sLabels300, 8, 6},
     {"kelvo_tattoo", "Kelvo ZPL Tattoo Stencil 300dpi", 300, kDialectKelvo, true, 1, 4, sSheets, 4, 0},
 };
 
@@ -204,6 +205,7 @@ bool kelvoDriverCallback(pappl_system_t* /*system*/, const char* driverName, con
   data->vendor[data->num_vendor++] = "kelvo-brightness";
   data->vendor[data->num_vendor++] = "kelvo-mirror";
   data->vendor[data->num_vendor++] = "kelvo-negative";
+  data->vendor[data->num_vendor++] = "kelvo-rotate-180";
   if (!model->stencil) data->vendor[data->num_vendor++] = "kelvo-gap-height";
 
   ipp_t* vendor = ippNew();
@@ -217,6 +219,9 @@ bool kelvoDriverCallback(pappl_system_t* /*system*/, const char* driverName, con
   ippAddBoolean(vendor, IPP_TAG_PRINTER, "kelvo-mirror-default", 0);
   ippAddBoolean(vendor, IPP_TAG_PRINTER, "kelvo-negative-supported", 1);
   ippAddBoolean(vendor, IPP_TAG_PRINTER, "kelvo-negative-default", 0);
+  // The PPDs' Orientation: the printer turns the label (^POI).
+  ippAddBoolean(vendor, IPP_TAG_PRINTER, "kelvo-rotate-180-supported", 1);
+  ippAddBoolean(vendor, IPP_TAG_PRINTER, "kelvo-rotate-180-default", 0);
   if (!model->stencil) {
     ippAddRange(vendor, IPP_TAG_PRINTER, "kelvo-gap-height-supported", 0, 10);
     ippAddInteger(vendor, IPP_TAG_PRINTER, IPP_TAG_INTEGER, "kelvo-gap-height-default", 3);
@@ -248,7 +253,6 @@ void kelvoSettingsFromOptions(const KelvoModel& model, const pappl_pr_options_t&
   std::memset(settings, 0, sizeof *settings);
   std::snprintf(settings->Resolution, sizeof settings->Resolution, "%ddpi", model.dpi);
   kelvoStrCpy(settings->Occurrence, "EveryLabel", sizeof settings->Occurrence);
-  kelvoStrCpy(settings->Origin, "Normal", sizeof settings->Origin);
   settings->dialect = model.dialect;
   settings->encoding = kEncodingHex;
 
@@ -296,5 +300,8 @@ void kelvoSettingsFromOptions(const KelvoModel& model, const pappl_pr_options_t&
   settings->MirrorImage = mirror != nullptr && std::strcmp(mirror, "true") == 0 ? 1 : 0;
   const char* negative = vendorOption(options, "kelvo-negative");
   settings->NegativeImage = negative != nullptr && std::strcmp(negative, "true") == 0 ? 1 : 0;
+  const char* rotate = vendorOption(options, "kelvo-rotate-180");
+  kelvoStrCpy(settings->Origin, rotate != nullptr && std::strcmp(rotate, "true") == 0 ? "Rotation180" : "Normal",
+              sizeof settings->Origin);
   settings->DebugImages = 0;
 }
