@@ -30,8 +30,9 @@ KelvoMedia sSheets[] = {
 };
 
 const KelvoModel kModels[] = {
-    {"kelvo_203", "Kelvo ZPL Label Printer 203dpi", 203, kDialectStandard, false, 2, 6, sLabels203, 8, 6},
-    {"kelvo_300", "Kelvo ZPL Label Printer 300dpi", 300, kDialectStandard, false, 2, 4, sLabels300, 8, 6},
+    // Speeds as the PPDs offer them.
+    {"kelvo_203", "Kelvo ZPL Label Printer 203dpi", 203, kDialectStandard, false, 1, 12, sLabels203, 8, 6},
+    {"kelvo_300", "Kelvo ZPL Label Printer 300dpi", 300, kDialectStandard, false, 1, 8, sLabels300, 8, 6},
     {"kelvo_tattoo", "Kelvo ZPL Tattoo Stencil 300dpi", 300, kDialectKelvo, true, 1, 4, sSheets, 4, 0},
 };
 
@@ -41,6 +42,13 @@ const KelvoModel kModels[] = {
 const char* const kHalftones[] = {"none",   "floyd-steinberg", "ordered",        "burkes",    "stucki",
                                   "jarvis-judice-ninke", "sierra", "stevenson-arce", "tattoo", "tattoo-x8",
                                   "barcode-text"};
+// The label printers' "after printing" choices and the PPD word of each;
+// "auto" takes the printer's label mode (printer-label-mode-configured).
+const char* const kPostActions[][2] = {{"auto", nullptr},           {"tear-off", "TearOff"}, {"peel-off", "PeelOff"},
+                                       {"cut", "Cut"},              {"partial-cut", "PartialCut"},
+                                       {"none", "None"}};
+const int kNumPostActions = sizeof kPostActions / sizeof kPostActions[0];
+
 // What the PPDs default to: barcodes and text on labels, the stencil chain
 // on the stencil printer.
 const char* defaultHalftone(bool stencil) { return stencil ? "tattoo" : "barcode-text"; }
@@ -204,7 +212,11 @@ bool kelvoDriverCallback(pappl_system_t* /*system*/, const char* driverName, con
   data->vendor[data->num_vendor++] = "kelvo-brightness";
   data->vendor[data->num_vendor++] = "kelvo-mirror";
   data->vendor[data->num_vendor++] = "kelvo-negative";
-  if (!model->stencil) data->vendor[data->num_vendor++] = "kelvo-gap-height";
+  data->vendor[data->num_vendor++] = "kelvo-rotate-180";
+  if (!model->stencil) {
+    data->vendor[data->num_vendor++] = "kelvo-gap-height";
+    data->vendor[data->num_vendor++] = "kelvo-post-action";
+  }
 
   ipp_t* vendor = ippNew();
   ippAddStrings(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "kelvo-halftone-supported",
@@ -217,9 +229,17 @@ bool kelvoDriverCallback(pappl_system_t* /*system*/, const char* driverName, con
   ippAddBoolean(vendor, IPP_TAG_PRINTER, "kelvo-mirror-default", 0);
   ippAddBoolean(vendor, IPP_TAG_PRINTER, "kelvo-negative-supported", 1);
   ippAddBoolean(vendor, IPP_TAG_PRINTER, "kelvo-negative-default", 0);
+  // The PPDs' Orientation: the printer turns the label (^POI).
+  ippAddBoolean(vendor, IPP_TAG_PRINTER, "kelvo-rotate-180-supported", 1);
+  ippAddBoolean(vendor, IPP_TAG_PRINTER, "kelvo-rotate-180-default", 0);
   if (!model->stencil) {
     ippAddRange(vendor, IPP_TAG_PRINTER, "kelvo-gap-height-supported", 0, 10);
     ippAddInteger(vendor, IPP_TAG_PRINTER, IPP_TAG_INTEGER, "kelvo-gap-height-default", 3);
+    ipp_attribute_t* post = ippAddString(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD),
+                                         "kelvo-post-action-supported", nullptr, kPostActions[0][0]);
+    for (int i = 1; i < kNumPostActions; ++i) ippSetString(vendor, &post, i, kPostActions[i][0]);
+    ippAddString(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "kelvo-post-action-default", nullptr,
+                 kPostActions[0][0]);
   }
   // Grey pages have no colour rendering to choose.
   ippAddString(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "print-rendering-intent-supported", nullptr,
@@ -248,7 +268,6 @@ void kelvoSettingsFromOptions(const KelvoModel& model, const pappl_pr_options_t&
   std::memset(settings, 0, sizeof *settings);
   std::snprintf(settings->Resolution, sizeof settings->Resolution, "%ddpi", model.dpi);
   kelvoStrCpy(settings->Occurrence, "EveryLabel", sizeof settings->Occurrence);
-  kelvoStrCpy(settings->Origin, "Normal", sizeof settings->Origin);
   settings->dialect = model.dialect;
   settings->encoding = kEncodingHex;
 
@@ -269,8 +288,12 @@ void kelvoSettingsFromOptions(const KelvoModel& model, const pappl_pr_options_t&
   settings->GapsHeight = model.stencil ? 0 : gap != nullptr ? std::atoi(gap) : 3;
 
   const char* post = "None";
-  if (!model.stencil)
+  if (!model.stencil) {
     post = mode == PAPPL_LABEL_MODE_PEEL_OFF ? "PeelOff" : mode == PAPPL_LABEL_MODE_CUTTER ? "Cut" : "TearOff";
+    const char* chosen = vendorOption(options, "kelvo-post-action");
+    for (int i = 1; chosen != nullptr && i < kNumPostActions; ++i)
+      if (std::strcmp(chosen, kPostActions[i][0]) == 0) post = kPostActions[i][1];
+  }
   kelvoStrCpy(settings->PostAction, post, sizeof settings->PostAction);
 
   if (options.print_speed <= 0) {
@@ -296,5 +319,8 @@ void kelvoSettingsFromOptions(const KelvoModel& model, const pappl_pr_options_t&
   settings->MirrorImage = mirror != nullptr && std::strcmp(mirror, "true") == 0 ? 1 : 0;
   const char* negative = vendorOption(options, "kelvo-negative");
   settings->NegativeImage = negative != nullptr && std::strcmp(negative, "true") == 0 ? 1 : 0;
+  const char* rotate = vendorOption(options, "kelvo-rotate-180");
+  kelvoStrCpy(settings->Origin, rotate != nullptr && std::strcmp(rotate, "true") == 0 ? "Rotation180" : "Normal",
+              sizeof settings->Origin);
   settings->DebugImages = 0;
 }

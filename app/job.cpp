@@ -1,12 +1,17 @@
 #include "app/job.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -242,3 +247,40 @@ bool kelvoPrintFile(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_
   }
   return true;
 }
+
+#ifdef KELVO_PAPPL_JOB_GUARD
+// PAPPL 1.3.1 starts a job on a thread of its own and only marks the job
+// and its printer busy once that thread runs. A job arriving, or another
+// ending, in between starts a second thread: for the same job, or for the
+// next one on the same printer. Both then print through the printer's one
+// device, and the first to end closes it under the other, which crashes
+// the server. This function of ours takes the place of PAPPL's job thread
+// (PAPPL looks it up by name, so ours is found first) and lets one job of a
+// printer through at a time; a thread whose job has meanwhile been printed
+// by another ends there.
+extern "C" void* _papplJobProcess(pappl_job_t* job) {
+  using JobThread = void* (*)(pappl_job_t*);
+  static const auto pappl = reinterpret_cast<JobThread>(dlsym(RTLD_NEXT, "_papplJobProcess"));
+  static std::mutex turnsLock;
+  static std::map<pappl_printer_t*, std::unique_ptr<std::mutex>> turns;  // kept for the server's life
+  if (pappl == nullptr) std::abort();
+
+  pappl_printer_t* printer = papplJobGetPrinter(job);
+  const int id = papplJobGetID(job);
+  std::mutex* turn;
+  {
+    std::lock_guard<std::mutex> lock(turnsLock);
+    std::unique_ptr<std::mutex>& slot = turns[printer];
+    if (!slot) slot = std::make_unique<std::mutex>();
+    turn = slot.get();
+  }
+  std::lock_guard<std::mutex> printing(*turn);
+  // The job may have been printed and dropped from the history meanwhile:
+  // find it by its number before touching it.
+  if (papplPrinterFindJob(printer, id) != job || papplJobGetState(job) != IPP_JSTATE_PENDING) {
+    papplLogPrinter(printer, PAPPL_LOGLEVEL_DEBUG, "Job %d was started twice; the second start ends here", id);
+    return nullptr;
+  }
+  return pappl(job);
+}
+#endif

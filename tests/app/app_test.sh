@@ -131,8 +131,8 @@ jobs_mode() {
   done <<'EOF'
 plain203|label203|oe_4x6-label_4x6in|203|f203.ppd|1||Darkness=15
 stucki203|label203|oe_4x6-label_4x6in|203|f203.ppd|1|-o kelvo-halftone=stucki -o kelvo-brightness=20 -o print-darkness=20 -o print-speed=10160|HalftoneType=Stucki Brightness=20 Darkness=21 PrintSpeed=4
-copies203|label203|om_2x1-label_50.55x25.4mm|203|f203.ppd|3|-o kelvo-halftone=ordered|HalftoneType=Ordered Darkness=15
-mirror300|label300|oe_4x3-label_4x3in|300|f300.ppd|1|-o kelvo-mirror=true -o kelvo-negative=true -o kelvo-halftone=jarvis-judice-ninke -o print-darkness=-50|MirrorImage=True NegativeImage=True HalftoneType=JarvisJudiceNinke Darkness=0
+copies203|label203|om_2x1-label_50.55x25.4mm|203|f203.ppd|3|-o kelvo-halftone=ordered -o kelvo-post-action=none|HalftoneType=Ordered Darkness=15 PostAction=None
+mirror300|label300|oe_4x3-label_4x3in|300|f300.ppd|1|-o kelvo-mirror=true -o kelvo-negative=true -o kelvo-rotate-180=true -o kelvo-halftone=jarvis-judice-ninke -o print-darkness=-50 -o kelvo-post-action=partial-cut|MirrorImage=True NegativeImage=True Origin=Rotation180 PostAction=PartialCut HalftoneType=JarvisJudiceNinke Darkness=0
 tattoo|tattoo|iso_a4_210x297mm|300|ftat.ppd|1||Darkness=15
 tattoox8|tattoo|iso_a4_210x297mm|300|ftat.ppd|2|-o kelvo-halftone=tattoo-x8 -o kelvo-brightness=-30|HalftoneType=Tattoo_X8 Brightness=-30 Darkness=15
 EOF
@@ -184,8 +184,20 @@ EOF
 }
 
 ipptool_mode() {
-  local printer file out
-  for printer in label203 label300 tattoo; do
+  local printer ppd file out speeds
+  # "all" stands for the attributes libcups knows, which print-speed is not.
+  printf '{\nOPERATION Get-Printer-Attributes\nGROUP operation-attributes-tag\nATTR charset attributes-charset utf-8\nATTR naturalLanguage attributes-natural-language en\nATTR uri printer-uri $uri\nATTR keyword requested-attributes print-speed-supported\nSTATUS successful-ok\n}\n' >"$W/speed.test"
+  for printer in label203:kelvo203 label300:kelvo300 tattoo:kelvotat; do
+    ppd=${printer#*:}
+    printer=${printer%:*}
+    # print-speed-supported spans the PPD's PrintSpeed choices (inches a
+    # second; IPP counts hundredths of a millimetre).
+    speeds=$(sed -n 's/^\*PrintSpeed \([0-9]*\)\/.*/\1/p' "$PPDS/$ppd.ppd" | sort -n | sed -n '1p;$p' |
+      awk '{printf "%s%d", (NR > 1 ? "-" : ""), $1 * 2540}')
+    out=$(ipptool -tv "ipp://127.0.0.1:$PORT/ipp/print/$printer" "$W/speed.test" 2>&1 |
+      sed -n 's/.*print-speed-supported (rangeOfInteger) = //p')
+    [ -n "$speeds" ] && [ "$out" = "$speeds" ] || fail "$printer: print-speed-supported '$out', its PPD's speeds '$speeds'"
+    echo "$printer print-speed-supported: $out"
     for file in ipp-everywhere.test ipp-2.0.test; do
       out=$(cd /usr/share/cups/ipptool && timeout 120 ipptool -t "ipp://127.0.0.1:$PORT/ipp/print/$printer" "$file" 2>&1)
       local status=$?
