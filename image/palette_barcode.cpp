@@ -57,7 +57,9 @@ struct ShareSums {
 // neighbour when t is half or more, else it is the level of its own.
 inline int unmixLevel(int level, int earlier, int t) {
   if (t == kNoShare) return level;
-  if (t >= 128) return earlier;
+  // A pixel halfway (an enlargement by 2 gives 127 or 128 there, so within
+  // 2/256) joins the earlier side at both edges of a bar, which keeps its width.
+  if (t >= 126) return earlier;
   return clampLevel((level * 256 - t * earlier + (256 - t) / 2) / (256 - t));
 }
 

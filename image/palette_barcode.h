@@ -28,7 +28,8 @@ using KelvoDotRowSink = std::function<void(long y, const uint8_t* row)>;
 // is unmixed first down the columns, then along the row (shares from the 33
 // rows up to this one): a pixel whose share is half or more takes the
 // unmixed level of the pixel before it (it is nearer that row of the
-// original), else (level - t * before) / (1 - t). Edges so land on the nearest
+// original; a pixel within 2/256 of half counts as half, so both edges of a
+// bar at a tie go the same way), else (level - t * before) / (1 - t). Edges so land on the nearest
 // dot consistently along each row and column of modules. One exception
 // keeps lone modules: a pixel of level 65..128 that is the darkest of its 3x3
 // neighbourhood and 64 or more above its lightest neighbour prints (an
