@@ -1,6 +1,7 @@
 #include "image/palette_barcode.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <vector>
 
 namespace {
@@ -15,8 +16,52 @@ constexpr int kPeakRise = 64;
 constexpr int kPeakFloor = 64;
 constexpr long kRadius = 2;
 constexpr long kRows = 2 * kRadius + 1;
+// Where a picture was enlarged by interpolation, a pixel between two rows (or
+// columns) of the original is a mix of both; its share of each is read off
+// clean steps nearby (paper on one side, full ink on the other) within this
+// many pixels along the row (for rows) or above (for columns), when those
+// steps agree (shares in 1/256, spread as variance).
+constexpr long kShareReach = 32;
+constexpr long long kShareVariance = 655;  // a spread of about 0.1 of a pixel
+constexpr int kNoShare = -1;
 
 inline int clampLevel(int v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
+
+// The share (0..256) of the middle pixel that belongs to the side of a, when
+// a and b are paper and full ink (either way round) and the middle is neither.
+inline int stepShare(int a, int mid, int b) {
+  const bool step = (a >= kNearInk && b <= kNearPaper) || (a <= kNearPaper && b >= kNearInk);
+  if (!step || mid <= kNearPaper || mid >= kNearInk) return kNoShare;
+  const int num = std::abs(mid - b) * 256, den = std::abs(a - b);
+  return (num + den / 2) / den;
+}
+
+// Running count, sum and sum of squares of shares.
+struct ShareSums {
+  long long n = 0, s = 0, ss = 0;
+  void add(int v, int sign) {
+    if (v == kNoShare) return;
+    n += sign;
+    s += sign * v;
+    ss += sign * static_cast<long long>(v) * v;
+  }
+  // The agreed share, or kNoShare.
+  int share() const {
+    if (n <= 0 || n * ss - s * s > kShareVariance * n * n) return kNoShare;
+    return static_cast<int>((s + n / 2) / n);
+  }
+};
+
+// The level the pixel would have had without the mix: with share t of it from
+// the earlier neighbour (already unmixed to `earlier`), the pixel joins that
+// neighbour when t is half or more, else it is the level of its own.
+inline int unmixLevel(int level, int earlier, int t) {
+  if (t == kNoShare) return level;
+  // A pixel halfway (an enlargement by 2 gives 127 or 128 there, so within
+  // 2/256) joins the earlier side at both edges of a bar, which keeps its width.
+  if (t >= 126) return earlier;
+  return clampLevel((level * 256 - t * earlier + (256 - t) / 2) / (256 - t));
+}
 
 }  // namespace
 
@@ -31,6 +76,14 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
   // Received error of this row and the next, one cell of margin each side.
   std::vector<int> errHere(w + 2, 0), errBelow(w + 2, 0);
   std::vector<uint8_t> hard(w), out(w);
+  // Levels unmixed down the columns (this row and the one above) and then
+  // along the row; shares of row mixes along this row (prefix sums); shares
+  // of column mixes in the last kShareReach + 1 rows, summed per column.
+  std::vector<int> unmixed(w), unmixedAbove(w), along(w);
+  std::vector<ShareSums> rowPrefix(w + 1);
+  const long shareRows = kShareReach + 1;
+  std::vector<int> columnShares(w * static_cast<size_t>(shareRows), kNoShare);
+  std::vector<ShareSums> columnSums(w);
 
   for (long y = 0; y < height; ++y) {
     if (y + kRadius < height) read(y + kRadius, slot(y + kRadius));
@@ -61,13 +114,44 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
       hard[static_cast<size_t>(x)] = isHard ? 1 : 0;
     }
 
+    // Down the columns: a pixel between two rows of an enlarged picture.
+    for (long x = 0; x < width; ++x) {
+      const int v = (y > 0 && y + 1 < height) ? stepShare(slot(y - 1)[x], row[x], slot(y + 1)[x]) : kNoShare;
+      rowPrefix[static_cast<size_t>(x) + 1] = rowPrefix[static_cast<size_t>(x)];
+      rowPrefix[static_cast<size_t>(x) + 1].add(v, 1);
+    }
+    for (long x = 0; x < width; ++x) {
+      const size_t i = static_cast<size_t>(x);
+      unmixed[i] = row[x];
+      if (y == 0 || !hard[i]) continue;
+      ShareSums near = rowPrefix[static_cast<size_t>(std::min(width, x + kShareReach + 1))];
+      const ShareSums& before = rowPrefix[static_cast<size_t>(std::max(0L, x - kShareReach))];
+      near.n -= before.n;
+      near.s -= before.s;
+      near.ss -= before.ss;
+      unmixed[i] = unmixLevel(row[x], unmixedAbove[i], near.share());
+    }
+    // Along the row: a pixel between two columns, its share from the rows above.
+    int* shares = &columnShares[static_cast<size_t>(y % shareRows) * w];
+    for (long x = 0; x < width; ++x) {
+      const size_t i = static_cast<size_t>(x);
+      columnSums[i].add(shares[i], -1);
+      shares[i] = (x > 0 && x + 1 < width) ? stepShare(unmixed[i - 1], unmixed[i], unmixed[i + 1]) : kNoShare;
+      columnSums[i].add(shares[i], 1);
+    }
+    for (long x = 0; x < width; ++x) {
+      const size_t i = static_cast<size_t>(x);
+      along[i] = (x == 0 || !hard[i]) ? unmixed[i] : unmixLevel(unmixed[i], along[i - 1], columnSums[i].share());
+    }
+    std::swap(unmixed, unmixedAbove);
+
     std::fill(errBelow.begin(), errBelow.end(), 0);
     int* here = errHere.data() + 1;
     int* below = errBelow.data() + 1;
     for (long x = 0; x < width; ++x) {
       const int level = row[x];
       if (hard[static_cast<size_t>(x)]) {
-        uint8_t dot = level > 128 ? 1 : 0;
+        uint8_t dot = along[static_cast<size_t>(x)] > 128 ? 1 : 0;
         const bool faintInk = !dot && level > kPeakFloor;
         const bool faintPaper = dot && level < 255 - kPeakFloor;
         if (faintInk || faintPaper) {

@@ -9,7 +9,7 @@ using KelvoLevelRowReader = std::function<void(long y, uint8_t* dst)>;
 // Takes finished row y as one 0/1 byte a pixel (1 = a dot).
 using KelvoDotRowSink = std::function<void(long y, const uint8_t* row)>;
 
-// A pixel is printed as it stands, with a dot exactly when its level is
+// A pixel is printed with a dot exactly when its level (unmixed, below) is
 // above 128, wherever the page is two-level:
 //   - the pixel is near paper (level <= 16) or near full ink (>= 239), or
 //   - along its row or its column, the pixels up to 2 away on either side
@@ -17,7 +17,20 @@ using KelvoDotRowSink = std::function<void(long y, const uint8_t* row)>;
 // On an anti-aliased page a pixel's level is the share of it that the shape
 // covers, so an edge crossing the pixel left of its centre darkens it by more
 // than half: the threshold puts every edge on the nearest dot boundary, each
-// on its own, and no error carries from one edge to the next. One exception
+// on its own, and no error carries from one edge to the next.
+// A picture enlarged by interpolation (CUPS's imagetoraster on 8-bit pages)
+// mixes neighbouring rows and columns of the original, so at the corners of
+// modules a level is the product of two edges and the threshold loses or
+// adds a dot, differently from row to row. Where clean steps show it (a mixed
+// pixel between paper and full ink above and below, or left and right), the
+// share t of a pixel that belongs to the row above is read off them (their
+// mean over 32 pixels either way along the row, if they agree), and the level
+// is unmixed first down the columns, then along the row (shares from the 33
+// rows up to this one): a pixel whose share is half or more takes the
+// unmixed level of the pixel before it (it is nearer that row of the
+// original; a pixel within 2/256 of half counts as half, so both edges of a
+// bar at a tie go the same way), else (level - t * before) / (1 - t). Edges so land on the nearest
+// dot consistently along each row and column of modules. One exception
 // keeps lone modules: a pixel of level 65..128 that is the darkest of its 3x3
 // neighbourhood and 64 or more above its lightest neighbour prints (an
 // enlarged picture spreads a 1.5-dot QR module so thin that no pixel reaches

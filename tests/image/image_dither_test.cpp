@@ -180,6 +180,20 @@ TEST(BarcodeText, LoneModulesSurviveEnlarging) {
   makeGray(img, 5, 5, ink);
   ASSERT_TRUE(img.Dither(0));
   EXPECT_EQ(indices(img), std::vector<int>(25, 0));
+  // The corner of an enlarged block: interpolation gives a pixel 0.6 of the
+  // way into it along the row 153 and down the column 153, and the corner
+  // pixel their product, 153 * 153 / 255 = 92, which the threshold loses.
+  // The steps beside it show the pixel belongs 0.6 to the block both ways,
+  // so the block prints 3 x 3 dots.
+  const std::vector<uint8_t> corner = {255, 255, 153, 0, 0, 255, 255, 153, 0, 0, 153, 153, 92, 0, 0};
+  makeGray(img, 5, 5, corner);
+  ASSERT_TRUE(img.Dither(10));
+  std::vector<int> block = {1, 1, 1, 0, 0, 1, 1, 1, 0, 0, 1, 1, 1, 0, 0};
+  block.resize(25, 0);
+  EXPECT_EQ(indices(img), block);
+  makeGray(img, 5, 5, corner);
+  ASSERT_TRUE(img.Dither(0));
+  EXPECT_EQ(indices(img)[12], 0);
 }
 
 }  // namespace
