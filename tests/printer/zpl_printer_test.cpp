@@ -65,7 +65,7 @@ TEST_F(Zpl, RowsAndRunsAreSentCompressed) {
     EXPECT_EQ(printer.take(), c.second);
   }
   const std::pair<unsigned, std::string> runs[] = {{1, "7"},     {19, "Y7"},     {20, "g7"},     {39, "gY7"},
-                                                  {399, "yY7"}, {437, "zgW7"}, {821, "zzgG7"}};
+                                                  {399, "yY7"}, {400, "z7"}, {437, "zgW7"}, {800, "zz7"}, {821, "zzgG7"}};
   for (const auto& run : runs) {
     printer.ZPLCompress('7', run.first);
     EXPECT_EQ(printer.take(), run.second) << run.first;
