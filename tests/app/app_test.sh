@@ -33,9 +33,13 @@ fail() {
   echo "FAIL: $*" >&2
   FAILED=1
 }
+# "status" exits 0 with "Server is not running." when none is.
+running() { "$APP" status 2>&1 | grep -qv 'not running'; }
 cleanup() {
   e2e_stop_all
   if [ -n "$PID" ]; then kill "$PID" 2>/dev/null && wait "$PID" 2>/dev/null; fi
+  # A subcommand that finds no server starts a private one; none may outlive the test.
+  pkill -f "^$APP server -o private-server=true" 2>/dev/null || true
   if [ "$FAILED" -ne 0 ] && [ -f "$W/log" ]; then grep -E '^[EW] ' "$W/log" | tail -20 >&2; fi
   if [ -n "${APP_TEST_KEEP:-}" ]; then echo "kept $W" >&2; else rm -rf "$W"; fi
 }
@@ -43,12 +47,16 @@ trap cleanup EXIT
 
 # The cups mode reads the copies each job was given from the debug log.
 [ "$MODE" = cups ] && LOG_LEVEL=debug
+# Every server of this user shares PAPPL's local socket: wait for another
+# checkout's test to finish rather than talk to its server.
+for _ in $(seq 150); do running || break; sleep 0.2; done
+running && { fail "another kelvo-printer-app server holds the local socket"; exit 1; }
 PORT=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
 timeout 280 "$APP" server -o listen-hostname=127.0.0.1 -o server-port="$PORT" -o spool-directory="$W/spool" \
   -o state-file="$W/state" -o log-file="$W/log" -o log-level="${LOG_LEVEL:-info}" 2>"$W/server.err" &
 PID=$!
-for _ in $(seq 50); do "$APP" status >/dev/null 2>&1 && break; sleep 0.2; done
-"$APP" status >/dev/null 2>&1 || { fail "server did not start"; exit 1; }
+for _ in $(seq 100); do running && break; sleep 0.2; done
+running || { fail "server did not start"; exit 1; }
 
 # name driver [device]: a folder under out/ unless another device is given
 add_printer() {
