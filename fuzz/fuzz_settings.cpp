@@ -7,6 +7,7 @@
 //
 // Properties: every text field stays terminated within its size; the
 // halftone is one of the ten methods; the setup block is well formed.
+#include <algorithm>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -26,8 +27,12 @@ const size_t kOptionCount = sizeof kOptions / sizeof kOptions[0];
 
 // The PPD that the input's lines describe (see the top of this file).
 std::string makePpd(const std::string& text) {
+  // libcups ends a PPD line at CR as well as LF; split the same way so that
+  // the filter of leaking keys below sees every line libcups will read.
+  std::string lines = text;
+  std::replace(lines.begin(), lines.end(), '\r', '\n');
   std::vector<std::string> words;
-  std::istringstream in(text);
+  std::istringstream in(lines);
   for (std::string line; std::getline(in, line);) words.push_back(line);
   std::string ppd =
       "*PPD-Adobe: \"4.3\"\n*FormatVersion: \"4.3\"\n*FileVersion: \"1.0\"\n*LanguageVersion: English\n"
