@@ -8,7 +8,7 @@
 
 namespace {
 const size_t kHugePage = size_t{2} << 20;
-const size_t kHugeFrom = size_t{4} << 20;
+const size_t kHugeFrom = size_t{512} << 10;
 }  // namespace
 
 void* kelvoPageBuffer(size_t bytes) {
