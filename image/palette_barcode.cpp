@@ -30,8 +30,10 @@ inline int clampLevel(int v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
 // The share (0..256) of the middle pixel that belongs to the side of a, when
 // a and b are paper and full ink (either way round) and the middle is neither.
 inline int stepShare(int a, int mid, int b) {
+  // Most pixels are paper or ink themselves: that test first.
+  if (mid <= kNearPaper || mid >= kNearInk) return kNoShare;
   const bool step = (a >= kNearInk && b <= kNearPaper) || (a <= kNearPaper && b >= kNearInk);
-  if (!step || mid <= kNearPaper || mid >= kNearInk) return kNoShare;
+  if (!step) return kNoShare;
   const int num = std::abs(mid - b) * 256, den = std::abs(a - b);
   return (num + den / 2) / den;
 }
@@ -84,12 +86,15 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
   const long shareRows = kShareReach + 1;
   std::vector<int> columnShares(w * static_cast<size_t>(shareRows), kNoShare);
   std::vector<ShareSums> columnSums(w);
+  std::vector<bool> rowHasShares(static_cast<size_t>(shareRows), false);
 
   for (long y = 0; y < height; ++y) {
     if (y + kRadius < height) read(y + kRadius, slot(y + kRadius));
     const uint8_t* row = slot(y);
-    const long top = std::max(0L, y - kRadius);
-    const long bottom = std::min(height - 1, y + kRadius);
+    // The rows of the vertical window, looked up once a row rather than per pixel.
+    const uint8_t* window[kRows];
+    long windowRows = 0;
+    for (long r = std::max(0L, y - kRadius); r <= std::min(height - 1, y + kRadius); ++r) window[windowRows++] = slot(r);
 
     for (long x = 0; x < width; ++x) {
       const int level = row[x];
@@ -104,8 +109,8 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
       }
       if (!isHard) {
         int lo = 255, hi = 0;
-        for (long r = top; r <= bottom; ++r) {
-          const int v = slot(r)[x];
+        for (long k = 0; k < windowRows; ++k) {
+          const int v = window[k][x];
           lo = std::min(lo, v);
           hi = std::max(hi, v);
         }
@@ -115,10 +120,17 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
     }
 
     // Down the columns: a pixel between two rows of an enlarged picture.
-    for (long x = 0; x < width; ++x) {
-      const int v = (y > 0 && y + 1 < height) ? stepShare(slot(y - 1)[x], row[x], slot(y + 1)[x]) : kNoShare;
-      rowPrefix[static_cast<size_t>(x) + 1] = rowPrefix[static_cast<size_t>(x)];
-      rowPrefix[static_cast<size_t>(x) + 1].add(v, 1);
+    // The running sums stay in registers; rowPrefix[0] is never written.
+    if (y > 0 && y + 1 < height) {
+      const uint8_t* up = slot(y - 1);
+      const uint8_t* down = slot(y + 1);
+      ShareSums run;
+      for (long x = 0; x < width; ++x) {
+        run.add(stepShare(up[x], row[x], down[x]), 1);
+        rowPrefix[static_cast<size_t>(x) + 1] = run;
+      }
+    } else {
+      std::fill(rowPrefix.begin(), rowPrefix.end(), ShareSums());
     }
     for (long x = 0; x < width; ++x) {
       const size_t i = static_cast<size_t>(x);
@@ -132,13 +144,21 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
       unmixed[i] = unmixLevel(row[x], unmixedAbove[i], near.share());
     }
     // Along the row: a pixel between two columns, its share from the rows above.
-    int* shares = &columnShares[static_cast<size_t>(y % shareRows) * w];
+    // Most rows hold no share at all; such a row leaves the sums untouched
+    // on the way in and on the way out.
+    const size_t shareSlot = static_cast<size_t>(y % shareRows);
+    int* shares = &columnShares[shareSlot * w];
+    if (rowHasShares[shareSlot])
+      for (size_t i = 0; i < w; ++i) columnSums[i].add(shares[i], -1);
+    bool anyShare = false;
     for (long x = 0; x < width; ++x) {
       const size_t i = static_cast<size_t>(x);
-      columnSums[i].add(shares[i], -1);
       shares[i] = (x > 0 && x + 1 < width) ? stepShare(unmixed[i - 1], unmixed[i], unmixed[i + 1]) : kNoShare;
+      if (shares[i] == kNoShare) continue;
+      anyShare = true;
       columnSums[i].add(shares[i], 1);
     }
+    rowHasShares[shareSlot] = anyShare;
     for (long x = 0; x < width; ++x) {
       const size_t i = static_cast<size_t>(x);
       along[i] = (x == 0 || !hard[i]) ? unmixed[i] : unmixLevel(unmixed[i], along[i - 1], columnSums[i].share());
