@@ -13,13 +13,13 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
 #include "app/drivers.h"
 #include "printer/label_setup.h"
 #include "printer/page_limits.h"
 #include "printer/zpl_printer.h"
 #include "support/kelvo_string.h"
+#include "support/page_buffer.h"
 
 namespace {
 
@@ -37,7 +37,7 @@ struct JobState {
   ZplPrinter printer;
   Settings settings{};
   cups_page_header2_t header{};
-  std::vector<unsigned char> page;
+  std::unique_ptr<unsigned char, decltype(&std::free)> page{nullptr, &std::free};
   bool invert = false;  // the page comes as grey levels (255 = paper)
   unsigned copies = 1;  // the printer's copy count of every page (^PQ)
   unsigned rows = 0;    // rows of the page received so far
@@ -160,7 +160,10 @@ bool kelvoStartPage(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_
   header.NumCopies = state->copies;
   kelvoStrCpy(header.cupsPageSizeName, ppdSizeName(*state->model, options->media.size_name),
               sizeof header.cupsPageSizeName);
-  state->page.assign(bytes, 0);
+  // Cleared all the same: a row the document never sends prints as paper.
+  state->page.reset(static_cast<unsigned char*>(kelvoPageBuffer(static_cast<size_t>(bytes))));
+  if (!state->page) return fail(job, "Out of memory");
+  std::memset(state->page.get(), 0, static_cast<size_t>(bytes));
   state->rows = 0;
   return true;
 }
@@ -170,7 +173,7 @@ bool kelvoWriteLine(pappl_job_t* job, pappl_pr_options_t* /*options*/, pappl_dev
   JobState* state = stateOf(job);
   if (state == nullptr || y >= state->header.cupsHeight) return state != nullptr;
   const size_t stride = state->header.cupsBytesPerLine;
-  unsigned char* row = state->page.data() + stride * y;
+  unsigned char* row = state->page.get() + stride * y;
   if (y + 1 > state->rows) state->rows = y + 1;
   if (state->invert) {
     for (size_t x = 0; x < stride; ++x) row[x] = static_cast<unsigned char>(255 - line[x]);
@@ -209,7 +212,7 @@ bool kelvoEndPage(pappl_job_t* job, pappl_pr_options_t* /*options*/, pappl_devic
   printer.setNegativePrint(settings.NegativeImage != 0);
   setCls(printer);
   printer.startPage();
-  printer.printImage(state->page.data(), header.cupsBytesPerLine, header.cupsHeight, header.cupsWidth);
+  printer.printImage(state->page.get(), header.cupsBytesPerLine, header.cupsHeight, header.cupsWidth);
   if (!flushPage(*state)) {
     papplJobSetMessage(job, "The printer stopped taking data during page %u", page);
     return false;
