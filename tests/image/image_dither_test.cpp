@@ -156,6 +156,30 @@ TEST(BarcodeText, LogoBesideBars) {
   EXPECT_LT(logoDots, 60 * 90 / 255 + 6);
 }
 
+// An edge counts within two pixels, down a column as along a row. Grey 100
+// (tone, diffused: some dots on every line) beside full ink: the two lines
+// next to the ink see the edge and take the threshold (no dot, and no lone
+// peak, the ink being darker); the third line away diffuses again.
+TEST(BarcodeText, AnEdgeReachesTwoPixels) {
+  const unsigned n = 8, ink = 6;  // lines 0..5 grey, line 6 ink
+  for (bool down : {true, false}) {
+    std::vector<uint8_t> page(n * (ink + 1));
+    for (unsigned a = 0; a <= ink; ++a)    // a: the line, across the edge
+      for (unsigned b = 0; b < n; ++b)     // b: along it
+        page[down ? a * n + b : b * (ink + 1) + a] = a == ink ? 255 : 100;
+    PaletteImage img;
+    makeGray(img, down ? n : ink + 1, down ? ink + 1 : n, page);
+    ASSERT_TRUE(img.Dither(10));
+    for (unsigned a = 0; a <= ink; ++a) {
+      int dots = 0;
+      for (unsigned b = 0; b < n; ++b) dots += down ? img.GetPixelIndex(b, a) : img.GetPixelIndex(a, b);
+      if (a == ink) EXPECT_EQ(dots, 8) << "ink line, down " << down;
+      else if (a >= ink - 2) EXPECT_EQ(dots, 0) << "line " << a << ", down " << down;
+      else EXPECT_GT(dots, 0) << "line " << a << ", down " << down;
+    }
+  }
+}
+
 // A lone QR module enlarged 1.5 times by bilinear interpolation peaks at 113
 // on the nearest pixel (0.67 x 0.67 of full ink): the threshold would lose it,
 // the peak rule prints that one pixel. A lone paper module in ink likewise.

@@ -163,6 +163,19 @@ TEST_F(SavedImage, OneBitRowsBottomUpWithPaperBitsSet) {
   EXPECT_EQ(bmp.substr(62), std::string(reinterpret_cast<const char*>(rows), 8));
 }
 
+TEST_F(SavedImage, OneBitRowOfThirtyTwoIsFourBytes) {
+  // 32 pixels fill four bytes exactly: no padding, no unused bits. Ink
+  // everywhere but the last pixel.
+  std::vector<unsigned char> data(32, 1);
+  data[31] = 0;
+  p.saveImage(data.data(), 32, 1, 32, 1, "dithered");
+  const std::string bmp = readFile(onlyFile());
+  ASSERT_EQ(bmp.size(), 62u + 4u);
+  EXPECT_EQ(le32(bmp, 2), 66u);
+  EXPECT_EQ(le32(bmp, 34), 4u);
+  EXPECT_EQ(bmp.substr(62), std::string("\0\0\0\x01", 4));
+}
+
 // Only the newest 64 pictures stay, oldest removed first; files of other
 // names (one a letter off the pictures' prefix), links and what they point
 // to are left alone.
@@ -217,6 +230,9 @@ TEST(AntiWrinkle, FrameAlongTheCanvas) {
       // Wider than the canvas: the frame is drawn into the picture from 307.
       {"A4", 1, 3000, 3272, 3000, 3272, 307, 0, 2386, 3272},
       {"Tattoo_A6", 2, 1000, 1400, 1228, 1418, 0, 0, 1229, 1418},
+      // Letter: 210 x 257 mm is 24803.1 and 30354.3 tenths of a dot, which
+      // round to 2480 and 3035 dots (a tenth of 4 rounds down).
+      {"Letter", 1, 2500, 3055, 2504, 3059, 0, 0, 2504, 3059},
       // Unknown names (also by letter case) get no frame at all.
       {"a4", 1, 40, 30, 40, 30, 0, 0, 0, 0},
       {"w288h432", 1, 40, 30, 40, 30, 0, 0, 0, 0},
