@@ -1,6 +1,7 @@
 #include "image/palette_barcode.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <vector>
 
@@ -24,6 +25,8 @@ constexpr long kRows = 2 * kRadius + 1;
 constexpr long kShareReach = 32;
 constexpr long long kShareVariance = 655;  // a spread of about 0.1 of a pixel
 constexpr int kNoShare = -1;
+
+std::atomic<bool> gShortcut{true};
 
 inline int clampLevel(int v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
 
@@ -67,6 +70,8 @@ inline int unmixLevel(int level, int earlier, int t) {
 
 }  // namespace
 
+bool kelvoBarcodeTextSetShortcut(bool on) { return gShortcut.exchange(on, std::memory_order_relaxed); }
+
 void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader& read, const KelvoDotRowSink& emit) {
   if (width <= 0 || height <= 0) return;
   const size_t w = static_cast<size_t>(width);
@@ -87,10 +92,35 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
   std::vector<int> columnShares(w * static_cast<size_t>(shareRows), kNoShare);
   std::vector<ShareSums> columnSums(w);
   std::vector<bool> rowHasShares(static_cast<size_t>(shareRows), false);
+  long rowsWithShares = 0;
+  const bool shortcut = gShortcut.load(std::memory_order_relaxed);
 
   for (long y = 0; y < height; ++y) {
     if (y + kRadius < height) read(y + kRadius, slot(y + kRadius));
     const uint8_t* row = slot(y);
+    // The row 33 above leaves the column sums. Most rows hold no share at
+    // all; such a row leaves the sums untouched on the way in and out.
+    const size_t shareSlot = static_cast<size_t>(y % shareRows);
+    int* shares = &columnShares[shareSlot * w];
+    if (rowHasShares[shareSlot]) {
+      for (size_t i = 0; i < w; ++i) columnSums[i].add(shares[i], -1);
+      rowHasShares[shareSlot] = false;
+      --rowsWithShares;
+    }
+    // A row of only paper and ink, with no column mix in the rows above to
+    // join, is every pixel hard, unmixed to itself and free of peaks: the
+    // threshold, and no error passed on.
+    bool twoLevel = rowsWithShares == 0 && shortcut;
+    for (size_t i = 0; i < w && twoLevel; ++i) twoLevel = row[i] <= kNearPaper || row[i] >= kNearInk;
+    if (twoLevel) {
+      for (size_t i = 0; i < w; ++i) {
+        out[i] = row[i] > 128 ? 1 : 0;
+        unmixedAbove[i] = row[i];
+      }
+      std::fill(errHere.begin(), errHere.end(), 0);
+      emit(y, out.data());
+      continue;
+    }
     // The rows of the vertical window, looked up once a row rather than per pixel.
     const uint8_t* window[kRows];
     long windowRows = 0;
@@ -144,12 +174,6 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
       unmixed[i] = unmixLevel(row[x], unmixedAbove[i], near.share());
     }
     // Along the row: a pixel between two columns, its share from the rows above.
-    // Most rows hold no share at all; such a row leaves the sums untouched
-    // on the way in and on the way out.
-    const size_t shareSlot = static_cast<size_t>(y % shareRows);
-    int* shares = &columnShares[shareSlot * w];
-    if (rowHasShares[shareSlot])
-      for (size_t i = 0; i < w; ++i) columnSums[i].add(shares[i], -1);
     bool anyShare = false;
     for (long x = 0; x < width; ++x) {
       const size_t i = static_cast<size_t>(x);
@@ -159,6 +183,7 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
       columnSums[i].add(shares[i], 1);
     }
     rowHasShares[shareSlot] = anyShare;
+    rowsWithShares += anyShare ? 1 : 0;
     for (long x = 0; x < width; ++x) {
       const size_t i = static_cast<size_t>(x);
       along[i] = (x == 0 || !hard[i]) ? unmixed[i] : unmixLevel(unmixed[i], along[i - 1], columnSums[i].share());

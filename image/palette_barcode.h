@@ -42,3 +42,9 @@ using KelvoDotRowSink = std::function<void(long y, const uint8_t* row)>;
 // and leaves only tone pixels: a two-level pixel ignores what it receives and
 // passes nothing on, so photos and logos stay halftoned beside sharp bars.
 void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader& read, const KelvoDotRowSink& emit);
+
+// Rows of only paper and ink with no column mix in the 33 rows up to them
+// come out as the threshold without the per-pixel work (the same dots: every
+// pixel there is two-level and unmixes to itself). On by default; process-wide,
+// and only the tests turn it off, to compare. Returns the setting before.
+bool kelvoBarcodeTextSetShortcut(bool on);

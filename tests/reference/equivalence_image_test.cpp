@@ -6,6 +6,7 @@
 #include <random>
 #include <string>
 
+#include "image/palette_barcode.h"
 #include "image/palette_dither.h"
 #include "image/palette_image.h"
 #include "tests/common/memory_printer.h"
@@ -52,6 +53,60 @@ TEST(ImageEquivalence, DiffusionEveryPathAndShape) {
     }
   }
   kelvoDitherSetPath(1);
+}
+
+// Barcode and Text's shortcut for rows of only paper and ink against the
+// full computation: pages of two-level blocks with now and then a row mixed
+// with grey, pages of bars whose edges are mixed columns for a few rows (an
+// enlarged picture's; two-level rows up to 32 below them still join them,
+// so the shortcut must wait), and the random pages.
+TEST(ImageEquivalence, BarcodeTextShortcutIsTheFullComputation) {
+  auto same = [](const std::vector<uint8_t>& page, int w, int h) {
+    std::vector<uint8_t> dots[2];
+    for (bool shortcut : {false, true}) {
+      kelvoBarcodeTextSetShortcut(shortcut);
+      PaletteImage img;
+      grayImage(img, page, w, h);
+      EXPECT_TRUE(img.Dither(10));
+      dots[shortcut].assign(img.GetBits(0), img.GetBits(0) + static_cast<size_t>(img.GetEffWidth()) * h);
+    }
+    kelvoBarcodeTextSetShortcut(true);
+    return dots[1] == dots[0];
+  };
+  // Mixed columns at 2 (rows 0-2) and at 3 (rows 3-5), then paper from column
+  // 2: in the two-level rows below, column 2 joins the ink and column 3 joins
+  // column 2, and at row 7 on no ink is near enough to undo that as a peak.
+  std::vector<uint8_t> joined;
+  for (int y = 0; y < 10; ++y)
+    for (int x = 0; x < 8; ++x) {
+      const int edge = y >= 3 && y < 6 ? 3 : 2;
+      joined.push_back(y < 6 && x == edge ? 160 : (x < edge ? 255 : 0));
+    }
+  EXPECT_TRUE(same(joined, 8, 10));
+
+  std::mt19937 rng(13);
+  for (int n = 0; n < 400; ++n) {
+    const int w = n == 0 ? 812 : 1 + static_cast<int>(rng() % 90);
+    const int h = n == 0 ? 300 : 1 + static_cast<int>(rng() % 120);
+    std::vector<uint8_t> page;
+    if (n % 4 == 3) {
+      page = kref::randomPage(w, h, w, rng());
+    } else {
+      const bool bars = n % 4 == 1;
+      const int block = 2 + static_cast<int>(rng() % 3), greyRow = 5 + static_cast<int>(rng() % 40);
+      const uint32_t pattern = rng();
+      const uint8_t mix = static_cast<uint8_t>(126 + rng() % 80);
+      for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+          const int bit = bars ? x / block % 32 : (x / block * 7 + y / (block + 1) * 3) % 32;
+          uint8_t v = (pattern >> bit) & 1 ? 255 : 0;
+          if (bars && y % 50 < 6 && x % block == 0) v = mix;
+          else if (y % greyRow == 1) v = static_cast<uint8_t>(v / 2 + rng() % 120);
+          page.push_back(v);
+        }
+    }
+    ASSERT_TRUE(same(page, w, h)) << "page " << n << ", " << w << "x" << h;
+  }
 }
 
 TEST(ImageEquivalence, DitherFourBitPages) {
