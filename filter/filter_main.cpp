@@ -4,6 +4,7 @@
 #include <cups/raster.h>
 #include <fcntl.h>
 #include <sys/time.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -129,6 +130,17 @@ class JobSignals {
 bool outputFailed(FILE* out) {
   errno = 0;
   const bool failed = std::fflush(out) != 0 || std::ferror(out) != 0;
+  // When the spooler cancels a job it stops the backend and the filter
+  // alike, in no fixed order: a link that went away may be the cancel
+  // arriving a moment later. Give it that moment before calling it a failure.
+  if (failed && !sJobCancelled && (errno == EPIPE || errno == 0)) {
+    const int saved = errno;
+    for (int i = 0; i < 30 && !sJobCancelled; ++i) {
+      const struct timespec tick {0, 10 * 1000 * 1000};
+      nanosleep(&tick, nullptr);
+    }
+    errno = saved;
+  }
   // After a cancel the write error is the cancel itself (the link was closed,
   // or made non-blocking above), not a failure of the job.
   if (failed && !sJobCancelled)

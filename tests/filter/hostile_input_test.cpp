@@ -211,7 +211,7 @@ TEST(Cancel, SigtermInTheMiddleOfAPage) {
 }
 
 // Cancelling is the spooler's decision, not a failure: with the printer
-// link stalled (a pipe nobody reads) or closed at the same moment, the job
+// link stalled (a pipe nobody reads) or closed just before the cancel, the job
 // ends within a second, exit 0, no error line.
 TEST(Cancel, StalledOrClosedLinkEndsPromptly) {
   const std::string raster = rasterStream(std::vector<RawPage>(20, noisePage(800, 600)));

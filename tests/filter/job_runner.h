@@ -115,8 +115,8 @@ struct JobResult {
 // once `cancelAt` bytes have come and the filter has filled the pipe, the
 // job gets SIGTERM as the spooler cancels it, and the time counts from there.
 // Stalled: a pipe nobody reads (a printer link that hangs), cancelled once
-// the filter has filled it. CloseAndCancel: the pipe's reader goes away at
-// the moment the job is cancelled, as when cupsd stops filter and backend.
+// the filter has filled it. CloseAndCancel: the pipe's reader goes away and
+// the job is cancelled 0.1 s later, as when cupsd stops the backend first.
 enum class Output { Capture, DevFull, Closed, BrokenPipe, Cancel, Stalled, CloseAndCancel };
 
 // Runs the filter with `args` after the program name, the environment
@@ -187,7 +187,7 @@ inline JobResult runFilter(const std::vector<std::string>& args, const std::stri
     }
     usleep(200 * 1000);
     start = std::chrono::steady_clock::now();
-    if (output == Output::CloseAndCancel) close(pipeEnds[0]);
+    if (output == Output::CloseAndCancel) close(pipeEnds[0]), usleep(100 * 1000);
     kill(pid, SIGTERM);
   }
   int status = 0;
