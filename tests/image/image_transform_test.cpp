@@ -102,4 +102,33 @@ TEST(Expand, LayoutBottomMarginFirst) {
             std::vector<int>({10, 20, 30, 1, 2, 3}));
 }
 
+// The two members without a caller keep their documented behaviour.
+TEST(Rebuild, MakeCenterAndDrawLine) {
+  PaletteImage img;
+  makeGray(img, 3, 2, {10, 20, 30, 40, 50, 60});
+  img.MakeCenter(8);  // the old pixels from column (8 - 3) / 2 = 2
+  ASSERT_EQ(img.GetWidth(), 8u);
+  for (long y = 0; y < 2; ++y)
+    for (long x = 0; x < 3; ++x) EXPECT_EQ(img.GetPixelIndex(x + 2, y), 10 + 10 * (y * 3 + x)) << x << "," << y;
+  img.MakeCenter(5);  // not wider: unchanged
+  EXPECT_EQ(img.GetWidth(), 8u);
+  // Both x first: from (0, 0) to (3, 1) sets (0,0), (1,0), (2,1), (3,1); the
+  // same line drawn backwards sets the same pixels.
+  for (bool backwards : {false, true}) {
+    makeFlat(img, 5, 3, 0);
+    if (backwards) img.DrawLine(3, 0, 1, 0, 9);
+    else img.DrawLine(0, 3, 0, 1, 9);
+    std::vector<int> want(15, 0);
+    for (int i : {0, 1, 7, 8}) want[i] = 9;
+    EXPECT_EQ(indices(img), want) << backwards;
+  }
+  // Steep: y moves every pixel, x once the accumulator (from 4 / 2, adding 1)
+  // reaches 4: (0,0), (0,1), (1,2), (1,3), (1,4).
+  makeFlat(img, 5, 5, 0);
+  img.DrawLine(0, 1, 0, 4, 9);
+  std::vector<int> want(25, 0);
+  for (int i : {0, 5, 11, 16, 21}) want[i] = 9;
+  EXPECT_EQ(indices(img), want);
+}
+
 }  // namespace
