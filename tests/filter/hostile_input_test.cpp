@@ -62,7 +62,8 @@ TEST(WholeJobs, HostileAndBrokenInput) {
                                            ppdOption("PaperType", std::string(31, 'a') + "LabelGaps") +
                                            ppdOption("Origin", std::string(29, 'o') + "Rotation180") +
                                            ppdOption("GapsHeight", "3") + ppdOption("Darkness", "30"))),
-      inject("inject.ppd", labelPpd(ppdOption("PrintSpeed", "2^XA^FO50,50^FDINJECTED^FS^XZ")));
+      inject("inject.ppd", labelPpd(ppdOption("PrintSpeed", "2^XA^FO50,50^FDINJECTED^FS^XZ"))),
+      noWidth("no-width.ppd", ppdText(ppdOption("PageSize", "w0h432") + "*PaperDimension w0h432: \"0 432\"\n"));
   const std::string noPageSize = "ERROR: Paper size must not less than 1.0 : (0.000000, 0.000000)\n";
   const std::string cannotSend = "ERROR:Unable to send the job to the printer: writing standard output failed ";
   const std::string fiftyPages = rasterStream(std::vector<RawPage>(50, noisePage(400, 300)));
@@ -132,6 +133,10 @@ TEST(WholeJobs, HostileAndBrokenInput) {
       {"PPD header only", good, "", headerOnly.path, {1, -1, noPageSize}},
       {"a 1 MiB PPD line", good, "", longLine.path, {1, -1, noPageSize}},
       {"a choice word of 41 characters", good, "", longWord.path, {1, -1, noPageSize}},
+      // One side of the size missing is enough to refuse it (432 points at
+      // 0.3528 mm are 152.4096 mm, as the nearest float).
+      {"a page size without width", good, "", noWidth.path,
+       {1, -1, "ERROR: Paper size must not less than 1.0 : (0.000000, 152.409607)\n"}},
       // A speed word the printer would not take as a speed is left out, and
       // a crafted one cannot put commands into the job.
       {"words of 40 characters", good, "", fullWords.path, {0, 1, "", {"\r\n^MNY\r\n^POI\r\n~SD30\r\n^XZ\r\n"}}},

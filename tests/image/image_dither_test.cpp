@@ -220,4 +220,29 @@ TEST(BarcodeText, LoneModulesSurviveEnlarging) {
   EXPECT_EQ(indices(img)[12], 0);
 }
 
+// The lone module of the test above, cut by the page's last (and first)
+// column: its peak still prints. A dot of ink elsewhere on the page, in the
+// row that follows in memory, is not its neighbour.
+TEST(BarcodeText, LoneModulesAtTheEdges) {
+  const std::vector<uint8_t> right = {0,   0, 0, 0,  0,    //
+                                      0,   0, 0, 28, 57,   //
+                                      0,   0, 0, 57, 113,  //
+                                      255, 0, 0, 28, 57,   //
+                                      0,   0, 0, 0,  0};
+  std::vector<uint8_t> left(25);
+  for (int y = 0; y < 5; ++y)
+    for (int x = 0; x < 5; ++x) left[y * 5 + x] = right[y * 5 + 4 - x];
+  left[19] = 0;  // the stray dot moves to the end of row 1
+  left[9] = 255;
+  for (bool atRight : {true, false}) {
+    PaletteImage img;
+    makeGray(img, 5, 5, atRight ? right : left);
+    ASSERT_TRUE(img.Dither(10));
+    std::vector<int> expected(25, 0);
+    expected[atRight ? 14 : 10] = 1;  // the peak
+    expected[atRight ? 15 : 9] = 1;   // the stray dot
+    EXPECT_EQ(indices(img), expected) << (atRight ? "last column" : "first column");
+  }
+}
+
 }  // namespace
