@@ -52,6 +52,17 @@ TEST(Pixels, PackingAndOutOfRange) {
   }
 }
 
+// Rows given top first can be stored the other way round.
+TEST(Pixels, CreateFromArrayFlipped) {
+  unsigned char rows[] = {1, 2, 0, 0, 3, 4, 0, 0, 5, 6, 0, 0};  // stride 4
+  PaletteImage img;
+  ASSERT_TRUE(img.CreateFromArray(rows, 2, 3, 8, 4, true));
+  std::vector<int> got;
+  for (long y = 0; y < 3; ++y)
+    for (long x = 0; x < 2; ++x) got.push_back(img.GetPixelIndex(x, y));
+  EXPECT_EQ(got, (std::vector<int>{5, 6, 3, 4, 1, 2}));
+}
+
 TEST(Palette, GrayNearestAndColorOrder) {
   PaletteImage img;
   img.Create(2, 2, 4, 0);

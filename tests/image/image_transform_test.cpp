@@ -92,6 +92,16 @@ TEST(Expand, LayoutBottomMarginFirst) {
       }
     EXPECT_FALSE(img.Expand(-1, 0, 0, 0, kWhite));
   }
+  // A 4-bit page goes pixel by pixel; its pixels land the same way.
+  PaletteImage four;
+  ASSERT_NE(four.Create(5, 4, 4, 0), nullptr);
+  for (long y = 0; y < 4; ++y)
+    for (long x = 0; x < 5; ++x) four.SetPixelIndex(x, y, static_cast<uint8_t>((y * 5 + x) % 16));
+  ASSERT_TRUE(four.Expand(2, 1, 1, 3, kWhite));
+  ASSERT_EQ(four.GetWidth(), 8u);
+  ASSERT_EQ(four.GetHeight(), 8u);
+  for (long y = 0; y < 4; ++y)
+    for (long x = 0; x < 5; ++x) EXPECT_EQ(four.GetPixelIndex(x + 2, y + 3), (y * 5 + x) % 16) << x << "," << y;
   // A 24-bit page keeps its colours and takes the canvas colour in the margin.
   PaletteImage rgb;
   ASSERT_NE(rgb.Create(2, 1, 24, 0), nullptr);
