@@ -124,7 +124,8 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
     // The rows of the vertical window, looked up once a row rather than per pixel.
     const uint8_t* window[kRows];
     long windowRows = 0;
-    for (long r = std::max(0L, y - kRadius); r <= std::min(height - 1, y + kRadius); ++r) window[windowRows++] = slot(r);
+    for (long r = std::max(0L, y - kRadius); r <= std::min(height - 1, y + kRadius); ++r)
+      window[windowRows++] = slot(r);
 
     for (long x = 0; x < width; ++x) {
       const int level = row[x];
