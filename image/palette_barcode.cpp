@@ -82,7 +82,7 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
 
   // Received error of this row and the next, one cell of margin each side.
   std::vector<int> errHere(w + 2, 0), errBelow(w + 2, 0);
-  std::vector<uint8_t> hard(w), out(w);
+  std::vector<uint8_t> hard(w), out(w), columnLo(w), columnHi(w);
   // Levels unmixed down the columns (this row and the one above) and then
   // along the row; shares of row mixes along this row (prefix sums); shares
   // of column mixes in the last kShareReach + 1 rows, summed per column.
@@ -127,23 +127,26 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
     for (long r = std::max(0L, y - kRadius); r <= std::min(height - 1, y + kRadius); ++r)
       window[windowRows++] = slot(r);
 
+    // The 5 x 5 square around a pixel: each column's range over the window's
+    // rows first, then the range of five of those along the row.
+    for (long x = 0; x < width; ++x) {
+      int lo = 255, hi = 0;
+      for (long k = 0; k < windowRows; ++k) {
+        const int v = window[k][x];
+        lo = std::min(lo, v);
+        hi = std::max(hi, v);
+      }
+      columnLo[static_cast<size_t>(x)] = static_cast<uint8_t>(lo);
+      columnHi[static_cast<size_t>(x)] = static_cast<uint8_t>(hi);
+    }
     for (long x = 0; x < width; ++x) {
       const int level = row[x];
       bool isHard = level <= kNearPaper || level >= kNearInk;
       if (!isHard) {
         int lo = 255, hi = 0;
         for (long i = std::max(0L, x - kRadius); i <= std::min(width - 1, x + kRadius); ++i) {
-          lo = std::min<int>(lo, row[i]);
-          hi = std::max<int>(hi, row[i]);
-        }
-        isHard = hi - lo >= kEdgeContrast;
-      }
-      if (!isHard) {
-        int lo = 255, hi = 0;
-        for (long k = 0; k < windowRows; ++k) {
-          const int v = window[k][x];
-          lo = std::min(lo, v);
-          hi = std::max(hi, v);
+          lo = std::min<int>(lo, columnLo[static_cast<size_t>(i)]);
+          hi = std::max<int>(hi, columnHi[static_cast<size_t>(i)]);
         }
         isHard = hi - lo >= kEdgeContrast;
       }

@@ -12,8 +12,11 @@ using KelvoDotRowSink = std::function<void(long y, const uint8_t* row)>;
 // A pixel is printed with a dot exactly when its level (unmixed, below) is
 // above 128, wherever the page is two-level:
 //   - the pixel is near paper (level <= 16) or near full ink (>= 239), or
-//   - along its row or its column, the pixels up to 2 away on either side
-//     (itself included) differ by 96 levels or more: it lies on a hard edge.
+//   - in the 5 x 5 square around it (2 pixels every way, itself included)
+//     levels differ by 96 or more: it lies on or beside a hard edge. (A
+//     square, not just its row and column: where an enlargement by 2 puts a
+//     tie on every module edge, a dot at the corner of four alternating
+//     modules sees only mid grey along both.)
 // On an anti-aliased page a pixel's level is the share of it that the shape
 // covers, so an edge crossing the pixel left of its centre darkens it by more
 // than half: the threshold puts every edge on the nearest dot boundary, each

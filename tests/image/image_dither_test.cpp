@@ -245,4 +245,41 @@ TEST(BarcodeText, LoneModulesAtTheEdges) {
   }
 }
 
+// A QR symbol (21 x 21 modules, zint's "KELVO QR 0042") enlarged twice by
+// interpolation with its grid half a dot off, as imagetoraster makes a 150 ppi
+// picture at 300 dpi: every module edge crosses the middle of a dot (127) and
+// the dot at a corner of four modules is their mean, mid grey wherever they
+// alternate. Every module prints as 2 x 2 dots, the halved dots going to the
+// module above and to the left, however its neighbours alternate.
+TEST(BarcodeText, ModulesEnlargedTwiceWithEveryEdgeAtATie) {
+  const uint32_t qr[21] = {0x1fdc7f, 0x105541, 0x17575d, 0x17515d, 0x175a5d, 0x104941, 0x1fd57f,
+                           0x001e00, 0x0d6b5f, 0x0a13a3, 0x12f659, 0x1a9fec, 0x0be370, 0x001489,
+                           0x1fdcfc, 0x1041bb, 0x175b6f, 0x1746b2, 0x175279, 0x105f8b, 0x1fc671};
+  const int n = 21, quiet = 2, dots = 2 * (n + 2 * quiet) + 1;
+  // Module k (quiet zone included) covers dots 2k + 0.5 .. 2k + 2.5.
+  auto ink = [&](int k, int j) {
+    const int r = k - quiet, c = j - quiet;
+    return r >= 0 && r < n && c >= 0 && c < n && ((qr[r] >> (n - 1 - c)) & 1);
+  };
+  auto halves = [](int d, int k) { return d == 2 * k + 1 ? 2 : (d == 2 * k || d == 2 * k + 2) ? 1 : 0; };
+  std::vector<uint8_t> page;
+  std::vector<int> expected;
+  for (int y = 0; y < dots; ++y)
+    for (int x = 0; x < dots; ++x) {
+      int quarters = 0;
+      for (int k = y / 2 - 1; k <= y / 2; ++k)
+        for (int j = x / 2 - 1; j <= x / 2; ++j) quarters += ink(k, j) ? halves(y, k) * halves(x, j) : 0;
+      page.push_back(static_cast<uint8_t>(255 * quarters / 4));
+      expected.push_back(ink((y - 1) / 2, (x - 1) / 2) && y > 0 && x > 0 ? 1 : 0);
+    }
+  PaletteImage img;
+  makeGray(img, dots, dots, page);
+  ASSERT_TRUE(img.Dither(10));
+  const std::vector<int> got = indices(img);
+  int wrong = 0, first = -1;
+  for (size_t i = 0; i < got.size(); ++i)
+    if (got[i] != expected[i] && wrong++ == 0) first = static_cast<int>(i);
+  EXPECT_EQ(wrong, 0) << "first wrong dot at x " << first % dots << ", y " << first / dots;
+}
+
 }  // namespace
