@@ -41,43 +41,11 @@ KD_TARGET inline void spread(Lanes::V error, Lanes::V& right1, Lanes::V& right2,
   if constexpr (K + 1 < N) spread<Cells, N, K + 1, Lag>(error, right1, right2, column, c);
 }
 
-// dst[c * 8 + r] = src[r][c] for r, c < 8.
-KD_TARGET inline void transpose8x8(const uint8_t* const src[8], uint8_t* dst) {
-  const __m128i b0 = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(src[0])),
-                                       _mm_loadl_epi64(reinterpret_cast<const __m128i*>(src[1])));
-  const __m128i b1 = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(src[2])),
-                                       _mm_loadl_epi64(reinterpret_cast<const __m128i*>(src[3])));
-  const __m128i b2 = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(src[4])),
-                                       _mm_loadl_epi64(reinterpret_cast<const __m128i*>(src[5])));
-  const __m128i b3 = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(src[6])),
-                                       _mm_loadl_epi64(reinterpret_cast<const __m128i*>(src[7])));
-  const __m128i c0 = _mm_unpacklo_epi16(b0, b1), c1 = _mm_unpackhi_epi16(b0, b1);
-  const __m128i c2 = _mm_unpacklo_epi16(b2, b3), c3 = _mm_unpackhi_epi16(b2, b3);
-  _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), _mm_unpacklo_epi32(c0, c2));
-  _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + 16), _mm_unpackhi_epi32(c0, c2));
-  _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + 32), _mm_unpacklo_epi32(c1, c3));
-  _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + 48), _mm_unpackhi_epi32(c1, c3));
-}
-
-// Eight bytes of `row` from x0 on, zeros outside 0..width-1 or without a row.
-KD_TARGET inline const uint8_t* clippedEight(const uint8_t* row, long x0, long width, uint8_t* scratch) {
-  if (row != nullptr && x0 >= 0 && x0 + 8 <= width) return row + x0;
-  for (long i = 0; i < 8; ++i) {
-    const long x = x0 + i;
-    scratch[i] = (row != nullptr && x >= 0 && x < width) ? row[x] : 0;
-  }
-  return scratch;
-}
-
-// Stores the bytes at x0 .. x0 + 7 of `row` that lie inside 0..width-1.
-KD_TARGET inline void storeClippedEight(uint8_t* row, long x0, long width, const uint8_t* src) {
-  if (x0 >= 0 && x0 + 8 <= width) {
-    std::memcpy(row + x0, src, 8);
-    return;
-  }
-  for (long i = 0; i < 8; ++i)
-    if (x0 + i >= 0 && x0 + i < width) row[x0 + i] = src[i];
-}
+#define BLOCK_TARGET KD_TARGET
+#define BLOCK_SSE2 1
+#include "image/byte_blocks_impl.h"
+#undef BLOCK_SSE2
+#undef BLOCK_TARGET
 
 // The whole page, band after band; `emit` receives each finished row as
 // one 0/1 byte a pixel. `carry` holds the rows below the last band as that
