@@ -57,15 +57,32 @@ struct ShareSums {
   }
 };
 
-// The level the pixel would have had without the mix: with share t of it from
-// the earlier neighbour (already unmixed to `earlier`), the pixel joins that
-// neighbour when t is half or more, else it is the level of its own.
-inline int unmixLevel(int level, int earlier, int t) {
-  if (t == kNoShare) return level;
+// A pixel of an enlarged picture mixes two pixels of the original, the
+// earlier (above, or to the left) with share t and the later. What it stands
+// for after unmixing: the earlier when t is half or more, else the later.
+struct Unmixed {
+  int level;           // what the pixel stands for
+  int earlier, later;  // the two levels of the original, as far as known
+  int share;           // t, or kNoShare where nothing is known (all three are then the level)
+};
+
+inline Unmixed plain(int level) { return {level, level, level, kNoShare}; }
+
+// Unmixes a pixel of level `level` and share t against the pixel before it.
+// The sources move on by one when the share grows (the enlargement's grid
+// passed a pixel of the original between the two): the earlier source is then
+// the previous pixel's later one, else the same earlier one. Below an
+// enlargement of 2 the previous pixel may stand for its earlier source while
+// this one's earlier source is its later: the earlier must be that, not what
+// the previous pixel stands for.
+inline Unmixed unmix(int level, const Unmixed& before, int t) {
+  if (t == kNoShare) return plain(level);
+  const bool movedOn = before.share == kNoShare || t > before.share;
+  const int earlier = movedOn ? before.later : before.earlier;
+  const int later = clampLevel((level * 256 - t * earlier + (256 - t) / 2) / (256 - t));
   // A pixel halfway (an enlargement by 2 gives 127 or 128 there, so within
   // 2/256) joins the earlier side at both edges of a bar, which keeps its width.
-  if (t >= 126) return earlier;
-  return clampLevel((level * 256 - t * earlier + (256 - t) / 2) / (256 - t));
+  return {t >= 126 ? earlier : later, earlier, later, t};
 }
 
 }  // namespace
@@ -86,7 +103,7 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
   // Levels unmixed down the columns (this row and the one above) and then
   // along the row; shares of row mixes along this row (prefix sums); shares
   // of column mixes in the last kShareReach + 1 rows, summed per column.
-  std::vector<int> unmixed(w), unmixedAbove(w), along(w);
+  std::vector<Unmixed> unmixed(w), unmixedAbove(w), along(w);
   std::vector<ShareSums> rowPrefix(w + 1);
   const long shareRows = kShareReach + 1;
   std::vector<int> columnShares(w * static_cast<size_t>(shareRows), kNoShare);
@@ -115,7 +132,7 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
     if (twoLevel) {
       for (size_t i = 0; i < w; ++i) {
         out[i] = row[i] > 128 ? 1 : 0;
-        unmixedAbove[i] = row[i];
+        unmixedAbove[i] = plain(row[i]);
       }
       std::fill(errHere.begin(), errHere.end(), 0);
       emit(y, out.data());
@@ -168,20 +185,22 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
     }
     for (long x = 0; x < width; ++x) {
       const size_t i = static_cast<size_t>(x);
-      unmixed[i] = row[x];
+      unmixed[i] = plain(row[x]);
       if (y == 0 || !hard[i]) continue;
       ShareSums near = rowPrefix[static_cast<size_t>(std::min(width, x + kShareReach + 1))];
       const ShareSums& before = rowPrefix[static_cast<size_t>(std::max(0L, x - kShareReach))];
       near.n -= before.n;
       near.s -= before.s;
       near.ss -= before.ss;
-      unmixed[i] = unmixLevel(row[x], unmixedAbove[i], near.share());
+      unmixed[i] = unmix(row[x], unmixedAbove[i], near.share());
     }
     // Along the row: a pixel between two columns, its share from the rows above.
     bool anyShare = false;
     for (long x = 0; x < width; ++x) {
       const size_t i = static_cast<size_t>(x);
-      shares[i] = (x > 0 && x + 1 < width) ? stepShare(unmixed[i - 1], unmixed[i], unmixed[i + 1]) : kNoShare;
+      shares[i] = (x > 0 && x + 1 < width)
+                      ? stepShare(unmixed[i - 1].level, unmixed[i].level, unmixed[i + 1].level)
+                      : kNoShare;
       if (shares[i] == kNoShare) continue;
       anyShare = true;
       columnSums[i].add(shares[i], 1);
@@ -190,7 +209,8 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
     rowsWithShares += anyShare ? 1 : 0;
     for (long x = 0; x < width; ++x) {
       const size_t i = static_cast<size_t>(x);
-      along[i] = (x == 0 || !hard[i]) ? unmixed[i] : unmixLevel(unmixed[i], along[i - 1], columnSums[i].share());
+      const int level = unmixed[i].level;
+      along[i] = (x == 0 || !hard[i]) ? plain(level) : unmix(level, along[i - 1], columnSums[i].share());
     }
     std::swap(unmixed, unmixedAbove);
 
@@ -200,7 +220,7 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
     for (long x = 0; x < width; ++x) {
       const int level = row[x];
       if (hard[static_cast<size_t>(x)]) {
-        uint8_t dot = along[static_cast<size_t>(x)] > 128 ? 1 : 0;
+        uint8_t dot = along[static_cast<size_t>(x)].level > 128 ? 1 : 0;
         const bool faintInk = !dot && level > kPeakFloor;
         const bool faintPaper = dot && level < 255 - kPeakFloor;
         if (faintInk || faintPaper) {

@@ -29,11 +29,15 @@ using KelvoDotRowSink = std::function<void(long y, const uint8_t* row)>;
 // share t of a pixel that belongs to the row above is read off them (their
 // mean over 32 pixels either way along the row, if they agree), and the level
 // is unmixed first down the columns, then along the row (shares from the 33
-// rows up to this one): a pixel whose share is half or more takes the
-// unmixed level of the pixel before it (it is nearer that row of the
-// original; a pixel within 2/256 of half counts as half, so both edges of a
-// bar at a tie go the same way), else (level - t * before) / (1 - t). Edges so land on the nearest
-// dot consistently along each row and column of modules. One exception
+// rows up to this one). The pixel's earlier source is the one the pixel
+// before it had as its later source when the share grew from that pixel to
+// this one (the original's grid moved on), else the same earlier source; its
+// later source is (level - t * earlier) / (1 - t). It takes the earlier
+// source's level when its share is half or more (it is nearer that row of
+// the original; a pixel within 2/256 of half counts as half, so both edges of
+// a bar at a tie go the same way), else the later source's. A pixel with no
+// share known stands for its own level, as both sources. Edges so land on
+// the nearest dot consistently along each row and column of modules. One exception
 // keeps lone modules: a pixel of level 65..128 that is the darkest of its 3x3
 // neighbourhood and 64 or more above its lightest neighbour prints (an
 // enlarged picture spreads a 1.5-dot QR module so thin that no pixel reaches

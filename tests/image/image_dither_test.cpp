@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstring>
+#include <random>
 #include <string>
 
 #include "image_test_util.h"
@@ -280,6 +282,49 @@ TEST(BarcodeText, ModulesEnlargedTwiceWithEveryEdgeAtATie) {
   for (size_t i = 0; i < got.size(); ++i)
     if (got[i] != expected[i] && wrong++ == 0) first = static_cast<int>(i);
   EXPECT_EQ(wrong, 0) << "first wrong dot at x " << first % dots << ", y " << first / dots;
+}
+
+// Random symbols enlarged by less than 2 with bilinear interpolation, their
+// grid off the dots: each prints exactly as its modules drawn with every
+// edge on the nearest dot (a dot prints when its centre is in a dark
+// module). Below 2 a dot may mix a module with the next while the dot before
+// it stood for the module before both; the first two pages went wrong that way.
+TEST(BarcodeText, ModulesEnlargedBelowTwiceLandOnTheNearestDot) {
+  const struct { double scale; unsigned seed; } cases[] = {{1.3, 80}, {1.3, 107}, {1.5, 34}, {1.5, 46}};
+  for (const auto& c : cases) {
+    std::mt19937 rng(c.seed);
+    const int n = 8 + static_cast<int>(rng() % 6), quiet = 2;
+    std::vector<int> modules(static_cast<size_t>(n * n));
+    for (int& v : modules) v = static_cast<int>(rng() & 1);
+    auto ink = [&](int r, int k) {
+      r -= quiet;
+      k -= quiet;
+      return (r >= 0 && r < n && k >= 0 && k < n) ? modules[static_cast<size_t>(r * n + k)] : 0;
+    };
+    const double ox = (rng() % 16) / 16.0, oy = (rng() % 16) / 16.0;
+    const int dots = static_cast<int>((n + 2 * quiet) * c.scale + 1);
+    std::vector<uint8_t> page;
+    std::vector<int> expected;
+    for (int y = 0; y < dots; ++y)
+      for (int x = 0; x < dots; ++x) {
+        // Pixel centres of the picture sit at the middle of its modules.
+        const double u = (x + 0.5 - ox) / c.scale - 0.5, v = (y + 0.5 - oy) / c.scale - 0.5;
+        const int i = static_cast<int>(std::floor(u)), j = static_cast<int>(std::floor(v));
+        const double fu = u - i, fv = v - j;
+        const double level = (1 - fu) * (1 - fv) * ink(j, i) + fu * (1 - fv) * ink(j, i + 1) +
+                             (1 - fu) * fv * ink(j + 1, i) + fu * fv * ink(j + 1, i + 1);
+        page.push_back(static_cast<uint8_t>(std::lround(255 * level)));
+        expected.push_back(ink(static_cast<int>(std::floor((y + 0.5 - oy) / c.scale)),
+                               static_cast<int>(std::floor((x + 0.5 - ox) / c.scale))));
+      }
+    PaletteImage img;
+    makeGray(img, dots, dots, page);
+    ASSERT_TRUE(img.Dither(10));
+    const std::vector<int> got = indices(img);
+    int wrong = 0;
+    for (size_t i = 0; i < got.size(); ++i) wrong += got[i] != expected[i];
+    EXPECT_EQ(wrong, 0) << "scale " << c.scale << ", seed " << c.seed;
+  }
 }
 
 }  // namespace
