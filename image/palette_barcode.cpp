@@ -92,127 +92,161 @@ bool kelvoBarcodeTextSetShortcut(bool on) { return gShortcut.exchange(on, std::m
 void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader& read, const KelvoDotRowSink& emit) {
   if (width <= 0 || height <= 0) return;
   const size_t w = static_cast<size_t>(width);
-  // Rows y - 2 .. y + 2 of the page in a ring; row r lives in slot r % 5.
-  std::vector<uint8_t> ring(w * kRows);
-  auto slot = [&](long r) { return &ring[static_cast<size_t>(r % kRows) * w]; };
-  for (long r = 0; r < std::min(height, kRadius + 1); ++r) read(r, slot(r));
+  // A row is unmixed down its columns (stage one) kShareReach rows before it
+  // is unmixed along the row and finished (stage two), so that the column
+  // shares of a row come from the rows below it as well as above: the first
+  // rows of a symbol have nothing above them but paper.
+  const long ahead = kShareReach;
+  // Page rows from the one before the row being finished to two past the
+  // row being unmixed; row r lives in slot r % rawRows.
+  const long rawRows = ahead + 2 * kRadius;
+  std::vector<uint8_t> ring(w * static_cast<size_t>(rawRows));
+  auto slot = [&](long r) { return &ring[static_cast<size_t>(r % rawRows) * w]; };
+  for (long r = 0; r < std::min(height, kRadius); ++r) read(r, slot(r));
 
-  // Received error of this row and the next, one cell of margin each side.
-  std::vector<int> errHere(w + 2, 0), errBelow(w + 2, 0);
-  std::vector<uint8_t> hard(w), out(w), columnLo(w), columnHi(w);
-  // Levels unmixed down the columns (this row and the one above) and then
-  // along the row; shares of row mixes along this row (prefix sums); shares
-  // of column mixes in the last kShareReach + 1 rows, summed per column.
-  std::vector<Unmixed> unmixed(w), unmixedAbove(w), along(w);
-  std::vector<ShareSums> rowPrefix(w + 1);
-  const long shareRows = kShareReach + 1;
+  // Rows between the two stages: levels unmixed down the columns, which
+  // pixels are two-level, and whether the whole row is paper and ink.
+  const long midRows = ahead + 1;
+  std::vector<Unmixed> unmixedRows(w * static_cast<size_t>(midRows));
+  std::vector<uint8_t> hardRows(w * static_cast<size_t>(midRows));
+  std::vector<bool> twoLevelRows(static_cast<size_t>(midRows));
+  auto mid = [&](long r) { return static_cast<size_t>(r % midRows) * w; };
+  // Shares of column mixes of the rows kShareReach above to kShareReach
+  // below the row being finished, summed per column; shares of row mixes
+  // along the row being unmixed (prefix sums).
+  const long shareRows = ahead + kShareReach + 1;
   std::vector<int> columnShares(w * static_cast<size_t>(shareRows), kNoShare);
   std::vector<ShareSums> columnSums(w);
   std::vector<bool> rowHasShares(static_cast<size_t>(shareRows), false);
   long rowsWithShares = 0;
+  std::vector<ShareSums> rowPrefix(w + 1);
+  // Received error of this row and the next, one cell of margin each side.
+  std::vector<int> errHere(w + 2, 0), errBelow(w + 2, 0);
+  std::vector<uint8_t> out(w), columnLo(w), columnHi(w);
+  std::vector<Unmixed> along(w);
   const bool shortcut = gShortcut.load(std::memory_order_relaxed);
 
-  for (long y = 0; y < height; ++y) {
-    if (y + kRadius < height) read(y + kRadius, slot(y + kRadius));
-    const uint8_t* row = slot(y);
-    // The row 33 above leaves the column sums. Most rows hold no share at
-    // all; such a row leaves the sums untouched on the way in and out.
-    const size_t shareSlot = static_cast<size_t>(y % shareRows);
+  for (long k = 0; k < height + ahead; ++k) {
+    // The row kShareReach + 1 + kShareReach rows back leaves the column
+    // sums. Most rows hold no share at all; such a row leaves the sums
+    // untouched on the way in and out.
+    const size_t shareSlot = static_cast<size_t>(k % shareRows);
     int* shares = &columnShares[shareSlot * w];
     if (rowHasShares[shareSlot]) {
       for (size_t i = 0; i < w; ++i) columnSums[i].add(shares[i], -1);
       rowHasShares[shareSlot] = false;
       --rowsWithShares;
     }
-    // A row of only paper and ink, with no column mix in the rows above to
-    // join, is every pixel hard, unmixed to itself and free of peaks: the
-    // threshold, and no error passed on.
-    bool twoLevel = rowsWithShares == 0 && shortcut;
-    for (size_t i = 0; i < w && twoLevel; ++i) twoLevel = row[i] <= kNearPaper || row[i] >= kNearInk;
-    if (twoLevel) {
-      for (size_t i = 0; i < w; ++i) {
-        out[i] = row[i] > 128 ? 1 : 0;
-        unmixedAbove[i] = plain(row[i]);
+    if (k < height) {
+      // Stage one for row y.
+      const long y = k;
+      if (y + kRadius < height) read(y + kRadius, slot(y + kRadius));
+      const uint8_t* row = slot(y);
+      Unmixed* unmixed = &unmixedRows[mid(y)];
+      uint8_t* hard = &hardRows[mid(y)];
+      bool twoLevel = true;
+      for (size_t i = 0; i < w && twoLevel; ++i) twoLevel = row[i] <= kNearPaper || row[i] >= kNearInk;
+      twoLevelRows[static_cast<size_t>(y % midRows)] = twoLevel;
+      if (twoLevel && shortcut) {
+        // Every pixel hard, no share down or along: each stands for itself.
+        for (size_t i = 0; i < w; ++i) {
+          unmixed[i] = plain(row[i]);
+          hard[i] = 1;
+        }
+      } else {
+        // The rows of the vertical window, looked up once a row rather than per pixel.
+        const uint8_t* window[kRows];
+        long windowRows = 0;
+        for (long r = std::max(0L, y - kRadius); r <= std::min(height - 1, y + kRadius); ++r)
+          window[windowRows++] = slot(r);
+        // The 5 x 5 square around a pixel: each column's range over the
+        // window's rows first, then the range of five of those along the row.
+        for (long x = 0; x < width; ++x) {
+          int lo = 255, hi = 0;
+          for (long r = 0; r < windowRows; ++r) {
+            const int v = window[r][x];
+            lo = std::min(lo, v);
+            hi = std::max(hi, v);
+          }
+          columnLo[static_cast<size_t>(x)] = static_cast<uint8_t>(lo);
+          columnHi[static_cast<size_t>(x)] = static_cast<uint8_t>(hi);
+        }
+        for (long x = 0; x < width; ++x) {
+          const int level = row[x];
+          bool isHard = level <= kNearPaper || level >= kNearInk;
+          if (!isHard) {
+            int lo = 255, hi = 0;
+            for (long i = std::max(0L, x - kRadius); i <= std::min(width - 1, x + kRadius); ++i) {
+              lo = std::min<int>(lo, columnLo[static_cast<size_t>(i)]);
+              hi = std::max<int>(hi, columnHi[static_cast<size_t>(i)]);
+            }
+            isHard = hi - lo >= kEdgeContrast;
+          }
+          hard[static_cast<size_t>(x)] = isHard ? 1 : 0;
+        }
+
+        // Down the columns: a pixel between two rows of an enlarged picture.
+        // The running sums stay in registers; rowPrefix[0] is never written.
+        if (y > 0 && y + 1 < height) {
+          const uint8_t* up = slot(y - 1);
+          const uint8_t* down = slot(y + 1);
+          ShareSums run;
+          for (long x = 0; x < width; ++x) {
+            run.add(stepShare(up[x], row[x], down[x]), 1);
+            rowPrefix[static_cast<size_t>(x) + 1] = run;
+          }
+        } else {
+          std::fill(rowPrefix.begin(), rowPrefix.end(), ShareSums());
+        }
+        const Unmixed* above = y > 0 ? &unmixedRows[mid(y - 1)] : nullptr;
+        for (long x = 0; x < width; ++x) {
+          const size_t i = static_cast<size_t>(x);
+          unmixed[i] = plain(row[x]);
+          if (y == 0 || !hard[i]) continue;
+          ShareSums near = rowPrefix[static_cast<size_t>(std::min(width, x + kShareReach + 1))];
+          const ShareSums& before = rowPrefix[static_cast<size_t>(std::max(0L, x - kShareReach))];
+          near.n -= before.n;
+          near.s -= before.s;
+          near.ss -= before.ss;
+          unmixed[i] = unmix(row[x], above[i], near.share());
+        }
+        // The row's column mixes, for the rows around it.
+        bool anyShare = false;
+        for (long x = 0; x < width; ++x) {
+          const size_t i = static_cast<size_t>(x);
+          shares[i] = (x > 0 && x + 1 < width)
+                          ? stepShare(unmixed[i - 1].level, unmixed[i].level, unmixed[i + 1].level)
+                          : kNoShare;
+          if (shares[i] == kNoShare) continue;
+          anyShare = true;
+          columnSums[i].add(shares[i], 1);
+        }
+        rowHasShares[shareSlot] = anyShare;
+        rowsWithShares += anyShare ? 1 : 0;
       }
+    }
+    if (k < ahead) continue;
+
+    // Stage two for row y.
+    const long y = k - ahead;
+    const uint8_t* row = slot(y);
+    // A row of only paper and ink, with no column mix in the rows around it
+    // to join, is every pixel hard, unmixed to itself and free of peaks: the
+    // threshold, and no error passed on.
+    if (shortcut && rowsWithShares == 0 && twoLevelRows[static_cast<size_t>(y % midRows)]) {
+      for (size_t i = 0; i < w; ++i) out[i] = row[i] > 128 ? 1 : 0;
       std::fill(errHere.begin(), errHere.end(), 0);
       emit(y, out.data());
       continue;
     }
-    // The rows of the vertical window, looked up once a row rather than per pixel.
-    const uint8_t* window[kRows];
-    long windowRows = 0;
-    for (long r = std::max(0L, y - kRadius); r <= std::min(height - 1, y + kRadius); ++r)
-      window[windowRows++] = slot(r);
-
-    // The 5 x 5 square around a pixel: each column's range over the window's
-    // rows first, then the range of five of those along the row.
-    for (long x = 0; x < width; ++x) {
-      int lo = 255, hi = 0;
-      for (long k = 0; k < windowRows; ++k) {
-        const int v = window[k][x];
-        lo = std::min(lo, v);
-        hi = std::max(hi, v);
-      }
-      columnLo[static_cast<size_t>(x)] = static_cast<uint8_t>(lo);
-      columnHi[static_cast<size_t>(x)] = static_cast<uint8_t>(hi);
-    }
-    for (long x = 0; x < width; ++x) {
-      const int level = row[x];
-      bool isHard = level <= kNearPaper || level >= kNearInk;
-      if (!isHard) {
-        int lo = 255, hi = 0;
-        for (long i = std::max(0L, x - kRadius); i <= std::min(width - 1, x + kRadius); ++i) {
-          lo = std::min<int>(lo, columnLo[static_cast<size_t>(i)]);
-          hi = std::max<int>(hi, columnHi[static_cast<size_t>(i)]);
-        }
-        isHard = hi - lo >= kEdgeContrast;
-      }
-      hard[static_cast<size_t>(x)] = isHard ? 1 : 0;
-    }
-
-    // Down the columns: a pixel between two rows of an enlarged picture.
-    // The running sums stay in registers; rowPrefix[0] is never written.
-    if (y > 0 && y + 1 < height) {
-      const uint8_t* up = slot(y - 1);
-      const uint8_t* down = slot(y + 1);
-      ShareSums run;
-      for (long x = 0; x < width; ++x) {
-        run.add(stepShare(up[x], row[x], down[x]), 1);
-        rowPrefix[static_cast<size_t>(x) + 1] = run;
-      }
-    } else {
-      std::fill(rowPrefix.begin(), rowPrefix.end(), ShareSums());
-    }
-    for (long x = 0; x < width; ++x) {
-      const size_t i = static_cast<size_t>(x);
-      unmixed[i] = plain(row[x]);
-      if (y == 0 || !hard[i]) continue;
-      ShareSums near = rowPrefix[static_cast<size_t>(std::min(width, x + kShareReach + 1))];
-      const ShareSums& before = rowPrefix[static_cast<size_t>(std::max(0L, x - kShareReach))];
-      near.n -= before.n;
-      near.s -= before.s;
-      near.ss -= before.ss;
-      unmixed[i] = unmix(row[x], unmixedAbove[i], near.share());
-    }
-    // Along the row: a pixel between two columns, its share from the rows above.
-    bool anyShare = false;
-    for (long x = 0; x < width; ++x) {
-      const size_t i = static_cast<size_t>(x);
-      shares[i] = (x > 0 && x + 1 < width)
-                      ? stepShare(unmixed[i - 1].level, unmixed[i].level, unmixed[i + 1].level)
-                      : kNoShare;
-      if (shares[i] == kNoShare) continue;
-      anyShare = true;
-      columnSums[i].add(shares[i], 1);
-    }
-    rowHasShares[shareSlot] = anyShare;
-    rowsWithShares += anyShare ? 1 : 0;
+    const Unmixed* unmixed = &unmixedRows[mid(y)];
+    const uint8_t* hard = &hardRows[mid(y)];
+    // Along the row: a pixel between two columns, its share from the rows around.
     for (long x = 0; x < width; ++x) {
       const size_t i = static_cast<size_t>(x);
       const int level = unmixed[i].level;
       along[i] = (x == 0 || !hard[i]) ? plain(level) : unmix(level, along[i - 1], columnSums[i].share());
     }
-    std::swap(unmixed, unmixedAbove);
 
     std::fill(errBelow.begin(), errBelow.end(), 0);
     int* here = errHere.data() + 1;
