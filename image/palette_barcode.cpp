@@ -85,6 +85,134 @@ inline Unmixed unmix(int level, const Unmixed& before, int t) {
   return {t >= 126 ? earlier : later, earlier, later, t};
 }
 
+// Shares of column mixes that no clean step shows, read off the grid of the
+// enlargement. An enlarging filter maps every column x of the page to
+// x * r + b pixels of the picture (r the same everywhere, below 1), and a
+// column's share of its earlier pixel is 1 - frac(x * r + b). Where a
+// 1.5-dot module stands alone no pixel of it is full ink, so clean steps are
+// rare; the ones there are fix r and b. Known shares within kShareReach of
+// each other form a group; a group of kGridPoints to kGridMostPoints of them
+// fits a grid when every one lies within kGridSlack of it, and fills the
+// columns within kShareReach of the group that need a share, if every grid
+// that fits gives the same share there (several do when the known columns
+// repeat at one spacing). Shares are in 1/256; phases in 1/65536 of a pixel.
+// A group with more known shares has few gaps to fill, and fitting it would
+// cost more than it gives.
+constexpr int kGridPoints = 3;
+constexpr int kGridMostPoints = 32;
+constexpr int kGridSlack = 16 * 256;  // 16/256 of a pixel
+constexpr int kGridSteps = 1024;      // r is tried in steps of 1/1024
+
+inline int wrapPhase(long long d) {  // to -32768 .. 32767
+  return static_cast<int>(((d % 65536) + 65536 + 32768) % 65536) - 32768;
+}
+
+class GridShares {
+ public:
+  // Fills `filled` (a copy of `known`) where `needs` is set and the grid of
+  // a group of known shares tells the share.
+  void fill(const std::vector<int>& known, const std::vector<uint8_t>& needs, std::vector<int>& filled) {
+    const long width = static_cast<long>(known.size());
+    long x = 0;
+    while (x < width) {
+      if (known[static_cast<size_t>(x)] == kNoShare) {
+        ++x;
+        continue;
+      }
+      // A group: known shares with gaps of at most kShareReach.
+      Group g;
+      long last = x;
+      for (; x < width && x - last <= kShareReach; ++x) {
+        const int t = known[static_cast<size_t>(x)];
+        if (t == kNoShare) continue;
+        g.xs.push_back(x);
+        g.phases.push_back((256 - t) * 256);
+        last = x;
+      }
+      const long from = std::max(0L, g.xs.front() - kShareReach), to = std::min(width - 1, last + kShareReach);
+      const size_t n = g.xs.size();
+      if (n < kGridPoints || n > kGridMostPoints) continue;
+      bool wanted = false;
+      for (long i = from; i <= to && !wanted; ++i) wanted = needs[static_cast<size_t>(i)] != 0;
+      if (!wanted) continue;
+      const std::vector<Grid>& fits = fitsOf(g);
+      if (fits.empty()) continue;
+      for (long i = from; i <= to; ++i) {
+        if (!needs[static_cast<size_t>(i)]) continue;
+        int lo = 65536, hi = -65536;
+        const long long p0 = fits[0].r * i + fits[0].b;
+        for (const Grid& f : fits) {
+          const int d = wrapPhase(f.r * i + f.b - p0);
+          lo = std::min(lo, d);
+          hi = std::max(hi, d);
+        }
+        if (hi - lo > kGridSlack) continue;  // the grids that fit disagree here
+        long long phase = (p0 + (lo + hi) / 2) % 65536;
+        if (phase < 0) phase += 65536;
+        const int t = 256 - static_cast<int>((phase + 128) / 256);
+        if (t > 0 && t < 256) filled[static_cast<size_t>(i)] = t;
+      }
+    }
+  }
+
+ private:
+  struct Grid {
+    long long r, b, error;
+  };
+  struct Group {
+    std::vector<long> xs;
+    std::vector<int> phases;
+    bool operator==(const Group& o) const { return xs == o.xs && phases == o.phases; }
+  };
+
+  // The grids that fit a group: every step of r whose grid, anchored at the
+  // mean offset, holds every known share within kGridSlack; of each run of
+  // such steps, the one with the least squared error (runs apart are
+  // different grids). Rows of one symbol mostly show the same known shares:
+  // the last few groups' fits are kept.
+  const std::vector<Grid>& fitsOf(const Group& g) {
+    for (const Cached& c : cache_)
+      if (c.group == g) return c.fits;
+    Cached& c = cache_[next_];
+    next_ = (next_ + 1) % cache_.size();
+    c.group = g;
+    c.fits.clear();
+    const size_t n = g.xs.size();
+    bool inRun = false;
+    for (int step = 1; step < kGridSteps; ++step) {
+      const long long r = 65536LL * step / kGridSteps;
+      const long long b0 = g.phases[0] - r * g.xs[0];
+      long long sum = 0;
+      for (size_t i = 0; i < n; ++i) sum += wrapPhase(g.phases[i] - r * g.xs[i] - b0);
+      const long long b = b0 + sum / static_cast<long long>(n);
+      bool holds = true;
+      long long error = 0;
+      for (size_t i = 0; i < n && holds; ++i) {
+        const long long d = wrapPhase(g.phases[i] - r * g.xs[i] - b);
+        holds = std::abs(d) <= kGridSlack;
+        error += d * d;
+      }
+      if (!holds) {
+        inRun = false;
+        continue;
+      }
+      if (!inRun)
+        c.fits.push_back({r, b, error});
+      else if (error < c.fits.back().error)
+        c.fits.back() = {r, b, error};
+      inRun = true;
+    }
+    return c.fits;
+  }
+
+  struct Cached {
+    Group group;
+    std::vector<Grid> fits;
+  };
+  std::vector<Cached> cache_ = std::vector<Cached>(8);
+  size_t next_ = 0;
+};
+
 }  // namespace
 
 bool kelvoBarcodeTextSetShortcut(bool on) { return gShortcut.exchange(on, std::memory_order_relaxed); }
@@ -124,6 +252,9 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
   std::vector<int> errHere(w + 2, 0), errBelow(w + 2, 0);
   std::vector<uint8_t> out(w), columnLo(w), columnHi(w);
   std::vector<Unmixed> along(w);
+  std::vector<int> known(w), filled(w);
+  GridShares grid;
+  std::vector<uint8_t> needs(w);
   const bool shortcut = gShortcut.load(std::memory_order_relaxed);
 
   for (long k = 0; k < height + ahead; ++k) {
@@ -241,11 +372,25 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
     }
     const Unmixed* unmixed = &unmixedRows[mid(y)];
     const uint8_t* hard = &hardRows[mid(y)];
-    // Along the row: a pixel between two columns, its share from the rows around.
+    // Along the row: a pixel between two columns, its share from the rows
+    // around, or from the grid those show where a mixed pixel has none.
+    bool anyNeeds = false;
+    for (long x = 0; x < width; ++x) {
+      const size_t i = static_cast<size_t>(x);
+      known[i] = columnSums[i].share();
+      const int level = unmixed[i].level;
+      needs[i] = hard[i] && known[i] == kNoShare && level > kNearPaper && level < kNearInk;
+      anyNeeds = anyNeeds || needs[i];
+    }
+    if (anyNeeds) {
+      filled = known;
+      grid.fill(known, needs, filled);
+    }
+    const std::vector<int>& colShare = anyNeeds ? filled : known;
     for (long x = 0; x < width; ++x) {
       const size_t i = static_cast<size_t>(x);
       const int level = unmixed[i].level;
-      along[i] = (x == 0 || !hard[i]) ? plain(level) : unmix(level, along[i - 1], columnSums[i].share());
+      along[i] = (x == 0 || !hard[i]) ? plain(level) : unmix(level, along[i - 1], colShare[i]);
     }
 
     std::fill(errBelow.begin(), errBelow.end(), 0);

@@ -28,8 +28,11 @@ using KelvoDotRowSink = std::function<void(long y, const uint8_t* row)>;
 // pixel between paper and full ink above and below, or left and right), the
 // share t of a pixel that belongs to the row above is read off them (their
 // mean over 32 pixels either way along the row, if they agree), and the level
-// is unmixed first down the columns, then along the row (shares from the 33
-// rows up to this one). The pixel's earlier source is the one the pixel
+// is unmixed first down the columns, then along the row (shares from the
+// rows up to 32 above and 32 below this one; a mixed pixel whose column shows
+// no share there takes the share of the enlargement's grid, a scale and an
+// offset fitted to 3 to 32 known shares nearby, when every known one lies
+// within 16/256 of it and the grids that fit agree). The pixel's earlier source is the one the pixel
 // before it had as its later source when the share grew from that pixel to
 // this one (the original's grid moved on), else the same earlier source; its
 // later source is (level - t * earlier) / (1 - t). It takes the earlier
@@ -50,7 +53,7 @@ using KelvoDotRowSink = std::function<void(long y, const uint8_t* row)>;
 // passes nothing on, so photos and logos stay halftoned beside sharp bars.
 void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader& read, const KelvoDotRowSink& emit);
 
-// Rows of only paper and ink with no column mix in the 33 rows up to them
+// Rows of only paper and ink with no column mix in the 32 rows either side
 // come out as the threshold without the per-pixel work (the same dots: every
 // pixel there is two-level and unmixes to itself). On by default; process-wide,
 // and only the tests turn it off, to compare. Returns the setting before.
