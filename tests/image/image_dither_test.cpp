@@ -1,11 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstring>
-#include <random>
 #include <string>
 
 #include "image_test_util.h"
+#include "tests/common/enlarged_symbol.h"
 
 namespace {
 
@@ -302,32 +301,9 @@ TEST(BarcodeText, ModulesEnlargedTwiceWithEveryEdgeAtATie) {
 TEST(BarcodeText, ModulesEnlargedBelowTwiceLandOnTheNearestDot) {
   const struct { double scale; unsigned seed; } cases[] = {{1.3, 80}, {1.3, 262}, {1.5, 81}, {1.75, 38}};
   for (const auto& c : cases) {
-    std::mt19937 rng(c.seed);
-    const int n = 8 + static_cast<int>(rng() % 6), quiet = 2;
-    std::vector<int> modules(static_cast<size_t>(n * n));
-    for (int& v : modules) v = static_cast<int>(rng() & 1);
-    auto ink = [&](int r, int k) {
-      r -= quiet;
-      k -= quiet;
-      return (r >= 0 && r < n && k >= 0 && k < n) ? modules[static_cast<size_t>(r * n + k)] : 0;
-    };
-    const double ox = (rng() % 16) / 16.0, oy = (rng() % 16) / 16.0;
-    const int dots = static_cast<int>((n + 2 * quiet) * c.scale + 1);
-    std::vector<uint8_t> page;
-    std::vector<int> expected;
-    for (int y = 0; y < dots; ++y)
-      for (int x = 0; x < dots; ++x) {
-        // Pixel centres of the picture sit at the middle of its modules.
-        const double u = (x + 0.5 - ox) / c.scale - 0.5, v = (y + 0.5 - oy) / c.scale - 0.5;
-        const int i = static_cast<int>(std::floor(u)), j = static_cast<int>(std::floor(v));
-        const double fu = u - i, fv = v - j;
-        const double level = (1 - fu) * (1 - fv) * ink(j, i) + fu * (1 - fv) * ink(j, i + 1) +
-                             (1 - fu) * fv * ink(j + 1, i) + fu * fv * ink(j + 1, i + 1);
-        page.push_back(static_cast<uint8_t>(std::lround(255 * level)));
-        expected.push_back(ink(static_cast<int>(std::floor((y + 0.5 - oy) / c.scale)),
-                               static_cast<int>(std::floor((x + 0.5 - ox) / c.scale))));
-      }
-    EXPECT_EQ(wrongBarcodeDots(page, dots, expected), "") << "scale " << c.scale << ", seed " << c.seed;
+    const EnlargedSymbol symbol = enlargedSymbol(c.scale, c.seed);
+    EXPECT_EQ(wrongBarcodeDots(symbol.levels, symbol.dots, symbol.nearest), "")
+        << "scale " << c.scale << ", seed " << c.seed;
   }
 }
 
