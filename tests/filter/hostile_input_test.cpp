@@ -144,6 +144,8 @@ TEST(WholeJobs, HostileAndBrokenInput) {
       // A printer that cannot be written to ends the job with an error,
       // promptly, at the first of many pages.
       {"printer link full", fiftyPages, "", label, {1, -1, cannotSend + "(No space left on device)"}, Output::DevFull},
+      // Even a job of no page sends its line feeds; held in a buffer to the end, they fail there.
+      {"printer link full, no page", "", "", label, {1, -1, cannotSend + "(No space left on device)"}, Output::DevFull},
       {"printer link broken", fiftyPages, "", label, {1, -1, cannotSend + "(Broken pipe)"}, Output::BrokenPipe},
       {"output closed", fiftyPages, "", label,
        {1, -1, "ERROR:Standard output is closed, there is nowhere to send the job"}, Output::Closed},

@@ -49,7 +49,26 @@ TEST(Pixels, PackingAndOutOfRange) {
     }
     img.SetPixelIndex(1, 0, 255);
     EXPECT_EQ(img.GetPixelIndex(1, 0), (1 << c.bpp) - 1) << c.bpp;
+    // One past the last column or row writes nothing, not even the padding.
+    const std::vector<uint8_t> before(img.GetBits(0), img.GetBits(0) + img.GetEffWidth());
+    img.SetPixelIndex(static_cast<long>(c.row.size()), 0, 255);
+    img.SetPixelIndex(0, 1, 255);
+    EXPECT_EQ(std::vector<uint8_t>(img.GetBits(0), img.GetBits(0) + img.GetEffWidth()), before) << c.bpp;
   }
+}
+
+// A 32-bit page keeps the first three bytes of each pixel as a 24-bit
+// picture, which has colours and no indices: reading an index gives 0 and
+// setting one changes nothing.
+TEST(Pixels, ThirtyTwoBitPagesAreColourOnly) {
+  unsigned char rows[] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
+  PaletteImage img;
+  ASSERT_TRUE(img.CreateFromArray(rows, 3, 1, 32, 12, false));
+  const std::vector<uint8_t> colours = {1, 2, 3, 5, 6, 7, 9, 10, 11};
+  EXPECT_EQ(std::vector<uint8_t>(img.GetBits(0), img.GetBits(0) + colours.size()), colours);
+  EXPECT_EQ(img.GetPixelIndex(1, 0), 0);
+  img.SetPixelIndex(1, 0, 200);
+  EXPECT_EQ(std::vector<uint8_t>(img.GetBits(0), img.GetBits(0) + colours.size()), colours);
 }
 
 // Rows given top first can be stored the other way round.
