@@ -227,8 +227,10 @@ TEST(AntiWrinkle, FrameAlongTheCanvas) {
       // One dot short: the difference halves to 0, no widening, and the
       // right line's last column lies outside the image.
       {"A4", 1, 2385, 3272, 2385, 3272, 0, 0, 2386, 3272},
-      // Wider than the canvas: the frame is drawn into the picture from 307.
+      // Wider than the canvas: the frame is drawn into the picture from 307;
+      // taller too: from row 164 down.
       {"A4", 1, 3000, 3272, 3000, 3272, 307, 0, 2386, 3272},
+      {"A4", 1, 3000, 3600, 3000, 3600, 307, 164, 2386, 3272},
       {"Tattoo_A6", 2, 1000, 1400, 1228, 1418, 0, 0, 1229, 1418},
       // Letter: 210 x 257 mm is 24803.1 and 30354.3 tenths of a dot, which
       // round to 2480 and 3035 dots (a tenth of 4 rounds down).
