@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <set>
@@ -71,6 +72,8 @@ TEST_P(ShippedModelJobs, SizesPrintTheirSetupBlocks) {
     cups_page_header2_t h;
     ASSERT_EQ(cupsRasterInterpretPPD(&h, ppd.get(), 0, nullptr, nullptr), 0) << what;
     RawPage label = page(h.cupsWidth, h.cupsHeight, model.dpi);
+    // As CUPS names it (the stencil's sheet frame goes by that name).
+    std::memcpy(label.h.cupsPageSizeName, h.cupsPageSizeName, sizeof h.cupsPageSizeName);
     for (unsigned y = 0; y < 8; ++y) label.pixels.replace(y * h.cupsWidth, 8, 8, '\xff');
     const std::string& speed = speeds[i % speeds.size()];
     const std::string& darkness = darknesses[i % darknesses.size()];
