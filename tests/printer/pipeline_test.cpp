@@ -9,6 +9,7 @@
 #include <algorithm>
 
 #include <cstring>
+#include <ctime>
 #include <vector>
 
 #include "tests/common/memory_printer.h"
@@ -124,12 +125,23 @@ class SavedImage : public testing::Test {
 
 TEST_F(SavedImage, EightBitHeaderPaletteAndUnpaddedRows) {
   const unsigned char data[] = {1, 2, 3, 4, 5, 99, 99, 6, 7, 8, 9, 10, 99, 99, 11, 12, 13, 14, 15, 99, 99};
+  const time_t before = std::time(nullptr);
   p.saveImage(data, 7, 3, 5, 8, "origin");
+  const time_t after = std::time(nullptr);
   const std::string path = onlyFile();
   // The job tag cannot reach another folder; pid and page number keep two
-  // jobs of the same second apart.
+  // jobs of the same second apart; the local date and time close the name.
   const std::string name = path.substr(dir.size() + 1);
   EXPECT_EQ(name.rfind("kelvozpl-debug-origin-job_7-" + std::to_string(getpid()) + "-0-", 0), 0u) << name;
+  auto stamp = [](time_t t) {
+    struct tm local {};
+    localtime_r(&t, &local);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y%m%d%H%M%S.bmp", &local);
+    return std::string(text);
+  };
+  const std::string end = name.substr(name.rfind('-') + 1);
+  EXPECT_TRUE(end == stamp(before) || end == stamp(after)) << name;
   struct stat info {};
   ASSERT_EQ(stat(path.c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 0777, 0600u);
