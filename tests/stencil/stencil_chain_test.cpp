@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <numeric>
@@ -113,6 +114,24 @@ TEST(StencilFilters, BlurAndSharpen) {
             (Bytes{100, 255, 0, 130}));
   EXPECT_EQ(bytesOf(enh_unsharp_mask(flat(9, 7, 140), 300.0f, 11)), Bytes(63, 140));
   EXPECT_EQ(bytesOf(enh_gaussian_filter(flat(9, 7, 140), 5, 2.0, 1.0)), Bytes(63, 140));
+  // One bright pixel at (4, 3) spreads around itself, mirror-alike either
+  // way, wider along the row (sigma 2) than down the column (sigma 1), and
+  // keeps its ink within rounding.
+  Bytes dot(63, 0);
+  dot[3 * 9 + 4] = 255;
+  const Bytes spread = bytesOf(enh_gaussian_filter(gray(9, 7, dot), 5, 2.0, 1.0));
+  auto at = [&](int x, int y) { return static_cast<int>(spread[static_cast<size_t>(y * 9 + x)]); };
+  int total = 0;
+  for (uint8_t v : spread) total += v;
+  EXPECT_NEAR(total, 255, 13);
+  EXPECT_EQ(*std::max_element(spread.begin(), spread.end()), at(4, 3));
+  for (int d = 1; d <= 2; ++d) {
+    EXPECT_EQ(at(4 - d, 3), at(4 + d, 3)) << d;
+    EXPECT_EQ(at(4, 3 - d), at(4, 3 + d)) << d;
+    EXPECT_EQ(at(4 - d, 3 - 1), at(4 + d, 3 + 1)) << d;
+    EXPECT_GT(at(4 + d, 3), at(4, 3 + d)) << d;
+  }
+  EXPECT_EQ(at(1, 3) + at(7, 3) + at(4, 0) + at(4, 6), 0);  // beyond the 5 x 5 kernel
 }
 
 TEST(StencilChain, DiffusionFigures) {
