@@ -206,7 +206,8 @@ TEST(FilterJob, PagesAreEncodedIndependently) {
 // longer one is refused, never cut. PPD lines stop at 255 characters, so
 // such prefixes span two lines of a quoted value (a name with a line break
 // in it is still a name). A file that cannot be created costs the
-// recording, not the job.
+// recording, not the job. Where the administrator has not allowed jobs to
+// ask (the shipped PPDs), the job's request is ignored, with a warning.
 TEST(FilterJob, RecordingFile) {
   const std::string dir = scratchPath("rec");
   mkdir(dir.c_str(), 0755);
@@ -218,16 +219,17 @@ TEST(FilterJob, RecordingFile) {
   const JobResult unrecorded = runJob(raster, "", ppdPath("kelvo203.ppd"));
   const char* tooLong = "ERROR:Recording file name too long, printer commands are not recorded";
   const char* cannotOpen = "WARNING: Printer commands not recorded: unable to create /nonexistent-kelvo-dir/rec-";
+  const char* notAllowed = "WARNING: Option RecordPrinterCommands is set by the printer's administrator, not by a job";
   const struct { size_t length; const char* error; } cases[] = {
-      {0, nullptr}, {236, nullptr}, {237, tooLong}, {400, tooLong}, {0, cannotOpen}};
+      {0, nullptr}, {236, nullptr}, {237, tooLong}, {400, tooLong}, {0, cannotOpen}, {0, notAllowed}};
   for (const auto& c : cases) {
     std::string prefix = c.error == cannotOpen ? "/nonexistent-kelvo-dir/rec" : dir + "/rec";
     while (prefix.size() < c.length) prefix += prefix.size() % 100 == 99 ? '\n' : 'r';
     std::string ppd = shipped;
-    // This printer's administrator lets jobs ask for a recording.
-    const TempFile ppdFile("rec.ppd", ppd.replace(at, attribute.size(),
-                                                  "*kelvoAllowJobRecording: \"True\"\n*kelvoFilterOutputFile: \"" +
-                                                      prefix + "\""));
+    // This printer's administrator lets jobs ask for a recording (but the last's).
+    const std::string allow = c.error == notAllowed ? "" : "*kelvoAllowJobRecording: \"True\"\n";
+    const TempFile ppdFile("rec.ppd",
+                           ppd.replace(at, attribute.size(), allow + "*kelvoFilterOutputFile: \"" + prefix + "\""));
     const JobResult job = runJob(raster, "RecordPrinterCommands=1", ppdFile.path);
     EXPECT_EQ(job.status, 0) << prefix << "\n" << job.err;
     EXPECT_EQ(job.out, unrecorded.out) << prefix;
