@@ -279,6 +279,15 @@ TEST(AntiWrinkle, FrameAlongTheCanvas) {
     }
     EXPECT_EQ(mismatches, 0);
   }
+  // Before any page header has come there is no sheet to frame.
+  ZplPrinter p;
+  p.setAntiWrinkle(1);
+  PaletteImage image;
+  std::vector<unsigned char> blank(40 * 30, 0);
+  ASSERT_TRUE(image.CreateFromArray(blank.data(), 40, 30, 8, 40, false));
+  p.EnableAntiWrink(image);
+  EXPECT_EQ(image.GetWidth(), 40u);
+  EXPECT_EQ(std::vector<unsigned char>(image.GetBits(0), image.GetBits(0) + 40 * 30), blank);
 }
 
 TEST(BlankRows, CountersFromFrontAndBack) {
