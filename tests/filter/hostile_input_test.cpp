@@ -2,6 +2,9 @@
 // overflow or contradict themselves, extreme resolutions, streams that stop
 // anywhere, odd options and PPDs, outputs that fail; then cancelled jobs and
 // the disk budget of what a job may leave behind.
+#include <fstream>
+#include <set>
+
 #include "job_runner.h"
 
 namespace {
@@ -309,6 +312,44 @@ TEST(DiskBudget, PlantedLinkAtTheRecordingNameIsNotFollowed) {
   EXPECT_EQ(graphicsOf(job.out).size(), 1u);
   EXPECT_TRUE(has(job.err, "WARNING: Printer commands not recorded: unable to create " + dir + "/rec-")) << job.err;
   EXPECT_EQ(readFile(target), "secret");
+  removeTree(dir);
+}
+
+// Recordings keep the newest 64 of their own in their folder: a job makes
+// room by removing the oldest. Names that only look alike are not its own.
+TEST(DiskBudget, RecordingsKeepTheNewest64OfTheirOwn) {
+  const std::string dir = scratchPath("recs");
+  mkdir(dir.c_str(), 0755);
+  std::vector<std::string> own;
+  for (int i = 0; i < 70; ++i) {
+    char name[64];
+    std::snprintf(name, sizeof name, "rec-202601010000%02d.bin", i);
+    own.push_back(name);
+    { std::ofstream(dir + "/" + name) << "old"; }
+    const struct timespec times[2] = {{1767225600 + i, 0}, {1767225600 + i, 0}};  // oldest first
+    ASSERT_EQ(utimensat(AT_FDCWD, (dir + "/" + name).c_str(), times, 0), 0);
+  }
+  const std::vector<std::string> others = {"rec-2026010100000.bin",  "rec-20260101000000.txt", "rec-202601010000x0.bin",
+                                           "recs-20260101000000.bin", "rec-20260101000000.bin.1"};
+  for (const std::string& name : others) std::ofstream(dir + "/" + name) << "other";
+  std::string text = readFile(ppdPath("kelvo203.ppd"));
+  const std::string attribute = "*kelvoFilterOutputFile: \"/var/spool/cups/tmp/kelvozpl\"";
+  ASSERT_NE(text.find(attribute), std::string::npos);
+  text.replace(text.find(attribute), attribute.size(),
+               "*kelvoAllowJobRecording: \"True\"\n*kelvoFilterOutputFile: \"" + dir + "/rec\"");
+  const TempFile ppd("recs.ppd", text);
+  const JobResult job = runJob(rasterStream({noisePage(16, 4)}), "RecordPrinterCommands=1", ppd.path);
+  EXPECT_EQ(job.status, 0) << job.err;
+  std::set<std::string> expected(own.begin() + 7, own.end());  // the 63 newest old ones
+  expected.insert(others.begin(), others.end());
+  std::set<std::string> left;
+  std::string recording;
+  for (const std::string& name : namesIn(dir)) {
+    if (expected.count(name) == 0 && recording.empty() && name.rfind("rec-", 0) == 0) recording = name;
+    else left.insert(name);
+  }
+  EXPECT_EQ(left, expected);
+  EXPECT_EQ(readFile(dir + "/" + recording), job.out);
   removeTree(dir);
 }
 
