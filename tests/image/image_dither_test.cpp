@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -305,6 +306,28 @@ TEST(BarcodeText, ModulesEnlargedBelowTwiceLandOnTheNearestDot) {
     EXPECT_EQ(wrongBarcodeDots(symbol.levels, symbol.dots, symbol.nearest), "")
         << "scale " << c.scale << ", seed " << c.seed;
   }
+}
+
+// Shares are read within 32 rows either way: a symbol prints the same with
+// another symbol, enlarged differently, 80 rows above it.
+TEST(BarcodeText, ASymbolFarAboveChangesNothing) {
+  const EnlargedSymbol above = enlargedSymbol(1.5, 81), below = enlargedSymbol(1.75, 38);
+  const int width = std::max(above.dots, below.dots), gap = 80;
+  std::vector<uint8_t> page(static_cast<size_t>(width) * (above.dots + gap + below.dots), 0);
+  std::vector<int> expected(page.size(), 0);
+  auto place = [&](const EnlargedSymbol& s, int top) {
+    for (int y = 0; y < s.dots; ++y)
+      for (int x = 0; x < s.dots; ++x) {
+        page[static_cast<size_t>((top + y) * width + x)] = s.levels[static_cast<size_t>(y * s.dots + x)];
+        expected[static_cast<size_t>((top + y) * width + x)] = s.nearest[static_cast<size_t>(y * s.dots + x)];
+      }
+  };
+  place(above, 0);
+  place(below, above.dots + gap);
+  PaletteImage img;
+  makeGray(img, width, above.dots + gap + below.dots, page);
+  ASSERT_TRUE(img.Dither(10));
+  EXPECT_EQ(indices(img), expected);
 }
 
 }  // namespace
