@@ -20,8 +20,8 @@ constexpr long kRows = 2 * kRadius + 1;
 // Where a picture was enlarged by interpolation, a pixel between two rows (or
 // columns) of the original is a mix of both; its share of each is read off
 // clean steps nearby (paper on one side, full ink on the other) within this
-// many pixels along the row (for rows) or above (for columns), when those
-// steps agree (shares in 1/256, spread as variance).
+// many pixels along the row (for rows) or above and below (for columns),
+// when those steps agree (shares in 1/256, spread as variance).
 constexpr long kShareReach = 32;
 constexpr long long kShareVariance = 655;  // a spread of about 0.1 of a pixel
 constexpr int kNoShare = -1;
