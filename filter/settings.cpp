@@ -137,7 +137,12 @@ void parseSettings(Settings* settings, const char* options) {
       warnUnusedOptions(ppd, count, list);
       cupsMarkOptions(ppd, count, list);
     }
-    cupsFreeOptions(count, list);
+    // libcups frees nothing for a count of 0, also when removing the only
+    // option left its array behind.
+    if (count > 0)
+      cupsFreeOptions(count, list);
+    else
+      std::free(list);
   }
 
   std::memset(settings, 0, sizeof *settings);
