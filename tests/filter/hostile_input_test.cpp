@@ -277,6 +277,19 @@ TEST(DiskBudget, TwoJobsInOneSecondKeepSeparateFiles) {
   removeTree(dir);
 }
 
+// The shipped label PPD with jobs allowed to ask for a recording, named
+// <prefix>-<date and time>.bin.
+std::string recordingPpd(const std::string& prefix) {
+  std::string text = readFile(ppdPath("kelvo203.ppd"));
+  const std::string attribute = "*kelvoFilterOutputFile: \"/var/spool/cups/tmp/kelvozpl\"";
+  const size_t at = text.find(attribute);
+  EXPECT_NE(at, std::string::npos);
+  if (at != std::string::npos)
+    text.replace(at, attribute.size(),
+                 "*kelvoAllowJobRecording: \"True\"\n*kelvoFilterOutputFile: \"" + prefix + "\"");
+  return text;
+}
+
 // A link planted under the name the recording will get is left alone: the
 // file it points to keeps its bytes, the job prints without a recording.
 TEST(DiskBudget, PlantedLinkAtTheRecordingNameIsNotFollowed) {
@@ -301,12 +314,7 @@ TEST(DiskBudget, PlantedLinkAtTheRecordingNameIsNotFollowed) {
     std::strftime(name, sizeof name, "/rec-%Y%m%d%H%M%S.bin", &local);
     ASSERT_EQ(symlink(target.c_str(), (dir + name).c_str()), 0);
   }
-  std::string text = readFile(ppdPath("kelvo203.ppd"));
-  const std::string attribute = "*kelvoFilterOutputFile: \"/var/spool/cups/tmp/kelvozpl\"";
-  ASSERT_NE(text.find(attribute), std::string::npos);
-  text.replace(text.find(attribute), attribute.size(),
-               "*kelvoAllowJobRecording: \"True\"\n*kelvoFilterOutputFile: \"" + dir + "/rec\"");
-  const TempFile ppd("rec-link.ppd", text);
+  const TempFile ppd("rec-link.ppd", recordingPpd(dir + "/rec"));
   const JobResult job = runJob(rasterStream({noisePage(16, 4)}), "RecordPrinterCommands=1", ppd.path);
   EXPECT_EQ(job.status, 0);
   EXPECT_EQ(graphicsOf(job.out).size(), 1u);
@@ -332,12 +340,7 @@ TEST(DiskBudget, RecordingsKeepTheNewest64OfTheirOwn) {
   const std::vector<std::string> others = {"rec-2026010100000.bin",  "rec-20260101000000.txt", "rec-202601010000x0.bin",
                                            "recs-20260101000000.bin", "rec-20260101000000.bin.1"};
   for (const std::string& name : others) std::ofstream(dir + "/" + name) << "other";
-  std::string text = readFile(ppdPath("kelvo203.ppd"));
-  const std::string attribute = "*kelvoFilterOutputFile: \"/var/spool/cups/tmp/kelvozpl\"";
-  ASSERT_NE(text.find(attribute), std::string::npos);
-  text.replace(text.find(attribute), attribute.size(),
-               "*kelvoAllowJobRecording: \"True\"\n*kelvoFilterOutputFile: \"" + dir + "/rec\"");
-  const TempFile ppd("recs.ppd", text);
+  const TempFile ppd("recs.ppd", recordingPpd(dir + "/rec"));
   const JobResult job = runJob(rasterStream({noisePage(16, 4)}), "RecordPrinterCommands=1", ppd.path);
   EXPECT_EQ(job.status, 0) << job.err;
   std::set<std::string> expected(own.begin() + 7, own.end());  // the 63 newest old ones
