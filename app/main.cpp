@@ -62,7 +62,8 @@ pappl_system_t* createSystem(int count, cups_option_t* options, void* /*data*/) 
                                     PAPPL_SOPTIONS_WEB_LOG | PAPPL_SOPTIONS_NO_TLS),
       "Kelvo Printer App", port, "_print,_universal", spool.c_str(), logFile, level, nullptr, false);
   if (system == nullptr) return nullptr;
-  if (host != nullptr) papplSystemSetHostName(system, host);
+  // The listen address goes to the listener only: PAPPL 1.3's
+  // papplSystemSetHostName renames the machine (sethostname and /etc/hostname).
   if (!papplSystemAddListeners(system, host)) {
     std::fprintf(stderr, "kelvo-printer-app: cannot listen on %s port %d\n", host != nullptr ? host : "*", port);
     papplSystemDelete(system);

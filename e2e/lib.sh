@@ -41,6 +41,33 @@ e2e_require() {
   done
 }
 
+# Call first thing with the script's arguments: as root, runs the script
+# again inside UTS and mount namespaces of its own, with a private /run and
+# a private copy of /etc/hostname. A server under test that renamed the
+# host (sethostname, /etc/hostname) would then rename only the sandbox, and
+# PAPPL's local socket (/run/<name>.sock for root) is this test's alone.
+# Other users cannot rename the host; their PAPPL socket goes to TMPDIR,
+# which the caller points at a folder of its own.
+e2e_sandbox() {
+  [ "$(id -u)" = 0 ] || return 0
+  if [ -z "${E2E_SANDBOXED:-}" ]; then
+    command -v unshare >/dev/null || e2e_die "unshare not found (Debian package util-linux)"
+    E2E_SANDBOXED=1 exec unshare --uts --mount --propagation private -- bash "$0" "$@"
+  fi
+  mount -t tmpfs -o mode=0755,size=16m kelvo-test-run /run || e2e_die "cannot mount a private /run"
+  if [ -e /etc/hostname ]; then
+    cat /etc/hostname >/run/.hostname
+    mount --bind /run/.hostname /etc/hostname || e2e_die "cannot make a private /etc/hostname"
+  fi
+  E2E_HOST_BEFORE="$(hostname) $(cat /etc/hostname 2>/dev/null)"
+}
+
+# True while the host name and /etc/hostname are what they were when the
+# sandbox was made.
+e2e_host_unchanged() {
+  [ -z "${E2E_HOST_BEFORE:-}" ] || [ "$(hostname) $(cat /etc/hostname 2>/dev/null)" = "$E2E_HOST_BEFORE" ]
+}
+
 # Polls "$@" every 0.2 s until it succeeds or `seconds` have passed.
 e2e_poll() {
   local seconds=$1

@@ -23,9 +23,12 @@ ZPLPREVIEW=$BUILD/tools/zplpreview
 # The private cupsd and the fake printers (its tables must be global).
 # shellcheck source=e2e/lib.sh
 . "$SRC/e2e/lib.sh"
+e2e_sandbox "$@"
 FILTER=$BUILD/filter/rastertokelvozpl
 PPDS=$BUILD/ppd/ppd
 W=$(mktemp -d /tmp/kelvo-app-test.XXXXXX)
+# PAPPL's local socket, for a server not run as root.
+export TMPDIR=$W
 PID=""
 FAILED=0
 
@@ -42,15 +45,16 @@ cleanup() {
   pkill -f "^$APP server -o private-server=true" 2>/dev/null || true
   if [ "$FAILED" -ne 0 ] && [ -f "$W/log" ]; then grep -E '^[EW] ' "$W/log" | tail -20 >&2; fi
   if [ -n "${APP_TEST_KEEP:-}" ]; then echo "kept $W" >&2; else rm -rf "$W"; fi
+  if ! e2e_host_unchanged; then
+    echo "FAIL: the server renamed the host: $(hostname) $(cat /etc/hostname 2>/dev/null)" >&2
+    exit 1
+  fi
 }
 trap cleanup EXIT
 
 # The cups mode reads the copies each job was given from the debug log.
 [ "$MODE" = cups ] && LOG_LEVEL=debug
-# Every server of this user shares PAPPL's local socket: wait for another
-# checkout's test to finish rather than talk to its server.
-for _ in $(seq 150); do running || break; sleep 0.2; done
-running && { fail "another kelvo-printer-app server holds the local socket"; exit 1; }
+running && { fail "a kelvo-printer-app server already holds this test's local socket"; exit 1; }
 PORT=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
 timeout 280 "$APP" server -o listen-hostname=127.0.0.1 -o server-port="$PORT" -o spool-directory="$W/spool" \
   -o state-file="$W/state" -o log-file="$W/log" -o log-level="${LOG_LEVEL:-info}" 2>"$W/server.err" &
