@@ -6,6 +6,7 @@
 #include <string>
 
 #include "app/job.h"
+#include "app/printer_status.h"
 #include "support/kelvo_string.h"
 
 namespace {
@@ -157,6 +158,8 @@ bool kelvoDriverCallback(pappl_system_t* /*system*/, const char* driverName, con
   data->rwriteline_cb = kelvoWriteLine;
   data->rendpage_cb = kelvoEndPage;
   data->rendjob_cb = kelvoEndJob;
+  data->status_cb = kelvoStatusCallback;
+  data->delete_cb = kelvoStatusForget;
   data->format = kKelvoZplFormat;
   kelvoStrCpy(data->make_and_model, model->description, sizeof data->make_and_model);
   data->ppm = model->stencil ? 2 : 20;
@@ -246,6 +249,14 @@ bool kelvoDriverCallback(pappl_system_t* /*system*/, const char* driverName, con
                "auto");
   ippAddString(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "print-rendering-intent-default", nullptr,
                "auto");
+  // A host can make a ZPL printer neither show a message nor flash or sound;
+  // PAPPL says "none" for the default, and this says it for the choices.
+  ippAddString(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "identify-actions-supported", nullptr,
+               "none");
+  // One-sided printers print no back sides; a client that asks gets the
+  // orientation that turns nothing.
+  ippAddString(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "pwg-raster-document-sheet-back", nullptr,
+               "normal");
   // Clients may send every attribute with the job; none is preferred.
   ippAddBoolean(vendor, IPP_TAG_PRINTER, "preferred-attributes-supported", 0);
   *attrs = vendor;
