@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -235,7 +234,10 @@ class SocketLink : public StatusLink {
   int fd_ = -1;
 };
 
-std::atomic<KelvoDeviceReader> gDeviceReader{nullptr};
+// The device layer's bounded read and the scheme of its devices; set once
+// before the server runs.
+KelvoDeviceReader gDeviceReader = nullptr;
+std::string gReaderScheme;
 
 // A PAPPL device whose layer reads with a timeout: a job's own connection,
 // or the printer's device opened for an idle question.
@@ -264,6 +266,7 @@ struct Watch {
   pappl_preason_t reasons = 0;   // the reasons set from the answers
   bool mediaNeeded = false;      // a job waits for labels
   std::string text;              // the conditions of the last answer, in words
+  bool textSaid = false;         // and they have been logged
   bool watched = false;          // a client read the printer's state since the last question
   bool supplied = false;         // its supplies have been set once
   pappl_supply_t supplies[2]{};  // as last set
@@ -282,17 +285,15 @@ std::shared_ptr<Watch> watchOf(pappl_printer_t* printer) {
 
 enum class Route { kNone, kSocket, kDevice };
 
-// How an idle printer is asked: network and USB printers only.
+// How a printer is asked: network and USB printers only, and only where an
+// answer can be awaited a bounded time. PAPPL's own devices wait up to 10 s.
 Route routeOf(const char* uri, char* host, size_t hostSize, int* port) {
   if (uri == nullptr) return Route::kNone;
   char scheme[32], user[256], resource[256];
   if (httpSeparateURI(HTTP_URI_CODING_ALL, uri, scheme, sizeof scheme, user, sizeof user, host,
                       static_cast<int>(hostSize), port, resource, sizeof resource) < HTTP_URI_STATUS_OK)
     return Route::kNone;
-  const bool network = std::strcmp(scheme, "socket") == 0 || std::strcmp(scheme, "dnssd") == 0 ||
-                       std::strcmp(scheme, "snmp") == 0;
-  const bool usb = std::strcmp(scheme, "usb") == 0;
-  if ((network || usb) && gDeviceReader.load() != nullptr) return Route::kDevice;
+  if (gDeviceReader != nullptr && gReaderScheme == scheme) return Route::kDevice;
   if (std::strcmp(scheme, "socket") == 0) {
     if (*port <= 0) *port = 9100;
     return Route::kSocket;
@@ -329,21 +330,22 @@ void apply(pappl_printer_t* printer, Watch& watch, const ZplStatus& status, bool
     std::lock_guard<std::mutex> lock(gLock);
     const bool hadAnswered = watch.policy.everAnswered();
     if (asked) watch.policy.noteAnswer(nowSeconds(), status.answer);
-    ZplStatus shown = watch.last;
+    // Supplies are known only from an answer.
+    ZplStatus shown = answered || !asked ? status : ZplStatus{};
     reasons = watch.reasons;
     text = watch.text;
     if (answered) {
-      watch.last = shown = status;
+      watch.last = status;
       reasons = kelvoStatusReasons(status);
       text = kelvoStatusText(status);
     } else if (watch.policy.unanswered() >= 2) {
-      // One lost answer changes nothing; a printer that answered before and
+      // One lost answer leaves the reasons; a printer that answered before and
       // now keeps silent is not taking labels (printers that answer ~HS
       // fall silent while their labels or ribbon are out or the head is
       // open), one that never answered is simply not known.
-      watch.last = shown = ZplStatus{};
-      reasons = hadAnswered ? PAPPL_PREASON_OFFLINE : PAPPL_PREASON_NONE;
-      text = hadAnswered ? "The printer does not answer" : "";
+      watch.last = ZplStatus{};
+      reasons = hadAnswered ? PAPPL_PREASON_OTHER : PAPPL_PREASON_NONE;
+      text = hadAnswered ? "The printer stopped answering; its labels, ribbon or print head may need attention" : "";
     }
     const bool ribbon = shown.transfer >= 0 ? shown.transfer == 1 && !model->stencil : ribbonLoaded;
     numSupplies = kelvoStatusSupplies(shown, model->stencil, ribbon, supplies);
@@ -356,14 +358,21 @@ void apply(pappl_printer_t* printer, Watch& watch, const ZplStatus& status, bool
       watch.numSupplies = numSupplies;
       watch.supplied = true;
     }
-    textChanged = text != watch.text;
+    // Said once the printer has answered, and whenever it changes.
+    const bool settled = answered || watch.policy.unanswered() >= 2;
+    textChanged = asked && settled && (!watch.textSaid || text != watch.text);
+    watch.textSaid = watch.textSaid || textChanged;
     watch.text = text;
   }
   static const char* const kAnswers[] = {"no answer", "part of an answer", "no status answer", "~HQES answer",
                                          "~HS answer"};
   if (asked)
     papplLogPrinter(printer, PAPPL_LOGLEVEL_DEBUG, "Status query: %s", kAnswers[static_cast<int>(status.answer)]);
-  if (reasons != before) papplPrinterSetReasons(printer, reasons & ~before, before & ~reasons);
+  // Others set some of these reasons too (PAPPL, the device layer): add
+  // what is missing, remove only what these answers set.
+  const pappl_preason_t now = papplPrinterGetReasons(printer);
+  const pappl_preason_t add = reasons & ~now, remove = before & ~reasons & now;
+  if (add != 0 || remove != 0) papplPrinterSetReasons(printer, add, remove);
   if (suppliesChanged) papplPrinterSetSupplies(printer, numSupplies, supplies);
   if (!textChanged) return;
   papplLogPrinter(printer, PAPPL_LOGLEVEL_INFO, "Printer status: %s", text.empty() ? "ready" : text.c_str());
@@ -395,7 +404,7 @@ void askIdle(pappl_printer_t* printer, Watch& watch) {
     // PAPPL gives no device while a job has it.
     pappl_device_t* device = papplPrinterOpenDevice(printer);
     if (device == nullptr) return;
-    DeviceLink link(device, gDeviceReader.load());
+    DeviceLink link(device, gDeviceReader);
     status = kelvoAskStatus(link, command, kStatusAnswerMillis);
     papplPrinterCloseDevice(printer);
   }
@@ -454,9 +463,11 @@ ssize_t papplRead(pappl_device_t* device, void* buffer, size_t size, int millis)
 }
 
 // A question on the job's connection.
-ZplStatus askDuringJob(pappl_device_t* device, const char* command) {
-  KelvoDeviceReader reader = gDeviceReader.load();
-  DeviceLink link(device, reader != nullptr ? reader : papplRead);
+ZplStatus askDuringJob(pappl_printer_t* printer, pappl_device_t* device, const char* command) {
+  char host[256];
+  int port = 0;
+  const bool bounded = routeOf(papplPrinterGetDeviceURI(printer), host, sizeof host, &port) == Route::kDevice;
+  DeviceLink link(device, bounded ? gDeviceReader : papplRead);
   return kelvoAskStatus(link, command, kStatusAnswerMillis);
 }
 
@@ -578,14 +589,23 @@ ZplStatus kelvoAskStatus(StatusLink& link, const char* command, int millis) {
   return kelvoParseStatus(got);
 }
 
-void kelvoStatusSetDeviceReader(KelvoDeviceReader reader) { gDeviceReader.store(reader); }
+void kelvoStatusSetDeviceReader(const char* scheme, KelvoDeviceReader reader) {
+  gReaderScheme = scheme != nullptr ? scheme : "";
+  gDeviceReader = reader;
+}
 
 void kelvoStatusStart(pappl_system_t* system) { papplSystemAddTimerCallback(system, 0, 1, onTimer, nullptr); }
 
 bool kelvoStatusCallback(pappl_printer_t* printer) {
   std::shared_ptr<Watch> watch = watchOf(printer);
-  std::lock_guard<std::mutex> lock(gLock);
-  watch->watched = true;
+  bool supplied;
+  {
+    std::lock_guard<std::mutex> lock(gLock);
+    watch->watched = true;
+    supplied = watch->supplied;
+  }
+  // A printer just added reports its supplies from the first request on.
+  if (!supplied) apply(printer, *watch, ZplStatus{}, false);
   return true;
 }
 
@@ -622,7 +642,7 @@ bool kelvoStatusJobStarts(pappl_job_t* job, pappl_device_t* device) {
     setMediaNeeded(printer, *watch, noLabels);
     papplJobSetMessage(job, "Waiting for the printer: %s", kelvoStatusText(last).c_str());
     if (!waitUnlessCancelled(job, 2)) break;
-    const ZplStatus status = askDuringJob(device, command);
+    const ZplStatus status = askDuringJob(printer, device, command);
     apply(printer, *watch, status);
     // A printer that stops answering gets the job all the same: it keeps
     // what it receives until it can print.
@@ -638,16 +658,25 @@ void kelvoStatusJobEnds(pappl_job_t* job, pappl_device_t* device) {
   pappl_printer_t* printer = papplJobGetPrinter(job);
   if (!isOurs(printer)) return;
   std::shared_ptr<Watch> watch = watchOf(printer);
+  char host[256];
+  int port = 0;
+  const bool bounded = routeOf(papplPrinterGetDeviceURI(printer), host, sizeof host, &port) == Route::kDevice;
   const char* command;
   {
     std::lock_guard<std::mutex> lock(gLock);
     watch->policy.soon();
-    // Without a device layer that reads with a timeout, the idle question
-    // right after the job takes its place.
-    if (gDeviceReader.load() == nullptr || !watch->policy.due(nowSeconds(), true)) return;
+    // Without a read that waits a bounded time on this connection, the
+    // idle question right after the job takes its place.
+    if (!bounded || !watch->policy.due(nowSeconds(), true)) return;
     command = watch->policy.command();
   }
   std::lock_guard<std::mutex> talk(watch->talk);
-  DeviceLink link(device, gDeviceReader.load());
+  DeviceLink link(device, gDeviceReader);
   apply(printer, *watch, kelvoAskStatus(link, command, kStatusAnswerMillis));
+}
+
+void kelvoStatusNoteAnswer(pappl_printer_t* printer, const std::string& bytes) {
+  if (!isOurs(printer)) return;
+  std::shared_ptr<Watch> watch = watchOf(printer);
+  apply(printer, *watch, kelvoParseStatus(bytes));
 }

@@ -108,10 +108,12 @@ class StatusLink {
 ZplStatus kelvoAskStatus(StatusLink& link, const char* command, int millis);
 
 // A device layer's read with a timeout: bytes read, 0 when none came within
-// `millis`, -1 on failure. With one set, the status query also runs on a
-// job's own connection and on USB printers.
+// `millis`, -1 on failure. Devices of URI scheme `scheme` read with it; the
+// status query then also runs on their jobs' own connections and, while
+// idle, on the device PAPPL opens. Other network printers (socket://) are
+// asked on a connection of the application's own while idle.
 using KelvoDeviceReader = ssize_t (*)(pappl_device_t* device, void* buffer, size_t size, int millis);
-void kelvoStatusSetDeviceReader(KelvoDeviceReader reader);
+void kelvoStatusSetDeviceReader(const char* scheme, KelvoDeviceReader reader);
 
 // The printer application's side. kelvoStatusStart starts the idle
 // questions (a PAPPL timer); the driver sets kelvoStatusCallback as its
@@ -127,3 +129,6 @@ bool kelvoStatusJobStarts(pappl_job_t* job, pappl_device_t* device);
 // Called by a job after its last byte: asks on the job's connection where
 // the device layer can read with a timeout, else right after the job.
 void kelvoStatusJobEnds(pappl_job_t* job, pappl_device_t* device);
+// An answer the device layer read itself (its question after a job's last
+// byte); empty when none came.
+void kelvoStatusNoteAnswer(pappl_printer_t* printer, const std::string& bytes);
