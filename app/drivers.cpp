@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <string>
 
 #include "app/job.h"
@@ -11,31 +12,67 @@
 
 namespace {
 
-// The PPDs' sizes. Label widths are a whole multiple of 4 dots at the
-// model's resolution (the graphic sender needs that), so most of them are a
-// fraction of a millimetre narrower than their name.
-KelvoMedia sLabels203[] = {
-    {"2x1", 143.29f, 72, {}},  {"2.25x1.25", 161.73f, 90, {}}, {"3x2", 215.65f, 144, {}},
-    {"4x2", 288, 144, {}},     {"4x3", 288, 216, {}},          {"4x4", 288, 288, {}},
-    {"4x6", 288, 432, {}},     {"4x8", 288, 576, {}},
+// A size as the PPDs give it: their word, their words, points.
+struct PpdSize {
+  const char* name;
+  const char* text;
+  float widthPt, heightPt;
 };
-KelvoMedia sLabels300[] = {
-    {"2x1", 144, 72, {}},  {"2.25x1.25", 161.28f, 90, {}}, {"3x2", 216, 144, {}}, {"4x2", 288, 144, {}},
-    {"4x3", 288, 216, {}}, {"4x4", 288, 288, {}},          {"4x6", 288, 432, {}}, {"4x8", 288, 576, {}},
+
+// The label printers' sizes, as kelvo203.ppd and kelvo300.ppd list them:
+// the labels of 0.5 to 4 inches wide that shops use, in inches and in
+// millimetres.
+const PpdSize kLabelSizes[] = {
+    {"1x0.5", "1 x 0.5 in", 72, 36}, {"1x1", "1 x 1 in", 72, 72}, {"1.25x1", "1.25 x 1 in", 90, 72},
+    {"1.25x2.25", "1.25 x 2.25 in", 90, 162}, {"1.5x0.5", "1.5 x 0.5 in", 108, 36}, {"1.5x1", "1.5 x 1 in", 108, 72},
+    {"1.5x2", "1.5 x 2 in", 108, 144}, {"2x0.5", "2 x 0.5 in", 144, 36}, {"2x0.75", "2 x 0.75 in", 144, 54},
+    {"2x1", "2 x 1 in", 144, 72}, {"2x1.25", "2 x 1.25 in", 144, 90}, {"2x2", "2 x 2 in", 144, 144},
+    {"2x3", "2 x 3 in", 144, 216}, {"2x4", "2 x 4 in", 144, 288}, {"2x5.5", "2 x 5.5 in", 144, 396},
+    {"40x30mm", "40 x 30 mm", 113.39, 85.04}, {"50x25mm", "50 x 25 mm", 141.73, 70.87},
+    {"50x30mm", "50 x 30 mm", 141.73, 85.04}, {"50x80mm", "50 x 80 mm", 141.73, 226.77},
+    {"2.25x0.5", "2.25 x 0.5 in", 162, 36}, {"2.25x1.25", "2.25 x 1.25 in", 162, 90},
+    {"2.25x4", "2.25 x 4 in", 162, 288}, {"2.25x5.5", "2.25 x 5.5 in", 162, 396},
+    {"2.375x5.5", "2.375 x 5.5 in", 171, 396}, {"2.5x1", "2.5 x 1 in", 180, 72}, {"2.5x2", "2.5 x 2 in", 180, 144},
+    {"2.75x1.25", "2.75 x 1.25 in", 198, 90}, {"3x1", "3 x 1 in", 216, 72}, {"3x1.25", "3 x 1.25 in", 216, 90},
+    {"3x2", "3 x 2 in", 216, 144}, {"3x3", "3 x 3 in", 216, 216}, {"3x4", "3 x 4 in", 216, 288},
+    {"3x5", "3 x 5 in", 216, 360}, {"3x6", "3 x 6 in", 216, 432}, {"3x8", "3 x 8 in", 216, 576},
+    {"3.25x2", "3.25 x 2 in", 234, 144}, {"3.25x5", "3.25 x 5 in", 234, 360}, {"3.25x5.5", "3.25 x 5.5 in", 234, 396},
+    {"3.25x5.83", "3.25 x 5.83 in", 234, 419.76}, {"3.25x7.83", "3.25 x 7.83 in", 234, 563.76},
+    {"3.5x1", "3.5 x 1 in", 252, 72}, {"4x1", "4 x 1 in", 288, 72}, {"4x2", "4 x 2 in", 288, 144},
+    {"4x2.5", "4 x 2.5 in", 288, 180}, {"4x3", "4 x 3 in", 288, 216}, {"4x4", "4 x 4 in", 288, 288},
+    {"4x5", "4 x 5 in", 288, 360}, {"4x6", "4 x 6 in", 288, 432}, {"4x6.5", "4 x 6.5 in", 288, 468},
+    {"4x8", "4 x 8 in", 288, 576}, {"4x13", "4 x 13 in", 288, 936}, {"57x32mm", "57 x 32 mm", 161.57, 90.71},
+    {"100x50mm", "100 x 50 mm", 283.46, 141.73}, {"100x100mm", "100 x 100 mm", 283.46, 283.46},
+    {"100x150mm", "100 x 150 mm", 283.46, 425.2},
 };
-KelvoMedia sSheets[] = {
-    {"A4", 595.28f, 841.89f, {}},
-    {"Letter", 611.52f, 792, {}},
-    {"Tattoo_A5", 595.28f, 420, {}},
-    {"Tattoo_A6", 297.64f, 420, {}},
+// The stencil printer's sheets (kelvotat.ppd).
+const PpdSize kSheetSizes[] = {
+    {"A4", "A4", 595.28f, 841.89f},
+    {"Letter", "Letter", 612, 792},
+    {"Tattoo_A5", "Tattoo A5 (Landscape)", 595.28f, 420},
+    {"Tattoo_A6", "Tattoo A6", 297.64f, 420},
 };
+constexpr int kNumLabelSizes = sizeof kLabelSizes / sizeof kLabelSizes[0];
+constexpr int kNumSheetSizes = sizeof kSheetSizes / sizeof kSheetSizes[0];
+
+KelvoMedia sLabels203[kNumLabelSizes];
+KelvoMedia sLabels300[kNumLabelSizes];
+KelvoMedia sSheets[kNumSheetSizes];
 
 const KelvoModel kModels[] = {
     // Speeds as the PPDs offer them.
-    {"kelvo_203", "Kelvo ZPL Label Printer 203dpi", 203, kDialectStandard, false, 1, 12, sLabels203, 8, 6},
-    {"kelvo_300", "Kelvo ZPL Label Printer 300dpi", 300, kDialectStandard, false, 1, 8, sLabels300, 8, 6},
-    {"kelvo_tattoo", "Kelvo ZPL Tattoo Stencil 300dpi", 300, kDialectKelvo, true, 1, 4, sSheets, 4, 0},
+    {"kelvo_203", "Kelvo ZPL Label Printer 203dpi", 203, kDialectStandard, false, 1, 12, sLabels203, kNumLabelSizes,
+     "4x6"},
+    {"kelvo_300", "Kelvo ZPL Label Printer 300dpi", 300, kDialectStandard, false, 1, 8, sLabels300, kNumLabelSizes,
+     "4x6"},
+    {"kelvo_tattoo", "Kelvo ZPL Tattoo Stencil 300dpi", 300, kDialectKelvo, true, 1, 4, sSheets, kNumSheetSizes, "A4"},
 };
+const PpdSize* const kModelSizes[] = {kLabelSizes, kLabelSizes, kSheetSizes};
+
+// Custom label sizes: from the PPDs' smallest to the print head's width
+// and the PPDs' longest label.
+const char kCustomMin[] = "custom_min_0.5x0.5in";
+const char kCustomMax[] = "custom_max_4.09x39in";
 
 // IPP keywords of the halftone methods, in DitherType order. Each stands for
 // the PPD word of the same value, so a job prints what the filter prints
@@ -66,12 +103,22 @@ std::string formatMm(int hundredths) {
   return text;
 }
 
+// A PPD size at the model's resolution. Label widths are a whole multiple
+// of 4 dots (the graphic sender needs that), so most of them are a
+// fraction of a millimetre narrower than their name.
+void sizeMedia(KelvoMedia& media, const PpdSize& size, int dpi) {
+  media.ppdName = size.name;
+  media.text = size.text;
+  media.widthDots = dotsOf(size.widthPt, dpi) / 4 * 4;
+  media.heightDots = dotsOf(size.heightPt, dpi);
+}
+
 // The PWG name clients see for a size. The standard name when PAPPL makes
 // the PPD's page from it (same width, at most a row shorter or longer);
 // otherwise a self-describing name in millimetres that does.
 void nameMedia(KelvoMedia& media, const KelvoModel& model) {
-  const int width = dotsOf(media.widthPt, model.dpi);
-  const int height = dotsOf(media.heightPt, model.dpi);
+  const int width = media.widthDots;
+  const int height = media.heightDots;
   std::string standard;
   if (model.stencil) {
     const std::string word = media.ppdName;
@@ -80,10 +127,17 @@ void nameMedia(KelvoMedia& media, const KelvoModel& model) {
                : word == "Tattoo_A5" ? "iso_a5_210x148mm"
                                      : "iso_a6_105x148mm";
   } else {
-    // A size name has no dots: "2.25x1.25" is named "2-25x1-25".
+    // A size name has no dots: "2.25x1.25" is named "2-25x1-25", and
+    // "40x30mm" "40x30".
     std::string word = media.ppdName;
-    for (char& c : word) c = c == '.' ? '-' : c;
-    standard = "oe_" + word + "-label_" + media.ppdName + "in";
+    std::string units = "in";
+    if (word.size() > 2 && word.compare(word.size() - 2, 2, "mm") == 0) {
+      word.resize(word.size() - 2);
+      units = "mm";
+    }
+    std::string name = word;
+    for (char& c : name) c = c == '.' ? '-' : c;
+    standard = (units == "mm" ? "om_" : "oe_") + name + "-label_" + word + units;
   }
   // Sizes in millimetres take the "om" class; the rest of the name stays.
   std::string prefix = standard.substr(0, standard.rfind('_'));
@@ -99,12 +153,24 @@ void nameMedia(KelvoMedia& media, const KelvoModel& model) {
   kelvoStrCpy(media.pwgName, name.c_str(), sizeof media.pwgName);
 }
 
+// Once, before any thread reads the tables.
 void nameAllMedia() {
-  static bool named = false;
-  if (named) return;
-  for (const KelvoModel& model : kModels)
-    for (int i = 0; i < model.numMedia; ++i) nameMedia(model.media[i], model);
-  named = true;
+  static std::once_flag named;
+  std::call_once(named, [] {
+    for (size_t m = 0; m < sizeof kModels / sizeof kModels[0]; ++m) {
+      const KelvoModel& model = kModels[m];
+      for (int i = 0; i < model.numMedia; ++i) {
+        sizeMedia(model.media[i], kModelSizes[m][i], model.dpi);
+        nameMedia(model.media[i], model);
+      }
+    }
+  });
+}
+
+const KelvoMedia& defaultMedia(const KelvoModel& model) {
+  for (int i = 0; i < model.numMedia; ++i)
+    if (std::strcmp(model.media[i].ppdName, model.defaultMedia) == 0) return model.media[i];
+  return model.media[0];
 }
 
 void setMediaCol(pappl_media_col_t& col, const KelvoMedia& media, const char* source, const char* type,
@@ -183,8 +249,12 @@ bool kelvoDriverCallback(pappl_system_t* /*system*/, const char* driverName, con
   data->left_right = 0;
   data->bottom_top = 0;
 
-  data->num_media = model->numMedia;
-  for (int i = 0; i < model->numMedia; ++i) data->media[i] = model->media[i].pwgName;
+  data->num_media = 0;
+  for (int i = 0; i < model->numMedia; ++i) data->media[data->num_media++] = model->media[i].pwgName;
+  if (!model->stencil) {
+    data->media[data->num_media++] = kCustomMin;
+    data->media[data->num_media++] = kCustomMax;
+  }
   data->num_source = 1;
   data->source[0] = model->stencil ? "main" : "main-roll";
   data->num_type = model->stencil ? 1 : 2;
@@ -194,7 +264,7 @@ bool kelvoDriverCallback(pappl_system_t* /*system*/, const char* driverName, con
                                             : PAPPL_MEDIA_TRACKING_GAP | PAPPL_MEDIA_TRACKING_MARK |
                                                   PAPPL_MEDIA_TRACKING_CONTINUOUS;
   const pappl_media_tracking_t tracking = model->stencil ? PAPPL_MEDIA_TRACKING_WEB : PAPPL_MEDIA_TRACKING_GAP;
-  setMediaCol(data->media_default, model->media[model->defaultMedia], data->source[0], "direct-thermal", tracking);
+  setMediaCol(data->media_default, defaultMedia(*model), data->source[0], "direct-thermal", tracking);
   data->media_ready[0] = data->media_default;
 
   if (!model->stencil) {

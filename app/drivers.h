@@ -6,12 +6,15 @@
 
 #include "printer/job_settings.h"
 
-// One label or sheet size: the PPD's word for it and its size in dots.
+// One label or sheet size: the PPD's word for it and its words ("4 x 6
+// in"), and, filled in at start-up, its size in dots at the model's
+// resolution and the PWG name clients see.
 struct KelvoMedia {
   const char* ppdName;
-  float widthPt;  // the PPD's size, in points
-  float heightPt;
-  char pwgName[64];  // filled in at start-up
+  const char* text;
+  int widthDots;
+  int heightDots;
+  char pwgName[64];
 };
 
 struct KelvoModel {
@@ -24,7 +27,7 @@ struct KelvoModel {
   int speedMax;
   KelvoMedia* media;
   int numMedia;
-  int defaultMedia;
+  const char* defaultMedia;  // the PPD's word for it
 };
 
 // The drivers, in the order "drivers" lists them.

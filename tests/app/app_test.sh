@@ -3,8 +3,10 @@
 # port, printers whose device is a folder (PAPPL's file device), jobs sent
 # with the app's own "submit" and with ipptool.
 #   app_test.sh <build-dir> jobs      byte equivalence with the filter,
-#                                     copies, two printers at once, bad input
-#   app_test.sh <build-dir> ipptool   ipp-everywhere.test and ipp-2.0.test
+#                                     copies, two printers at once, bad input,
+#                                     sizes and media tracking from media-col
+#   app_test.sh <build-dir> ipptool   ipp-everywhere.test and ipp-2.0.test, the
+#                                     PPDs' sizes offered
 #   app_test.sh <build-dir> cups      a private cupsd with a driverless queue
 #                                     for the app's printer, printing with lp to
 #                                     a fake ZPL printer
@@ -196,12 +198,57 @@ EOF
   [ "${result%% *}" != completed ] || fail "a 6 inch wide page was printed"
   echo "6 inch wide page: $result"
   [ "$n" -eq 6 ] || fail "only $n equivalence cases ran"
+  # Label sizes and media tracking as a client's media-col gives them: the
+  # page width (^PW), length (^LL) and tracking (^MN) the printer gets, a
+  # custom size within the head among them.
+  cat >"$W/media-col.test" <<'EOF'
+{
+  NAME "Print-Job with media-col"
+  OPERATION Print-Job
+  GROUP operation-attributes-tag
+  ATTR charset attributes-charset utf-8
+  ATTR naturalLanguage attributes-natural-language en
+  ATTR uri printer-uri $uri
+  ATTR name requesting-user-name test
+  ATTR name job-name $name
+  ATTR mimeMediaType document-format image/png
+  GROUP job-attributes-tag
+  ATTR collection media-col {
+    MEMBER collection media-size {
+      MEMBER integer x-dimension $x
+      MEMBER integer y-dimension $y
+    }
+    MEMBER keyword media-tracking $tracking
+  }
+  FILE $filename
+  STATUS successful-ok
+}
+EOF
+  local x y tracking want got m=0
+  while IFS='|' read -r printer x y tracking want; do
+    [ -z "$printer" ] && continue
+    m=$((m + 1))
+    cp "$SRC/samples/label.png" "$W/media$m.png"
+    ipptool -d name="media$m.png" -d x="$x" -d y="$y" -d tracking="$tracking" -f "$W/media$m.png" \
+      "ipp://127.0.0.1:$PORT/ipp/print/$printer" "$W/media-col.test" >/dev/null || fail "media-col $x x $y"
+    e2e_poll 30 test -s "$W/out/$printer/media$m.png.prn" || { fail "media-col $x x $y: nothing printed"; continue; }
+    sleep 0.5
+    got=$(grep -ao '\^PW[0-9]*\|\^LL[0-9]*\|\^MN.' "$W/out/$printer/media$m.png.prn" | paste -sd' ')
+    [ "$got" = "$want" ] || fail "$printer $x x $y $tracking: $got, expected $want"
+    echo "$printer media-col $x x $y, $tracking: $got"
+  done <<'EOF'
+label203|5588|2794|mark|^PW446 ^LL223 ^MNM
+label203|4004|3003|gap|^PW320 ^LL240 ^MNY
+label300|10160|15240|continuous|^PW1200 ^LL1800 ^MNN
+EOF
+  [ "$m" -eq 3 ] || fail "only $m media-col cases ran"
 }
 
 ipptool_mode() {
   local printer ppd file out speeds
   # "all" stands for the attributes libcups knows, which print-speed is not.
   printf '{\nOPERATION Get-Printer-Attributes\nGROUP operation-attributes-tag\nATTR charset attributes-charset utf-8\nATTR naturalLanguage attributes-natural-language en\nATTR uri printer-uri $uri\nATTR keyword requested-attributes print-speed-supported\nSTATUS successful-ok\n}\n' >"$W/speed.test"
+  sed 's/print-speed-supported/media-size-supported/' "$W/speed.test" >"$W/media.test"
   for printer in label203:kelvo203 label300:kelvo300 tattoo:kelvotat; do
     ppd=${printer#*:}
     printer=${printer%:*}
@@ -213,6 +260,25 @@ ipptool_mode() {
       sed -n 's/.*print-speed-supported (rangeOfInteger) = //p')
     [ -n "$speeds" ] && [ "$out" = "$speeds" ] || fail "$printer: print-speed-supported '$out', its PPD's speeds '$speeds'"
     echo "$printer print-speed-supported: $out"
+    # Every size of the printer's PPD, in the same dots: the width a whole
+    # multiple of 4 dots at most the PPD's, the length within a row.
+    if [ "$printer" != tattoo ]; then
+      local dpi=${printer#label} sizes matched
+      sizes=$(ipptool -tv "ipp://127.0.0.1:$PORT/ipp/print/$printer" "$W/media.test" 2>&1 |
+        sed -n 's/.*media-size-supported ([^)]*) = //p' | grep -o '{x-dimension=[0-9-]* y-dimension=[0-9-]*}')
+      matched=$(sed -n 's/^\*PaperDimension \([^/]*\)\/[^:]*: "\([0-9.]*\) \([0-9.]*\)"/\1 \2 \3/p' "$PPDS/$ppd.ppd" |
+        awk -v dpi="$dpi" -v sizes="$sizes" '
+          BEGIN { n = split(sizes, s, "\n")
+                  for (i = 1; i <= n; i++) { split(s[i], f, /[=} ]/); if (f[2] !~ /-/) { w[i] = int(f[2] * dpi / 2540); l[i] = int(f[4] * dpi / 2540) } } }
+          { pw = int(int($2 * dpi / 72 + 0.5) / 4) * 4; pl = int($3 * dpi / 72 + 0.5); found = 0
+            for (i in w) if (w[i] == pw && l[i] - pl <= 1 && pl - l[i] <= 1 && !(i in used)) { used[i] = 1; found = 1; break }
+            if (found) m++; else print "missing " $1 > "/dev/stderr" }
+          END { print m + 0 }')
+      echo "$printer: $matched of its PPD's sizes offered; custom sizes $(grep 'x-dimension=[0-9]*-' <<<"$sizes")"
+      [ "$matched" -ge 40 ] && [ "$matched" = "$(grep -c '^\*PaperDimension ' "$PPDS/$ppd.ppd")" ] &&
+        [ "$(grep -c 'x-dimension=[0-9]*-' <<<"$sizes")" = 1 ] ||
+        fail "$printer: $matched PPD sizes offered of $(grep -c '^\*PaperDimension ' "$PPDS/$ppd.ppd"), custom '$sizes'"
+    fi
     # -I goes on after a failure; -f gives the print tests a document.
     # printer-up-time counts whole seconds and must be above 0.
     sleep 1

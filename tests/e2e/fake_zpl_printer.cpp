@@ -53,9 +53,10 @@ bool writeFileAtomically(const std::string& path, const std::string& text) {
 
 // ~HQES's answer with the low groups of its ERRORS and WARNINGS lines.
 std::string hqes(const char* errors, const char* warnings) {
-  return std::string("\x02\r\n  PRINTER STATUS\r\n    ERRORS:         ") + (std::strcmp(errors, "00000000") ? "1" : "0") +
-         " 00000000 " + errors + "\r\n    WARNINGS:       " + (std::strcmp(warnings, "00000000") ? "1" : "0") +
-         " 00000000 " + warnings + "\r\n\x03\r\n";
+  const char* errorFlag = std::strcmp(errors, "00000000") != 0 ? "1" : "0";
+  const char* warningFlag = std::strcmp(warnings, "00000000") != 0 ? "1" : "0";
+  return std::string("\x02\r\n  PRINTER STATUS\r\n    ERRORS:         ") + errorFlag + " 00000000 " + errors +
+         "\r\n    WARNINGS:       " + warningFlag + " 00000000 " + warnings + "\r\n\x03\r\n";
 }
 
 // ~HS's three strings with paper out, pause, head up, ribbon out and
