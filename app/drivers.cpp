@@ -1,6 +1,7 @@
 #include "app/drivers.h"
 
 #include <cmath>
+#include <cstdlib>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -8,6 +9,7 @@
 
 #include "app/job.h"
 #include "app/printer_status.h"
+#include "support/halftone_type.h"
 #include "support/kelvo_string.h"
 
 namespace {
@@ -74,22 +76,95 @@ const PpdSize* const kModelSizes[] = {kLabelSizes, kLabelSizes, kSheetSizes};
 const char kCustomMin[] = "custom_min_0.5x0.5in";
 const char kCustomMax[] = "custom_max_4.09x39in";
 
-// IPP keywords of the halftone methods, in DitherType order. Each stands for
-// the PPD word of the same value, so a job prints what the filter prints
-// for that word.
-const char* const kHalftones[] = {"none",   "floyd-steinberg", "ordered",        "burkes",    "stucki",
-                                  "jarvis-judice-ninke", "sierra", "stevenson-arce", "tattoo", "tattoo-x8",
-                                  "barcode-text"};
-// The label printers' "after printing" choices and the PPD word of each;
-// "auto" takes the printer's label mode (printer-label-mode-configured).
-const char* const kPostActions[][2] = {{"auto", nullptr},           {"tear-off", "TearOff"}, {"peel-off", "PeelOff"},
-                                       {"cut", "Cut"},              {"partial-cut", "PartialCut"},
-                                       {"none", "None"}};
-const int kNumPostActions = sizeof kPostActions / sizeof kPostActions[0];
+// The halftone keywords say what each method runs; each stands for the PPD
+// word that runs it, so a job prints what the filter prints for that word.
+// The PPD's words are one method off their methods ("FloydSteinberg" runs
+// the ordered dither), and the app's first keywords copied them: those are
+// still taken, for saved defaults and scripts, and run what they ran.
+const KelvoWord kHalftones[] = {
+    {"threshold", "Threshold (text and barcodes)", "None"},
+    {"ordered-4x4", "Ordered dither 4x4", "FloydSteinberg"},
+    {"burkes-diffusion", "Burkes diffusion", "Ordered"},
+    {"stucki-diffusion", "Stucki diffusion", "Burkes"},
+    {"jarvis-judice-ninke-diffusion", "Jarvis, Judice and Ninke diffusion", "Stucki"},
+    {"sierra-diffusion", "Sierra diffusion", "JarvisJudiceNinke"},
+    {"stevenson-arce-diffusion", "Stevenson and Arce diffusion", "Sierra"},
+    {"bayer-ordered", "Bayer ordered dither", "StevensonArce"},
+    {"tattoo", "Tattoo stencil", "Tattoo"},
+    {"tattoo-x8", "Tattoo stencil X8", "Tattoo_X8"},
+    {"barcode-text", "Barcode and text", "BarcodeText"},
+    {"none", nullptr, "None"},
+    {"floyd-steinberg", nullptr, "FloydSteinberg"},
+    {"ordered", nullptr, "Ordered"},
+    {"burkes", nullptr, "Burkes"},
+    {"stucki", nullptr, "Stucki"},
+    {"jarvis-judice-ninke", nullptr, "JarvisJudiceNinke"},
+    {"sierra", nullptr, "Sierra"},
+    {"stevenson-arce", nullptr, "StevensonArce"},
+};
+// "After printing" on the label printers; "auto" takes the printer's label
+// mode (printer-label-mode-configured).
+const KelvoWord kPostActions[] = {
+    {"auto", "As the label mode says", nullptr}, {"tear-off", "Tear off", "TearOff"},
+    {"peel-off", "Peel off", "PeelOff"},         {"cut", "Cut", "Cut"},
+    {"partial-cut", "Partial cut", "PartialCut"}, {"none", "Printer setting", "None"},
+};
 
-// What the PPDs default to: barcodes and text on labels, the stencil chain
+#define KELVO_WORDS(words) words, static_cast<int>(sizeof words / sizeof words[0])
+// The Kelvo choices, in the order the web interface shows them. Defaults:
+// the PPDs'; the halftone is barcodes and text on labels, the stencil chain
 // on the stencil printer.
-const char* defaultHalftone(bool stencil) { return stencil ? "tattoo" : "barcode-text"; }
+const KelvoChoice kChoices[] = {
+    {"kelvo-halftone", "Halftone", KelvoChoice::kKeyword, KELVO_WORDS(kHalftones), 0, 0, "barcode-text", "tattoo"},
+    // The filter adds five times the number to every pixel's ink.
+    {"kelvo-brightness", "Lighter (-) or darker (+)", KelvoChoice::kRange, nullptr, 0, -100, 100, "0", "0"},
+    {"kelvo-mirror", "Mirror image", KelvoChoice::kBoolean, nullptr, 0, 0, 0, "false", "false"},
+    {"kelvo-negative", "Negative image", KelvoChoice::kBoolean, nullptr, 0, 0, 0, "false", "false"},
+    // The PPDs' Orientation: the printer turns the label (^POI).
+    {"kelvo-rotate-180", "Rotate 180 degrees", KelvoChoice::kBoolean, nullptr, 0, 0, 0, "false", "false"},
+    {"kelvo-gap-height", "Gap between labels (mm)", KelvoChoice::kRange, nullptr, 0, 0, 10, "3", nullptr},
+    {"kelvo-post-action", "After printing", KelvoChoice::kKeyword, KELVO_WORDS(kPostActions), 0, 0, "auto",
+     nullptr},
+};
+#undef KELVO_WORDS
+constexpr int kNumChoices = sizeof kChoices / sizeof kChoices[0];
+
+const KelvoChoice& choiceNamed(const char* name) {
+  for (const KelvoChoice& choice : kChoices)
+    if (std::strcmp(choice.name, name) == 0) return choice;
+  std::abort();  // a name of this file's own
+}
+
+// The value of a keyword choice's PPD word for `keyword`; null for keywords
+// it does not have.
+const char* ppdWordOf(const KelvoChoice& choice, const char* keyword) {
+  for (int i = 0; keyword != nullptr && i < choice.numWords; ++i)
+    if (std::strcmp(choice.words[i].keyword, keyword) == 0) return choice.words[i].ppd;
+  return nullptr;
+}
+
+// The choice's "-supported" and "-default" attributes.
+void addChoice(ipp_t* attrs, const KelvoChoice& choice, const char* value) {
+  const std::string supported = std::string(choice.name) + "-supported";
+  const std::string fallback = std::string(choice.name) + "-default";
+  switch (choice.kind) {
+    case KelvoChoice::kKeyword: {
+      ipp_attribute_t* attr = ippAddStrings(attrs, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), supported.c_str(),
+                                            choice.numWords, nullptr, nullptr);
+      for (int i = 0; i < choice.numWords; ++i) ippSetString(attrs, &attr, i, choice.words[i].keyword);
+      ippAddString(attrs, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), fallback.c_str(), nullptr, value);
+      break;
+    }
+    case KelvoChoice::kRange:
+      ippAddRange(attrs, IPP_TAG_PRINTER, supported.c_str(), choice.min, choice.max);
+      ippAddInteger(attrs, IPP_TAG_PRINTER, IPP_TAG_INTEGER, fallback.c_str(), std::atoi(value));
+      break;
+    case KelvoChoice::kBoolean:
+      ippAddBoolean(attrs, IPP_TAG_PRINTER, supported.c_str(), 1);
+      ippAddBoolean(attrs, IPP_TAG_PRINTER, fallback.c_str(), std::strcmp(value, "true") == 0);
+      break;
+  }
+}
 
 int dotsOf(float points, int dpi) { return static_cast<int>(std::lround(points * dpi / 72.0)); }
 // PAPPL makes a page of size*dpi/2540 dots, rounded down.
@@ -205,11 +280,14 @@ const KelvoModel* kelvoFindModel(const char* driverName) {
   return nullptr;
 }
 
+const KelvoChoice* kelvoChoices(int* count) {
+  *count = kNumChoices;
+  return kChoices;
+}
+
 DitherType kelvoHalftoneFromKeyword(const char* keyword) {
-  if (keyword != nullptr)
-    for (int i = 0; i < static_cast<int>(sizeof kHalftones / sizeof kHalftones[0]); ++i)
-      if (std::strcmp(kHalftones[i], keyword) == 0) return static_cast<DitherType>(i);
-  return None;
+  const char* word = ppdWordOf(choiceNamed("kelvo-halftone"), keyword);
+  return word != nullptr ? kelvoHalftoneTypeFromStr(word) : None;
 }
 
 bool kelvoDriverCallback(pappl_system_t* /*system*/, const char* driverName, const char* /*deviceUri*/,
@@ -281,38 +359,12 @@ bool kelvoDriverCallback(pappl_system_t* /*system*/, const char* driverName, con
   data->darkness_default = 0;
 
   data->num_vendor = 0;
-  data->vendor[data->num_vendor++] = "kelvo-halftone";
-  data->vendor[data->num_vendor++] = "kelvo-brightness";
-  data->vendor[data->num_vendor++] = "kelvo-mirror";
-  data->vendor[data->num_vendor++] = "kelvo-negative";
-  data->vendor[data->num_vendor++] = "kelvo-rotate-180";
-  if (!model->stencil) {
-    data->vendor[data->num_vendor++] = "kelvo-gap-height";
-    data->vendor[data->num_vendor++] = "kelvo-post-action";
-  }
-
   ipp_t* vendor = ippNew();
-  ippAddStrings(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "kelvo-halftone-supported",
-                static_cast<int>(sizeof kHalftones / sizeof kHalftones[0]), nullptr, kHalftones);
-  ippAddString(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "kelvo-halftone-default", nullptr,
-               defaultHalftone(model->stencil));
-  ippAddRange(vendor, IPP_TAG_PRINTER, "kelvo-brightness-supported", -100, 100);
-  ippAddInteger(vendor, IPP_TAG_PRINTER, IPP_TAG_INTEGER, "kelvo-brightness-default", 0);
-  ippAddBoolean(vendor, IPP_TAG_PRINTER, "kelvo-mirror-supported", 1);
-  ippAddBoolean(vendor, IPP_TAG_PRINTER, "kelvo-mirror-default", 0);
-  ippAddBoolean(vendor, IPP_TAG_PRINTER, "kelvo-negative-supported", 1);
-  ippAddBoolean(vendor, IPP_TAG_PRINTER, "kelvo-negative-default", 0);
-  // The PPDs' Orientation: the printer turns the label (^POI).
-  ippAddBoolean(vendor, IPP_TAG_PRINTER, "kelvo-rotate-180-supported", 1);
-  ippAddBoolean(vendor, IPP_TAG_PRINTER, "kelvo-rotate-180-default", 0);
-  if (!model->stencil) {
-    ippAddRange(vendor, IPP_TAG_PRINTER, "kelvo-gap-height-supported", 0, 10);
-    ippAddInteger(vendor, IPP_TAG_PRINTER, IPP_TAG_INTEGER, "kelvo-gap-height-default", 3);
-    ipp_attribute_t* post = ippAddString(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD),
-                                         "kelvo-post-action-supported", nullptr, kPostActions[0][0]);
-    for (int i = 1; i < kNumPostActions; ++i) ippSetString(vendor, &post, i, kPostActions[i][0]);
-    ippAddString(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "kelvo-post-action-default", nullptr,
-                 kPostActions[0][0]);
+  for (const KelvoChoice& choice : kChoices) {
+    const char* value = model->stencil ? choice.stencilDefault : choice.labelDefault;
+    if (value == nullptr) continue;
+    data->vendor[data->num_vendor++] = choice.name;
+    addChoice(vendor, choice, value);
   }
   // Grey pages have no colour rendering to choose.
   ippAddString(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "print-rendering-intent-supported", nullptr,
@@ -371,9 +423,8 @@ void kelvoSettingsFromOptions(const KelvoModel& model, const pappl_pr_options_t&
   const char* post = "None";
   if (!model.stencil) {
     post = mode == PAPPL_LABEL_MODE_PEEL_OFF ? "PeelOff" : mode == PAPPL_LABEL_MODE_CUTTER ? "Cut" : "TearOff";
-    const char* chosen = vendorOption(options, "kelvo-post-action");
-    for (int i = 1; chosen != nullptr && i < kNumPostActions; ++i)
-      if (std::strcmp(chosen, kPostActions[i][0]) == 0) post = kPostActions[i][1];
+    if (const char* chosen = ppdWordOf(choiceNamed("kelvo-post-action"), vendorOption(options, "kelvo-post-action")))
+      post = chosen;
   }
   kelvoStrCpy(settings->PostAction, post, sizeof settings->PostAction);
 
@@ -390,10 +441,11 @@ void kelvoSettingsFromOptions(const KelvoModel& model, const pappl_pr_options_t&
   darkness = darkness < 0 ? 0 : darkness > 100 ? 100 : darkness;
   settings->Darkness = (darkness * 30 + 50) / 100;
 
-  settings->halftoneType =
-      kelvoHalftoneFromKeyword(vendorOption(options, "kelvo-halftone") != nullptr
-                                   ? vendorOption(options, "kelvo-halftone")
-                                   : defaultHalftone(model.stencil));
+  const KelvoChoice& halftone = choiceNamed("kelvo-halftone");
+  const char* chosen = vendorOption(options, "kelvo-halftone");
+  settings->halftoneType = kelvoHalftoneFromKeyword(chosen != nullptr ? chosen
+                                                    : model.stencil ? halftone.stencilDefault
+                                                                    : halftone.labelDefault);
   const char* brightness = vendorOption(options, "kelvo-brightness");
   settings->Brightness = brightness != nullptr ? std::atoi(brightness) : 0;
   const char* mirror = vendorOption(options, "kelvo-mirror");

@@ -30,6 +30,31 @@ struct KelvoModel {
   const char* defaultMedia;  // the PPD's word for it
 };
 
+// One value of a keyword choice: its IPP keyword, its words for people
+// (null for an old keyword still taken) and the PPD's word for it.
+struct KelvoWord {
+  const char* keyword;
+  const char* text;
+  const char* ppd;
+};
+
+// A choice of the Kelvo drivers beyond standard IPP ("kelvo-halftone"), in
+// words ("Halftone"), with its values and the defaults of the label and the
+// stencil printers (as IPP strings; null where a printer lacks the choice).
+struct KelvoChoice {
+  const char* name;
+  const char* text;
+  enum Kind { kKeyword, kRange, kBoolean } kind;
+  const KelvoWord* words;  // kKeyword
+  int numWords;
+  int min, max;  // kRange
+  const char* labelDefault;
+  const char* stencilDefault;
+};
+
+// The choices, in the order the web interface shows them.
+const KelvoChoice* kelvoChoices(int* count);
+
 // The drivers, in the order "drivers" lists them.
 extern pappl_pr_driver_t kelvoDrivers[];
 extern const int kelvoNumDrivers;
@@ -50,8 +75,9 @@ const char* kelvoDetectFormat(const unsigned char* header, size_t size, void* da
 void kelvoSettingsFromOptions(const KelvoModel& model, const pappl_pr_options_t& options, pappl_label_mode_t mode,
                               Settings* settings);
 
-// The PPD's halftone word of an IPP keyword ("jarvis-judice-ninke" ->
-// JarvisJudiceNinke); unknown keywords give None.
+// The halftone of an IPP keyword: the PPD word it stands for
+// ("jarvis-judice-ninke-diffusion" -> Stucki, which runs that kernel; the old
+// "stucki" -> Stucki too); unknown keywords give None.
 DitherType kelvoHalftoneFromKeyword(const char* keyword);
 
 // The MIME type of ZPL documents.

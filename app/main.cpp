@@ -12,6 +12,7 @@
 #include "app/drivers.h"
 #include "app/job.h"
 #include "app/printer_status.h"
+#include "app/web_labels.h"
 
 namespace {
 
@@ -75,6 +76,7 @@ pappl_system_t* createSystem(int count, cups_option_t* options, void* /*data*/) 
   papplSystemSetMIMECallback(system, kelvoDetectFormat, nullptr);
   kelvoStatusStart(system);
   papplSystemSetFooterHTML(system, "Kelvo ZPL printer application " "3.13.13");
+  kelvoWebLabelsStart(system);
   papplSystemSetSaveCallback(system, reinterpret_cast<pappl_save_cb_t>(papplSystemSaveState),
                              const_cast<char*>(strdup(state.c_str())));
   papplSystemLoadState(system, state.c_str());

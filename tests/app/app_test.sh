@@ -128,6 +128,9 @@ jobs_mode() {
 
   # Equivalence: the same 8-bit page through the app (PWG raster) and through
   # the filter (CUPS raster) with the matching PPD choices gives the same bytes.
+  # The halftone keywords name the kernel that the PPD word runs
+  # (jarvis-judice-ninke-diffusion is the PPD's Stucki); the old keywords
+  # (jarvis-judice-ninke) are still taken.
   # name printer media dpi ppd copies | app options | filter options
   local n=0 name printer media dpi ppd copies app_opts filter_opts
   while IFS='|' read -r name printer media dpi ppd copies app_opts filter_opts; do
@@ -147,8 +150,8 @@ jobs_mode() {
     fi
   done <<'EOF'
 plain203|label203|oe_4x6-label_4x6in|203|f203.ppd|1||Darkness=15
-stucki203|label203|oe_4x6-label_4x6in|203|f203.ppd|1|-o kelvo-halftone=stucki -o kelvo-brightness=20 -o print-darkness=20 -o print-speed=10160|HalftoneType=Stucki Brightness=20 Darkness=21 PrintSpeed=4
-copies203|label203|om_2x1-label_50.55x25.4mm|203|f203.ppd|3|-o kelvo-halftone=ordered -o kelvo-post-action=none|HalftoneType=Ordered Darkness=15 PostAction=None
+stucki203|label203|oe_4x6-label_4x6in|203|f203.ppd|1|-o kelvo-halftone=jarvis-judice-ninke-diffusion -o kelvo-brightness=20 -o print-darkness=20 -o print-speed=10160|HalftoneType=Stucki Brightness=20 Darkness=21 PrintSpeed=4
+copies203|label203|om_2x1-label_50.55x25.4mm|203|f203.ppd|3|-o kelvo-halftone=burkes-diffusion -o kelvo-post-action=none|HalftoneType=Ordered Darkness=15 PostAction=None
 mirror300|label300|oe_4x3-label_4x3in|300|f300.ppd|1|-o kelvo-mirror=true -o kelvo-negative=true -o kelvo-rotate-180=true -o kelvo-halftone=jarvis-judice-ninke -o print-darkness=-50 -o kelvo-post-action=partial-cut|MirrorImage=True NegativeImage=True Origin=Rotation180 PostAction=PartialCut HalftoneType=JarvisJudiceNinke Darkness=0
 tattoo|tattoo|iso_a4_210x297mm|300|ftat.ppd|1||Darkness=15
 tattoox8|tattoo|iso_a4_210x297mm|300|ftat.ppd|2|-o kelvo-halftone=tattoo-x8 -o kelvo-brightness=-30|HalftoneType=Tattoo_X8 Brightness=-30 Darkness=15
@@ -660,38 +663,48 @@ EOF
   [ "$after" -lt $((2 * before)) ] || fail "the server's memory grew from $before kB to $after kB"
 }
 
-# The stencil printer's default halftone changed in the web interface with
-# a real browser; the next job prints with it.
+# The Kelvo choices in words on the printing defaults pages (a label printer
+# whose default halftone was saved under its old keyword, and the stencil
+# printer), and the stencil printer's default halftone changed with a real
+# browser; the next job prints with it.
 web_mode() {
   if ! /usr/bin/python3 -c 'import selenium' 2>/dev/null || [ ! -x /usr/bin/chromium ] || [ ! -x /usr/bin/chromedriver ]; then
     echo "SKIP: needs the Debian packages chromium, chromium-driver and python3-selenium"
     exit 77
   fi
   local stencil=$SRC/samples/stencil.png result
+  add_printer label kelvo_300
   add_printer tattoo kelvo_tattoo
   add_printer tattooref kelvo_tattoo
+  # The screenshots stay in the build tree for a person to look at.
+  local shots=$BUILD/tests/app
+  rm -f "$shots"/web-defaults*.png
+  "$APP" modify -d label -o kelvo-halftone-default=stucki || fail "modify kelvo-halftone-default"
+  timeout 90 /usr/bin/python3 "$SRC/tests/app/web_defaults.py" "http://127.0.0.1:$PORT" label - \
+    "$shots/web-defaults-label.png" jarvis-judice-ninke-diffusion || fail "the label printer's page is not in words"
   cp "$stencil" "$W/before.png"
   result=$(run_job tattoo "$W/before.png")
   [ "${result%% *}" = completed ] || fail "job before: $result"
-  # The screenshot stays in the build tree for a person to look at.
-  local shot=$BUILD/tests/app/web-defaults.png
-  rm -f "$shot"
-  timeout 90 /usr/bin/python3 "$SRC/tests/app/web_defaults.py" "http://127.0.0.1:$PORT" tattoo stucki "$shot" ||
-    fail "the browser did not save the default"
-  [ -s "$shot" ] && echo "screenshot: $shot" || fail "no screenshot"
+  timeout 90 /usr/bin/python3 "$SRC/tests/app/web_defaults.py" "http://127.0.0.1:$PORT" tattoo \
+    jarvis-judice-ninke-diffusion "$shots/web-defaults.png" tattoo || fail "the browser did not save the default"
+  local shot
+  for shot in web-defaults-label.png web-defaults.png; do
+    [ -s "$shots/$shot" ] && echo "screenshot: $shots/$shot" || fail "no screenshot $shot"
+  done
   cp "$stencil" "$W/after.png"
   result=$(run_job tattoo "$W/after.png")
   [ "${result%% *}" = completed ] || fail "job after: $result"
-  # The same picture with the choice sent along: the same bytes.
+  # The same picture with the choice sent along under its old keyword: the
+  # same bytes.
   cp "$stencil" "$W/ref.png"
   result=$(run_job tattooref "$W/ref.png" -o kelvo-halftone=stucki)
   cmp -s "$W/out/tattoo/after.png.prn" "$W/out/tattooref/ref.png.prn" ||
-    fail "the job after the change is not printed with stucki"
+    fail "the job after the change is not printed with Jarvis, Judice and Ninke"
   local before after
   before=$(decode "$W/out/tattoo/before.png.prn")
   after=$(decode "$W/out/tattoo/after.png.prn")
   [ "${before#* }" != "${after#* }" ] || fail "the same dots before and after the change: $before"
-  echo "stencil printer, default halftone tattoo: $before; after the browser chose stucki: $after"
+  echo "stencil printer, default halftone tattoo: $before; after the browser chose Jarvis, Judice and Ninke: $after"
 }
 
 case $MODE in
