@@ -158,6 +158,8 @@ bool receiveJob(int fd, std::string& job, timespec& last, const std::string& sta
         scan = at + (hqes ? 5 : 3);
         const State& state = stateNamed(stateFile);
         const std::string& answer = hqes ? state.toHqes : state.toHs;
+        std::fprintf(stderr, "fakezplprinter: %s query after %zu bytes, %s\n", hqes ? "~HQES" : "~HS", at,
+                     answer.empty() ? "not answered" : state.delayMillis > 0 ? "answered late" : "answered");
         if (answer.empty()) continue;
         if (state.delayMillis > 0) {
           pending = answer;
@@ -227,6 +229,7 @@ int main(int argc, char** argv) {
     clock_gettime(CLOCK_REALTIME, &last);
     const bool whole = receiveJob(conn, job, last, stateFile);
     if (whole && onlyQueries(job)) {
+      std::fprintf(stderr, "fakezplprinter: a connection of status queries only\n");
       close(conn);
       continue;
     }
