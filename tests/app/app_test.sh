@@ -79,20 +79,23 @@ if [ "$MODE" = jobs ] || [ "$MODE" = ipptool ]; then
   add_printer tattoo kelvo_tattoo
 fi
 
-cat >"$W/wait.test" <<'EOF'
-{
-  NAME "Wait for the job to end"
-  OPERATION Get-Job-Attributes
-  GROUP operation-attributes-tag
-  ATTR charset attributes-charset utf-8
-  ATTR naturalLanguage attributes-natural-language en
-  ATTR uri printer-uri $uri
-  ATTR integer job-id $job_id
-  STATUS successful-ok
-  DISPLAY job-state
-  DISPLAY job-state-message
+# ipp_test <name> <operation> [line...]: writes $W/<name>.test, one request
+# of `operation` to the printer's URI with the operation attributes every
+# request carries, then the lines given (attributes, STATUS, EXPECT, ...).
+ipp_test() {
+  local name=$1 operation=$2 line
+  shift 2
+  {
+    printf '{\n  NAME "%s"\n  OPERATION %s\n  GROUP operation-attributes-tag\n' "$name" "$operation"
+    printf '  ATTR %s\n' 'charset attributes-charset utf-8' 'naturalLanguage attributes-natural-language en' \
+      'uri printer-uri $uri'
+    for line in "$@"; do printf '  %s\n' "$line"; done
+    printf '}\n'
+  } >"$W/$name.test"
 }
-EOF
+
+ipp_test wait Get-Job-Attributes 'ATTR integer job-id $job_id' 'STATUS successful-ok' 'DISPLAY job-state' \
+  'DISPLAY job-state-message'
 
 # printer file [submit options...] -> prints "<job-state> <message>" when the job has ended
 run_job() {
@@ -204,29 +207,10 @@ EOF
   # Label sizes and media tracking as a client's media-col gives them: the
   # page width (^PW), length (^LL) and tracking (^MN) the printer gets, a
   # custom size within the head among them.
-  cat >"$W/media-col.test" <<'EOF'
-{
-  NAME "Print-Job with media-col"
-  OPERATION Print-Job
-  GROUP operation-attributes-tag
-  ATTR charset attributes-charset utf-8
-  ATTR naturalLanguage attributes-natural-language en
-  ATTR uri printer-uri $uri
-  ATTR name requesting-user-name test
-  ATTR name job-name $name
-  ATTR mimeMediaType document-format image/png
-  GROUP job-attributes-tag
-  ATTR collection media-col {
-    MEMBER collection media-size {
-      MEMBER integer x-dimension $x
-      MEMBER integer y-dimension $y
-    }
-    MEMBER keyword media-tracking $tracking
-  }
-  FILE $filename
-  STATUS successful-ok
-}
-EOF
+  ipp_test media-col Print-Job 'ATTR name requesting-user-name test' 'ATTR name job-name $name' \
+    'ATTR mimeMediaType document-format image/png' 'GROUP job-attributes-tag' 'ATTR collection media-col {' \
+    '  MEMBER collection media-size {' '    MEMBER integer x-dimension $x' '    MEMBER integer y-dimension $y' '  }' \
+    '  MEMBER keyword media-tracking $tracking' '}' 'FILE $filename' 'STATUS successful-ok'
   local x y tracking want got m=0
   while IFS='|' read -r printer x y tracking want; do
     [ -z "$printer" ] && continue
@@ -250,8 +234,9 @@ EOF
 ipptool_mode() {
   local printer ppd file out speeds
   # "all" stands for the attributes libcups knows, which print-speed is not.
-  printf '{\nOPERATION Get-Printer-Attributes\nGROUP operation-attributes-tag\nATTR charset attributes-charset utf-8\nATTR naturalLanguage attributes-natural-language en\nATTR uri printer-uri $uri\nATTR keyword requested-attributes print-speed-supported\nSTATUS successful-ok\n}\n' >"$W/speed.test"
-  sed 's/print-speed-supported/media-size-supported/' "$W/speed.test" >"$W/media.test"
+  ipp_test speed Get-Printer-Attributes 'ATTR keyword requested-attributes print-speed-supported' \
+    'STATUS successful-ok'
+  ipp_test media Get-Printer-Attributes 'ATTR keyword requested-attributes media-size-supported' 'STATUS successful-ok'
   for printer in label203:kelvo203 label300:kelvo300 tattoo:kelvotat; do
     ppd=${printer#*:}
     printer=${printer%:*}
@@ -309,21 +294,10 @@ ipptool_mode() {
 
 # What the application reports of a printer: "<printer-state-reasons, sorted>
 # <printer-supply levels, comma separated>".
-cat >"$W/state.test" <<'EOF'
-{
-  NAME "Printer state"
-  OPERATION Get-Printer-Attributes
-  GROUP operation-attributes-tag
-  ATTR charset attributes-charset utf-8
-  ATTR naturalLanguage attributes-natural-language en
-  ATTR uri printer-uri $uri
-  ATTR keyword requested-attributes printer-state-reasons,printer-supply,printer-supply-description
-  STATUS successful-ok
-  EXPECT printer-supply SAME-COUNT-AS printer-supply-description
-  DISPLAY printer-state-reasons
-  DISPLAY printer-supply
-}
-EOF
+ipp_test state Get-Printer-Attributes \
+  'ATTR keyword requested-attributes printer-state-reasons,printer-supply,printer-supply-description' \
+  'STATUS successful-ok' 'EXPECT printer-supply SAME-COUNT-AS printer-supply-description' \
+  'DISPLAY printer-state-reasons' 'DISPLAY printer-supply'
 printer_state() {
   local out
   out=$(timeout 10 ipptool -tv "ipp://127.0.0.1:$PORT/ipp/print/$1" "$W/state.test" 2>&1)
@@ -374,27 +348,10 @@ status_mode() {
   e2e_start_printer label
   add_printer label kelvo_203 "socket://127.0.0.1:${E2E_PORT[label]}"
   # Thermal-transfer media: the ribbon is a supply as well.
-  cat >"$W/ribbon.test" <<'EOF'
-{
-  NAME "Thermal-transfer labels loaded"
-  OPERATION Set-Printer-Attributes
-  GROUP operation-attributes-tag
-  ATTR charset attributes-charset utf-8
-  ATTR naturalLanguage attributes-natural-language en
-  ATTR uri printer-uri $uri
-  GROUP printer-attributes-tag
-  ATTR collection media-col-ready {
-    MEMBER collection media-size {
-      MEMBER integer x-dimension 10160
-      MEMBER integer y-dimension 15240
-    }
-    MEMBER keyword media-source main-roll
-    MEMBER keyword media-type thermal-transfer
-    MEMBER keyword media-tracking gap
-  }
-  STATUS successful-ok
-}
-EOF
+  ipp_test ribbon Set-Printer-Attributes 'GROUP printer-attributes-tag' 'ATTR collection media-col-ready {' \
+    '  MEMBER collection media-size {' '    MEMBER integer x-dimension 10160' '    MEMBER integer y-dimension 15240' \
+    '  }' '  MEMBER keyword media-source main-roll' '  MEMBER keyword media-type thermal-transfer' \
+    '  MEMBER keyword media-tracking gap' '}' 'STATUS successful-ok'
   ipptool -t "ipp://127.0.0.1:$PORT/ipp/print/label" "$W/ribbon.test" >/dev/null || fail "media-col-ready"
 
   # Levels: 0 empty, 10 low, -3 some left, -2 unknown (labels, ribbon).
@@ -601,21 +558,8 @@ burst_mode() {
   [ "$1" = two ] && pb=burstb
   add_printer burst kelvo_203
   [ "$pb" = burst ] || add_printer "$pb" kelvo_203
-  cat >"$W/print.test" <<'EOF'
-{
-  NAME "Print a label"
-  OPERATION Print-Job
-  GROUP operation-attributes-tag
-  ATTR charset attributes-charset utf-8
-  ATTR naturalLanguage attributes-natural-language en
-  ATTR uri printer-uri $uri
-  ATTR name requesting-user-name burst
-  ATTR name job-name $name
-  ATTR mimeMediaType document-format image/png
-  FILE $filename
-  STATUS successful-ok
-}
-EOF
+  ipp_test print Print-Job 'ATTR name requesting-user-name burst' 'ATTR name job-name $name' \
+    'ATTR mimeMediaType document-format image/png' 'FILE $filename' 'STATUS successful-ok'
   # The first jobs warm the server up: its memory after them is the base.
   local i result
   for i in 1 2 3 4 5; do
