@@ -57,6 +57,20 @@ TEST(PrinterStatus, AnswersReadAsTheDocumentationSays) {
        PAPPL_PREASON_MEDIA_EMPTY | PAPPL_PREASON_MEDIA_LOW, 0, -3},
       {"media out, head open (lower case)", hqes("00000000", "0000000d", "00000000"), ZplAnswer::kHqes,
        PAPPL_PREASON_MEDIA_EMPTY | PAPPL_PREASON_COVER_OPEN | PAPPL_PREASON_OTHER, 0, -3},
+      // Hexadecimal in either case, every digit.
+      {"media out, cutter (9)", hqes("00000000", "00000009", "00000000"), ZplAnswer::kHqes,
+       PAPPL_PREASON_MEDIA_EMPTY | PAPPL_PREASON_OTHER, 0, -3},
+      {"all low bits (F)", hqes("00000000", "0001F0FF", "0000000F"), ZplAnswer::kHqes,
+       PAPPL_PREASON_MEDIA_EMPTY | PAPPL_PREASON_MARKER_SUPPLY_EMPTY | PAPPL_PREASON_COVER_OPEN | PAPPL_PREASON_OTHER |
+           PAPPL_PREASON_MEDIA_JAM | PAPPL_PREASON_OFFLINE | PAPPL_PREASON_MEDIA_LOW,
+       0, 0},
+      {"all low bits (f)", hqes("00000000", "0001f0ff", "0000000f"), ZplAnswer::kHqes,
+       PAPPL_PREASON_MEDIA_EMPTY | PAPPL_PREASON_MARKER_SUPPLY_EMPTY | PAPPL_PREASON_COVER_OPEN | PAPPL_PREASON_OTHER |
+           PAPPL_PREASON_MEDIA_JAM | PAPPL_PREASON_OFFLINE | PAPPL_PREASON_MEDIA_LOW,
+       0, 0},
+      {"g is no digit", hqes("00000000", "0000000g", "00000000"), ZplAnswer::kGarbage, kNone, -2, -2},
+      {"G is no digit", hqes("00000000", "0000000G", "00000000"), ZplAnswer::kGarbage, kNone, -2, -2},
+      {"nine digits, the last 0", hqes("00000000", "000000010", "00000000"), ZplAnswer::kGarbage, kNone, -2, -2},
       // Only the low group carries the bits read.
       {"high group only", hqes("00000001", "00000000", "00000000"), ZplAnswer::kHqes, kNone, -3, -3},
       {"hs ready", hs('0', '0', '0', '0', '0', '0', '0'), ZplAnswer::kHs, kNone, -3, -1},
