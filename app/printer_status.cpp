@@ -313,8 +313,8 @@ bool ribbonOf(pappl_printer_t* printer, const KelvoModel& model, const ZplStatus
 
 // Sets the printer's reasons and supplies from what it answered (or did
 // not), logging what changed; `asked` is false for the first report of a
-// printer not asked yet. PAPPL's setters take the printer's lock, and
-// PAPPL calls the status callback holding it, so they run outside gLock.
+// printer not asked yet. PAPPL's calls take the printer's and the system's
+// locks; none is made holding gLock, so the two orders cannot cross.
 void apply(pappl_printer_t* printer, Watch& watch, const ZplStatus& status, bool asked = true) {
   const KelvoModel* model = kelvoFindModel(papplPrinterGetDriverName(printer));
   if (model == nullptr) return;
