@@ -131,9 +131,9 @@ sleep 2
 
 hz=$(getconf CLK_TCK)
 median() { sort -n | awk '{v[NR] = $1} END {print v[int((NR + 1) / 2)]}'; }
-echo "| server | printer | wall per label, median (min-max) | labels over 1 s | server CPU per label | server CPU per label, whole run | status queries in jobs / alone | bytes to the printer | RSS idle | RSS peak |"
-echo "|---|---|---|---|---|---|---|---|---|---|"
-declare -A wall cpu whole
+echo "| server | printer | wall per label, median (min-max) | mean | labels over 1 s | server CPU per label | server CPU per label, whole run | status queries in jobs / alone | bytes to the printer | RSS idle | RSS peak |"
+echo "|---|---|---|---|---|---|---|---|---|---|---|"
+declare -A wall cpu whole mean
 for name in "${names[@]}"; do
   wall[$name]=$(cut -d' ' -f1 "$work/$name.txt" | median)
   cpu[$name]=$(awk -v hz="$hz" '{t += $2} END {printf "%.0f", t * 1000 / hz / NR}' "$work/$name.txt")
@@ -141,13 +141,14 @@ for name in "${names[@]}"; do
     -v n="$runs" 'BEGIN {printf "%.1f", (b - a) * 1000 / hz / n}')
   range=$(cut -d' ' -f1 "$work/$name.txt" | sort -n | sed -n '1p;$p' | paste -sd-)
   slow=$(awk '$1 > 1000' "$work/$name.txt" | wc -l)
+  mean[$name]=$(awk '{t += $1} END {printf "%.0f", t / NR}' "$work/$name.txt")
   # The fake printer logs each query, then how its connection ended.
   read -r injob alone < <(awk '/ query after / {q++} /status queries only/ {a += q; q = 0}
     / saved | ended early / {j += q; q = 0} END {print j + 0, a + q}' "$work/$name/fake.log")
   bytes=$(stat -c %s "$work/$name.label")
   peak=$(rss_kb "$(server_pid "${server[$name]}")" VmHWM)
   echo "| $([ "${kind[$name]}" = kelvo ] && echo kelvo-printer-app || echo "LPrint $(dpkg-query -W -f '${Version}' lprint)") |" \
-    "${name#*-} | ${wall[$name]} ms ($range) | $slow | ${cpu[$name]} ms | ${whole[$name]} ms | $injob / $alone |" \
+    "${name#*-} | ${wall[$name]} ms ($range) | ${mean[$name]} ms | $slow | ${cpu[$name]} ms | ${whole[$name]} ms | $injob / $alone |" \
     "$bytes | ${idle[$name]} kB | $peak kB |"
 done
 echo
@@ -160,7 +161,8 @@ done
 if [ "${#states[@]}" -gt 1 ]; then
   for name in kelvo lprint; do
     echo "$name: wall per label with the printer ${states[1]} minus ${states[0]}:" \
-      "$((${wall[$name-${states[1]}]} - ${wall[$name-${states[0]}]})) ms (medians)."
+      "$((${wall[$name-${states[1]}]} - ${wall[$name-${states[0]}]})) ms (medians)," \
+      "$((${mean[$name-${states[1]}]} - ${mean[$name-${states[0]}]})) ms (means)."
   done
 fi
 echo "CPU is in steps of $((1000 / hz)) ms per label, averaged."
