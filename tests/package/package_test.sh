@@ -283,7 +283,7 @@ start_app() {
   # The unit's private /tmp hides $T: the log is opened here.
   unshare --mount --propagation private -- bash "$0" --unit-exec "$UNIT" >>"$T/app.log" 2>&1 &
   APP_PID=$!
-  e2e_poll 20 running || e2e_die "the service did not start: $(tail -5 "$T/app.log")"
+  e2e_poll 20 running || e2e_die "the service did not start: $(grep -E "^(E \[|unit_exec|setpriv)" "$T/app.log" | tail -5)"
 }
 start_app
 "$APP" add -d label -m kelvo_203 -v "socket://127.0.0.1:${E2E_PORT[app]}" || fail "kelvo-printer-app add"
