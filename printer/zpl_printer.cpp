@@ -127,6 +127,7 @@ void ZplPrinter::sendGraphic(const std::vector<unsigned char>& packed, size_t ro
   printFormat("~DGR:CUPS.GRF,%u,%u,\n", static_cast<unsigned>(total), static_cast<unsigned>(rowBytes));
   const unsigned char* p = packed.data();
   prevRowAllDots_ = false;
+  prevRow_.clear();
   for (size_t r = 0; r < height; ++r, p += rowBytes) {
     if (isCancelled()) {
       abortDownload();
@@ -173,18 +174,28 @@ void ZplPrinter::abortDownload() {
 void ZplPrinter::ZPLPrintLine(const unsigned char* row, int n) {
   if (row == nullptr || n <= 0) return;
   const size_t len = static_cast<size_t>(n);
+  const bool standard = getDialect() == kDialectStandard;
 
-  // Only an all-dots row is ever sent as a repeat, and only when the row
-  // before it was all dots too: the repeat means "the previous row again".
-  // A row that merely equals a patterned predecessor is sent in full, as
-  // printers in the field have always been fed.
-  bool allDots = true;
-  for (size_t i = 0; i < len && allDots; ++i) allDots = row[i] == 0xFF;
-  const bool repeat = allDots && prevRowAllDots_;
-  prevRowAllDots_ = allDots;
-  if (repeat) {
-    printByte(':');
-    return;
+  if (standard) {
+    // Standard ZPL: ":" is the previous row again, whatever it holds.
+    if (prevRow_.size() == len && std::memcmp(prevRow_.data(), row, len) == 0) {
+      printByte(':');
+      return;
+    }
+    prevRow_.assign(row, row + len);
+  } else {
+    // The stencil printers' dialect sends only an all-dots row as a repeat,
+    // and only when the row before it was all dots too; a row that merely
+    // equals a patterned predecessor is sent in full, as printers in the
+    // field have always been fed.
+    bool allDots = true;
+    for (size_t i = 0; i < len && allDots; ++i) allDots = row[i] == 0xFF;
+    const bool repeat = allDots && prevRowAllDots_;
+    prevRowAllDots_ = allDots;
+    if (repeat) {
+      printByte(':');
+      return;
+    }
   }
 
   // The row's hex digits, high nibble first, as runs of equal digits. The
@@ -217,7 +228,11 @@ void ZplPrinter::ZPLPrintLine(const unsigned char* row, int n) {
     }
     ++i;
   }
-  if (current == 0) {
+  if (standard && (current == 0 || current == 0xF)) {
+    // Standard ZPL: "," fills the rest of the row with paper, "!" with dots,
+    // from any digit on.
+    text.push_back(current == 0 ? ',' : '!');
+  } else if (current == 0) {
     // An odd run of trailing zeros keeps one explicit "0" before the comma;
     // the printed bytes must stay as installed printers have always seen them.
     if (count % 2 != 0) {
