@@ -148,7 +148,10 @@ for ((i = 0; i < runs; i++)); do
   for name in kelvo lprint; do label_of "$name" >>"$work/$name.txt"; done
 done
 sleep 2
-for name in "${!perfpid[@]}"; do kill -INT "${perfpid[$name]}" && wait "${perfpid[$name]}" 2>/dev/null || true; done
+for name in "${!perfpid[@]}"; do
+  kill -INT "${perfpid[$name]}" 2>/dev/null || true
+  wait "${perfpid[$name]}" 2>/dev/null || true
+done
 
 hz=$(getconf CLK_TCK)
 median() { sort -n | awk '{v[NR] = $1} END {print v[int((NR + 1) / 2)]}'; }
