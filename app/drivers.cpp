@@ -48,6 +48,11 @@ const char* const kPostActions[][2] = {{"auto", nullptr},           {"tear-off",
                                        {"cut", "Cut"},              {"partial-cut", "PartialCut"},
                                        {"none", "None"}};
 const int kNumPostActions = sizeof kPostActions / sizeof kPostActions[0];
+// The graphic transfer, as the PPDs' GraphicEncoding offers it: hex (any
+// printer), the Z64 download, Z64 inline in the format (^GFA).
+const char* const kEncodings[] = {"hex", "z64", "inline-z64"};
+const GraphicEncoding kEncodingValues[] = {kEncodingHex, kEncodingZ64, kEncodingInlineZ64};
+const int kNumEncodings = sizeof kEncodings / sizeof kEncodings[0];
 
 // What the PPDs default to: barcodes and text on labels, the stencil chain
 // on the stencil printer.
@@ -213,6 +218,7 @@ bool kelvoDriverCallback(pappl_system_t* /*system*/, const char* driverName, con
   data->vendor[data->num_vendor++] = "kelvo-mirror";
   data->vendor[data->num_vendor++] = "kelvo-negative";
   data->vendor[data->num_vendor++] = "kelvo-rotate-180";
+  data->vendor[data->num_vendor++] = "kelvo-graphic-encoding";
   if (!model->stencil) {
     data->vendor[data->num_vendor++] = "kelvo-gap-height";
     data->vendor[data->num_vendor++] = "kelvo-post-action";
@@ -232,6 +238,10 @@ bool kelvoDriverCallback(pappl_system_t* /*system*/, const char* driverName, con
   // The PPDs' Orientation: the printer turns the label (^POI).
   ippAddBoolean(vendor, IPP_TAG_PRINTER, "kelvo-rotate-180-supported", 1);
   ippAddBoolean(vendor, IPP_TAG_PRINTER, "kelvo-rotate-180-default", 0);
+  ippAddStrings(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "kelvo-graphic-encoding-supported",
+                kNumEncodings, nullptr, kEncodings);
+  ippAddString(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "kelvo-graphic-encoding-default", nullptr,
+               kEncodings[0]);
   if (!model->stencil) {
     ippAddRange(vendor, IPP_TAG_PRINTER, "kelvo-gap-height-supported", 0, 10);
     ippAddInteger(vendor, IPP_TAG_PRINTER, IPP_TAG_INTEGER, "kelvo-gap-height-default", 3);
@@ -270,6 +280,9 @@ void kelvoSettingsFromOptions(const KelvoModel& model, const pappl_pr_options_t&
   kelvoStrCpy(settings->Occurrence, "EveryLabel", sizeof settings->Occurrence);
   settings->dialect = model.dialect;
   settings->encoding = kEncodingHex;
+  const char* encoding = vendorOption(options, "kelvo-graphic-encoding");
+  for (int i = 0; encoding != nullptr && i < kNumEncodings; ++i)
+    if (std::strcmp(encoding, kEncodings[i]) == 0) settings->encoding = kEncodingValues[i];
 
   kelvoStrCpy(settings->MediaMethod, !model.stencil && std::strcmp(options.media.type, "thermal-transfer") == 0
                                          ? "Transfer"

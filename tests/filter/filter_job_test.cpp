@@ -185,13 +185,13 @@ TEST(FilterJob, UnknownChoicesAreWarnedAbout) {
   EXPECT_FALSE(has(runJob(raster, "media=w288h432 job-uuid=x number-up=1", ppdPath("kelvo203.ppd")).err, "WARNING"));
 }
 
-// Every page starts its row compression afresh: an all-dots first row is
-// sent in full on every page, later all-dots rows as ":".
+// Every page starts its row compression afresh: the first row is sent in
+// full on every page ("!": all dots), the next one as a repeat.
 TEST(FilterJob, PagesAreEncodedIndependently) {
   const RawPage dots = page(16, 2, 203, 255);
   const JobResult job = runJob(rasterStream({dots, dots}), "", ppdPath("kelvo203.ppd"));
   ASSERT_EQ(job.status, 0) << job.err;
-  const std::string graphic = "^XA\r\n^PQ1\n~DGR:CUPS.GRF,4,2,\nJF:^FO0,0^XGR:CUPS.GRF,1,1^FS\n^XZ\r\n";
+  const std::string graphic = "^XA\r\n^PQ1\n~DGR:CUPS.GRF,4,2,\n!:^FO0,0^XGR:CUPS.GRF,1,1^FS\n^XZ\r\n";
   const size_t first = job.out.find(graphic);
   ASSERT_NE(first, std::string::npos) << job.out;
   EXPECT_NE(job.out.find(graphic, first + 1), std::string::npos);
@@ -306,7 +306,7 @@ TEST(FilterJob, SixArgumentsReadStandardInput) {
   const TempFile raster("stdin.ras", rasterStream({page(16, 4, 203, 255)}));
   const JobResult job = runFilter({"1", "u", "t", "1", ""}, ppdPath("kelvo203.ppd"), raster.path);
   EXPECT_EQ(job.status, 0) << job.err;
-  EXPECT_TRUE(has(job.out, "~DGR:CUPS.GRF,8,2,\nJF:::^FO")) << job.out;
+  EXPECT_TRUE(has(job.out, "~DGR:CUPS.GRF,8,2,\n!:::^FO")) << job.out;
 }
 
 // A blank page and a two-level line-art page would stall the stencil chain
