@@ -172,7 +172,9 @@ class GridShares {
   // mean offset, holds every known share within kGridSlack; of each run of
   // such steps, the one with the least squared error (runs apart are
   // different grids). Rows of one symbol mostly show the same known shares:
-  // the last few groups' fits are kept.
+  // the last 128 groups' fits are kept, more than the groups of one row of
+  // the widest shipped model's page (groups are at least 38 dots apart), so
+  // a page of repeated rows fits each group once.
   const std::vector<Grid>& fitsOf(const Group& g) {
     for (const Cached& c : cache_)
       if (c.group == g) return c.fits;
@@ -212,7 +214,7 @@ class GridShares {
     Group group;
     std::vector<Grid> fits;
   };
-  std::vector<Cached> cache_ = std::vector<Cached>(8);
+  std::vector<Cached> cache_ = std::vector<Cached>(128);
   size_t next_ = 0;
   Group group_;
 };
