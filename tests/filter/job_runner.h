@@ -304,9 +304,13 @@ inline JobResult runFilter(const std::vector<std::string>& args, const std::stri
     usleep(100 * 1000);
     kill(pid, SIGTERM);
   }
+  // A job that hangs is killed after two minutes and fails its test.
   int status = 0;
   struct rusage usage {};
-  wait4(pid, &status, 0, &usage);
+  for (int waited = 0; wait4(pid, &status, WNOHANG, &usage) == 0; ++waited) {
+    if (waited == 120000) kill(pid, SIGKILL);
+    usleep(1000);
+  }
   result.peakKb = usage.ru_maxrss;
   result.cpuSeconds = static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
                       static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
