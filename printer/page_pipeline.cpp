@@ -180,10 +180,17 @@ bool KelvoPrinter::PageProcess(DitherType type, const unsigned char* data, int s
   useJVDithering_ = halftoneType_ == Tattoo || halftoneType_ == Tattoo_X8;
   kelvoLogCommon(LogDebug, "PageProcess: JV dithering is %s", useJVDithering_ ? "enabled" : "disabled");
 
-  // A stencil page without transforms whose rows lie as the chain reads them
-  // goes to it straight from the raster: one page-sized copy fewer.
+  // A stencil page without transforms goes to the chain straight from the
+  // raster, its rows unpadded first where they are not: no page image.
   const bool transformed = brightness_ != 0 || contrast_ != 0 || rotate180Print_ || mirrorPrint_;
-  if (useJVDithering_ && !transformed && stride == width) return stencilPage(data, width, height);
+  if (useJVDithering_ && !transformed) {
+    if (stride == width) return stencilPage(data, width, height);
+    JVImage src(width, height, JV_IMG_GRAY);
+    for (int y = 0; y < height; ++y)
+      std::memcpy(src.data + static_cast<size_t>(y) * width, data + static_cast<size_t>(y) * stride,
+                  static_cast<size_t>(width));
+    return stencilPage(src.data, width, height);
+  }
   if (!workImage_.CreateFromArray(const_cast<unsigned char*>(data), width, height, 8, stride, false)) {
     kelvoLogCommon(LogCrit, "image.CreateFromArray with grey failed!");
     return false;
@@ -206,10 +213,13 @@ bool KelvoPrinter::PageProcess(DitherType type, const unsigned char* data, int s
   }
 
   if (useJVDithering_) {
-    // The chain takes the page without row padding.
+    // The chain takes the page without row padding. (A turn that ran out
+    // of memory leaves no image.)
+    if (!workImage_.IsValid()) return false;
     JVImage src(width, height, JV_IMG_GRAY);
     for (int y = 0; y < height; ++y)
       std::memcpy(src.data + static_cast<size_t>(y) * width, workImage_.GetBits(y), static_cast<size_t>(width));
+    workImage_.Destroy();  // the chain needs only its own copy
     return stencilPage(src.data, width, height);
   }
   {
