@@ -129,7 +129,7 @@ TEST(WholeJobs, HostileAndBrokenInput) {
       {"missing PPD", good, "", "/nonexistent/kelvo.ppd", {1, -1, noPageSize}},
       {"empty PPD", good, "", empty.path, {1, -1, noPageSize}},
       {"PPD is a directory", good, "", testing::TempDir(), {1, -1, noPageSize}},
-      {"not a PPD", good, "", binary.path, {1, -1, noPageSize}},
+      {"not a PPD", good, "", binary.path, {1, -1, "ERROR:The PPD file " + binary.path + " is not valid: "}},
       {"PPD header only", good, "", headerOnly.path, {1, -1, noPageSize}},
       {"a 1 MiB PPD line", good, "", longLine.path, {1, -1, noPageSize}},
       {"a choice word of 41 characters", good, "", longWord.path, {1, -1, noPageSize}},
@@ -166,9 +166,10 @@ const char* const kHalftones[] = {"None",   "FloydSteinberg", "Ordered", "Burkes
                                   "Sierra", "StevensonArce",  "Tattoo",  "Tattoo_X8", "BarcodeText"};
 
 // The page's header alone: a page refused at its header is never read.
-std::string headerOnly(unsigned width, unsigned height, unsigned dpi) {
+std::string headerOnly(unsigned width, unsigned height, unsigned dpi, unsigned bytesPerLine) {
   RawPage p = page(width, 0, dpi);
   p.h.cupsHeight = height;
+  p.h.cupsBytesPerLine = std::max(width, bytesPerLine);
   return rasterStream({p});
 }
 
@@ -197,6 +198,7 @@ TEST(PageLimits, HostilePagesAreRefusedOrPrintedWithinTheirCost) {
     Content content;
     std::string refusal;  // empty: the page prints
     std::string options = "";
+    unsigned bytesPerLine = 0;  // 0: the width
   };
   const Row rows[] = {
       {label, 858, 16, 203, Content::Gray, ""},
@@ -222,10 +224,11 @@ TEST(PageLimits, HostilePagesAreRefusedOrPrintedWithinTheirCost) {
       {wide.path, 32001, 16, 203, Content::Gray, "wider than the 32000 dots this printer prints (157.64 inches"},
       {wide.path, 16, 32001, 203, Content::Gray, "longer than the 32000 dots"},
       {wide.path, 812, 1300000, 203, Content::Gray, "ERROR:Page 1 is 812 x 1300000 dots, longer than the 32000 dots"},
-      {wide.path, 32000, 4194, 203, Content::Blank, ""},  // 128 MiB less 9728 bytes
-      {wide.path, 32000, 4195, 203, Content::Blank,
-       "ERROR:Page 1 is 32000 x 4195 dots in 134240000 bytes of raster, more than the 134217728 bytes (128 MiB) of "
-       "memory a page may take\n"},
+      // 128 MiB to the byte, and a row more (rows padded to 32768 bytes).
+      {wide.path, 32000, 4096, 203, Content::Blank, "", "", 32768},
+      {wide.path, 32000, 4097, 203, Content::Blank,
+       "ERROR:Page 1 is 32000 x 4097 dots in 134250496 bytes of raster, more than the 134217728 bytes (128 MiB) of "
+       "memory a page may take\n", "", 32768},
   };
 #ifdef KELVO_SANITIZED
   // Freed blocks are held back a while to catch their use, and every step
@@ -237,12 +240,13 @@ TEST(PageLimits, HostilePagesAreRefusedOrPrintedWithinTheirCost) {
   const TempFile input("limits.ras", "");
   for (const Row& row : rows) {
     const bool refused = !row.refusal.empty();
-    const double pageKb = static_cast<double>(row.width) * row.height / 1024;
+    const double pageKb = static_cast<double>(std::max(row.width, row.bytesPerLine)) * row.height / 1024;
     off_t inputBytes = 0;
     if (refused) {
-      std::ofstream(input.path, std::ios::binary | std::ios::trunc) << headerOnly(row.width, row.height, row.dpi);
+      std::ofstream(input.path, std::ios::binary | std::ios::trunc)
+          << headerOnly(row.width, row.height, row.dpi, row.bytesPerLine);
     } else {
-      inputBytes = writeCompressedPage(input.path, row.width, row.height, row.dpi, row.content);
+      inputBytes = writeCompressedPage(input.path, row.width, row.height, row.dpi, row.content, 1, row.bytesPerLine);
     }
     const TempFile tiny("tiny.ras", rasterStream({noisePage(16, 4, row.dpi)}));
     for (const char* halftone : kHalftones) {
@@ -287,7 +291,7 @@ TEST(PageLimits, MemoryThatRunsOutEndsTheJobWithAnError) {
   large.largestPt = 100000;
   const TempFile wide("wide.ppd", shippedPpd("kelvo203.ppd", large));
   const TempFile input("cap.ras", "");
-  writeCompressedPage(input.path, 32000, 4194, 203, Content::Blank);
+  writeCompressedPage(input.path, 32000, 4096, 203, Content::Blank, 1, 32768);
   for (const rlim_t mib : {96, 144, 240, 288}) {
     const MemoryLimit limit(mib << 20);
     for (const char* halftone : kHalftones) {

@@ -18,6 +18,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <vector>
@@ -119,22 +120,24 @@ inline void contentRow(Content content, unsigned y, unsigned width, unsigned cha
   }
 }
 
-// Writes a compressed raster stream of `pages` pages to `path`; its size in
+// Writes a compressed raster stream of `pages` pages to `path`, rows of
+// `bytesPerLine` bytes (0: the width; the padding is blank); its size in
 // bytes.
 inline off_t writeCompressedPage(const std::string& path, unsigned width, unsigned height, unsigned dpi,
-                                 Content content, unsigned pages = 1) {
+                                 Content content, unsigned pages = 1, unsigned bytesPerLine = 0) {
   const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
   EXPECT_GE(fd, 0) << path;
   cups_raster_t* writer = cupsRasterOpen(fd, CUPS_RASTER_WRITE_COMPRESSED);
   cups_page_header2_t h = page(width, 0, dpi).h;
   h.cupsHeight = height;
-  std::vector<unsigned char> row(width);
+  h.cupsBytesPerLine = std::max(width, bytesPerLine);
+  std::vector<unsigned char> row(h.cupsBytesPerLine);
   uint32_t seed = 1;
   for (unsigned n = 0; n < pages; ++n) {
     EXPECT_TRUE(cupsRasterWriteHeader2(writer, &h));
     for (unsigned y = 0; y < height; ++y) {
       contentRow(content, y, width, row.data(), seed);
-      cupsRasterWritePixels(writer, row.data(), width);
+      cupsRasterWritePixels(writer, row.data(), h.cupsBytesPerLine);
     }
   }
   cupsRasterClose(writer);
