@@ -108,7 +108,9 @@ class KelvoPrinter {
   int printFormat(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
   // --- page pipeline ---
-  void printImage(const unsigned char* data, unsigned long bytesPerLine, unsigned long height, unsigned long width);
+  // False when the page could not be processed (memory ran out): nothing
+  // of it was sent, and an error line says so.
+  bool printImage(const unsigned char* data, unsigned long bytesPerLine, unsigned long height, unsigned long width);
   // Writes one debug picture into the debug folder, named after `kind`.
   void saveImage(const unsigned char* data, unsigned long bytesPerLine, unsigned long height, unsigned long width,
                  unsigned short bitsPerPixel, const char* kind);
