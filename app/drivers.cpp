@@ -110,6 +110,13 @@ const KelvoWord kPostActions[] = {
     {"partial-cut", "Partial cut", "PartialCut"}, {"none", "Printer setting", "None"},
 };
 
+// The graphic transfer, as the PPDs' GraphicEncoding offers it.
+const KelvoWord kEncodings[] = {
+    {"hex", "ASCII hex (any printer)", "Hex"},
+    {"z64", "Compressed Z64 (fewest bytes)", "Z64"},
+    {"inline-z64", "Compressed Z64 in the label format (^GFA)", "InlineZ64"},
+};
+
 #define KELVO_WORDS(words) words, static_cast<int>(sizeof words / sizeof words[0])
 // The Kelvo choices, in the order the web interface shows them. Defaults:
 // the PPDs'; the halftone is barcodes and text on labels, the stencil chain
@@ -122,6 +129,8 @@ const KelvoChoice kChoices[] = {
     {"kelvo-negative", "Negative image", KelvoChoice::kBoolean, nullptr, 0, 0, 0, "false", "false"},
     // The PPDs' Orientation: the printer turns the label (^POI).
     {"kelvo-rotate-180", "Rotate 180 degrees", KelvoChoice::kBoolean, nullptr, 0, 0, 0, "false", "false"},
+    {"kelvo-graphic-encoding", "Graphic transfer", KelvoChoice::kKeyword, KELVO_WORDS(kEncodings), 0, 0, "hex",
+     "hex"},
     {"kelvo-gap-height", "Gap between labels (mm)", KelvoChoice::kRange, nullptr, 0, 0, 10, "3", nullptr},
     {"kelvo-post-action", "After printing", KelvoChoice::kKeyword, KELVO_WORDS(kPostActions), 0, 0, "auto",
      nullptr},
@@ -186,6 +195,8 @@ void sizeMedia(KelvoMedia& media, const PpdSize& size, int dpi) {
   media.text = size.text;
   media.widthDots = dotsOf(size.widthPt, dpi) / 4 * 4;
   media.heightDots = dotsOf(size.heightPt, dpi);
+  media.widthPt = media.widthDots * 72.0 / dpi;
+  media.heightPt = media.heightDots * 72.0 / dpi;
 }
 
 // The PWG name clients see for a size. The standard name when PAPPL makes
@@ -403,6 +414,12 @@ void kelvoSettingsFromOptions(const KelvoModel& model, const pappl_pr_options_t&
   kelvoStrCpy(settings->Occurrence, "EveryLabel", sizeof settings->Occurrence);
   settings->dialect = model.dialect;
   settings->encoding = kEncodingHex;
+  // As the filter reads the PPD's word.
+  if (const char* word = ppdWordOf(choiceNamed("kelvo-graphic-encoding"),
+                                   vendorOption(options, "kelvo-graphic-encoding")))
+    settings->encoding = std::strcmp(word, "Z64") == 0         ? kEncodingZ64
+                         : std::strcmp(word, "InlineZ64") == 0 ? kEncodingInlineZ64
+                                                               : kEncodingHex;
 
   kelvoStrCpy(settings->MediaMethod, !model.stencil && std::strcmp(options.media.type, "thermal-transfer") == 0
                                          ? "Transfer"

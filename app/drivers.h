@@ -7,13 +7,15 @@
 #include "printer/job_settings.h"
 
 // One label or sheet size: the PPD's word for it and its words ("4 x 6
-// in"), and, filled in at start-up, its size in dots at the model's
-// resolution and the PWG name clients see.
+// in"), and, filled in at start-up, its size as printed at the model's
+// resolution, in dots and in points, and the PWG name clients see.
 struct KelvoMedia {
   const char* ppdName;
   const char* text;
   int widthDots;
   int heightDots;
+  double widthPt;
+  double heightPt;
   char pwgName[64];
 };
 

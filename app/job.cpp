@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -24,10 +25,18 @@
 
 namespace {
 
-// Widest page a model's head prints: 4.09 inches for the label printers,
-// 8.5 inches for the stencil printer.
-unsigned maxWidthDots(const KelvoModel& model) {
-  return static_cast<unsigned>(model.dpi * (model.stencil ? 8.5 : 4.09));
+// What a model prints, for the page limits the filter applies too: its
+// widest size; a label as long as a label printer takes, a stencil as long
+// as its longest sheet.
+KelvoPrintableArea printableArea(const KelvoModel& model) {
+  KelvoPrintableArea area;
+  area.dpi = static_cast<unsigned>(model.dpi);
+  area.longestPt = model.stencil ? 0 : kKelvoLongestLabelPt;
+  for (int i = 0; i < model.numMedia; ++i) {
+    area.widestPt = std::max(area.widestPt, static_cast<double>(model.media[i].widthPt));
+    if (model.stencil) area.longestPt = std::max(area.longestPt, static_cast<double>(model.media[i].heightPt));
+  }
+  return area;
 }
 
 // One job in progress: its own engine, settings and page buffer.
@@ -149,15 +158,9 @@ bool kelvoStartPage(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_
   cups_page_header2_t& header = state->header;
   if (header.cupsBitsPerPixel != 8)
     return fail(job, "The page is not 8-bit grey; the printer application asked for 8-bit pages");
+  const std::string refusal = kelvoPageRefusal(printableArea(*state->model), header, page);
+  if (!refusal.empty()) return fail(job, refusal.c_str());
   const unsigned long long bytes = static_cast<unsigned long long>(header.cupsBytesPerLine) * header.cupsHeight;
-  if (header.cupsWidth == 0 || header.cupsHeight == 0 || header.cupsWidth > header.cupsBytesPerLine ||
-      header.HWResolution[0] == 0 || header.HWResolution[1] == 0)
-    return fail(job, "The page has no pixels or an inconsistent size");
-  if (header.cupsWidth > maxWidthDots(*state->model) || bytes > kKelvoMaxPageBytes) {
-    papplJobSetMessage(job, "Page %u is %u x %u dots; this printer prints at most %u dots wide", page,
-                       header.cupsWidth, header.cupsHeight, maxWidthDots(*state->model));
-    return false;
-  }
   state->invert = header.cupsColorSpace != CUPS_CSPACE_K;
   header.NumCopies = state->copies;
   kelvoStrCpy(header.cupsPageSizeName, ppdSizeName(*state->model, options->media.size_name),

@@ -261,18 +261,19 @@ void BM_GrayToMono(benchmark::State& state) {
 BENCHMARK(BM_GrayToMono)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
 // The whole graphic: packing plus the row encoder through the print
-// primitives, to /dev/null.
+// primitives, to /dev/null; second argument 0 the Kelvo dialect, 1 Standard.
 void BM_ZplGraphic(benchmark::State& state) {
   const InkPage& page = pageFor(static_cast<int>(state.range(0)));
   const std::vector<unsigned char> src = halftoned(page);
   BenchPrinter printer;
+  printer.setDialect(state.range(1) != 0 ? kDialectStandard : kDialectKelvo);
   cups_page_header2_t header{};
   header.NumCopies = 1;
   printer.setPageHeader(&header);
   for (auto _ : state) printer.doPrintImage(src.data(), page.width, page.height, page.width);
   perPixel(state, page);
 }
-BENCHMARK(BM_ZplGraphic)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ZplGraphic)->ArgsProduct({{0, 1}, {0, 1}})->Unit(benchmark::kMillisecond);
 
 void BM_SaveImage(benchmark::State& state) {
   const InkPage& page = pageFor(static_cast<int>(state.range(0)));

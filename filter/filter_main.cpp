@@ -15,8 +15,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
 
+#include "filter/ppd_helpers.h"
 #include "filter/settings.h"
 #include "printer/label_setup.h"
 #include "printer/zpl_printer.h"
@@ -35,34 +37,6 @@
 namespace {
 
 const char sVersion[] = "3.13.13";
-
-// Refuses pages the pipeline cannot hold safely; valid jobs never hit this.
-bool pageFits(const cups_page_header2_t& header) {
-  const unsigned long long bytes =
-      static_cast<unsigned long long>(header.cupsBytesPerLine) * static_cast<unsigned long long>(header.cupsHeight);
-  if (bytes > 0xFFFFFFFFULL || bytes > kKelvoMaxPageBytes) {
-    kelvoLogCommon(LogError, "Page of %u x %u pixels (%llu bytes) is larger than the %llu bytes this filter accepts",
-                   header.cupsWidth, header.cupsHeight, bytes, kKelvoMaxPageBytes);
-    return false;
-  }
-  // A page without pixels has nothing to print; the pipeline would fail on
-  // it and could send the previous page's picture again.
-  if (header.cupsWidth == 0) {
-    kelvoLogCommon(LogError, "Page header is inconsistent: %u bytes per line but no pixels", header.cupsBytesPerLine);
-    return false;
-  }
-  if (header.cupsWidth > header.cupsBytesPerLine) {
-    kelvoLogCommon(LogError, "Page header is inconsistent: %u pixels per line but only %u bytes per line",
-                   header.cupsWidth, header.cupsBytesPerLine);
-    return false;
-  }
-  if (header.HWResolution[0] == 0 || header.HWResolution[1] == 0) {
-    kelvoLogCommon(LogError, "Page header has no resolution (%u x %u dpi)", header.HWResolution[0],
-                   header.HWResolution[1]);
-    return false;
-  }
-  return true;
-}
 
 // Set when the spooler cancels the job (SIGTERM). The filter runs one job per
 // process, so the flag lives here; the printer is handed a pointer to it.
@@ -241,8 +215,8 @@ struct RasterSource {
 };
 
 // Reads and prints pages until the stream ends; returns the exit status.
-int pageLoop(cups_raster_t* raster, RasterSource& source, Settings& settings, KelvoPrinter& printer,
-             unsigned char*& buffer) {
+int pageLoop(cups_raster_t* raster, RasterSource& source, Settings& settings, const KelvoPrintableArea& area,
+             KelvoPrinter& printer, unsigned char*& buffer) {
   size_t bufferBytes = 0;
   cups_page_header2_t header;
   int pageCount = 0;
@@ -267,14 +241,24 @@ int pageLoop(cups_raster_t* raster, RasterSource& source, Settings& settings, Ke
     // An empty page ends the whole job successfully: the spooler sends one
     // after the last real page on some printers.
     if (header.cupsHeight == 0 || header.cupsBytesPerLine == 0) return 0;
-    if (!pageFits(header)) return 1;
+    // A page the printer could not print is refused before anything is
+    // allocated for it: its cost would be for nobody.
+    const std::string refusal = kelvoPageRefusal(area, header, static_cast<unsigned>(pageCount) + 1);
+    if (!refusal.empty()) {
+      kelvoLogCommon(LogError, "%s", refusal.c_str());
+      return 1;
+    }
     const unsigned int pageBytes = header.cupsBytesPerLine * header.cupsHeight;
 
     if (pageBytes > bufferBytes) {  // the old contents are not needed
       std::free(buffer);
       buffer = static_cast<unsigned char*>(kelvoPageBuffer(pageBytes));
       bufferBytes = buffer != nullptr ? pageBytes : 0;
-      if (buffer == nullptr) return 1;
+      if (buffer == nullptr) {
+        kelvoLogCommon(LogError, "Page %d: out of memory for its %u bytes of raster; the job stops here",
+                       pageCount + 1, pageBytes);
+        return 1;
+      }
     }
 
     // From here on the raster's own size is the page size of the job.
@@ -299,7 +283,10 @@ int pageLoop(cups_raster_t* raster, RasterSource& source, Settings& settings, Ke
     source.markPageEnd();
     if (whole && !sJobCancelled) {
       printer.startPage();
-      printer.printImage(buffer, header.cupsBytesPerLine, header.cupsHeight, header.cupsWidth);
+      if (!printer.printImage(buffer, header.cupsBytesPerLine, header.cupsHeight, header.cupsWidth)) {
+        kelvoLogCommon(LogError, "Page %d: out of memory while processing it; the job stops here", pageCount);
+        return 1;
+      }
     }
     // Stop at the first page the printer could not receive; the rest would
     // be rendered for nobody.
@@ -319,17 +306,10 @@ void explainMissingPageSize(const Settings& settings) {
                              "filter through CUPS, or set PPD=/path/to/printer.ppd)");
     return;
   }
-  errno = 0;
-  ppd_file_t* ppd = ppdOpenFile(path);
+  std::string why;
+  ppd_file_t* ppd = kelvoPpdOpenFile(path, &why);
   if (ppd == nullptr) {
-    int line = 0;
-    const ppd_status_t status = ppdLastError(&line);
-    const int savedErrno = errno;
-    if (status == PPD_FILE_OPEN_ERROR)
-      kelvoLogCommon(LogError, "Unable to read the PPD file %s: %s", path,
-                     savedErrno != 0 ? std::strerror(savedErrno) : ppdErrorString(status));
-    else
-      kelvoLogCommon(LogError, "The PPD file %s is not valid: %s on line %d", path, ppdErrorString(status), line);
+    kelvoLogCommon(LogError, "%s", why.c_str());
     return;
   }
   ppdClose(ppd);
@@ -425,9 +405,7 @@ class Recording {
   bool failed_ = false;
 };
 
-}  // namespace
-
-int kelvoFilterMain(int argc, char** argv) {
+int filterMain(int argc, char** argv) {
   const char* program = argc > 0 && argv[0] != nullptr ? argv[0] : "rastertokelvozpl";
   const char* jobId = argc > 1 && argv[1] != nullptr ? argv[1] : "";
   const char* options = argc > 5 ? argv[5] : nullptr;
@@ -449,10 +427,11 @@ int kelvoFilterMain(int argc, char** argv) {
 
   int fd = 0;
   if (rasterPath != nullptr) {
-    fd = open(rasterPath, O_RDONLY);
+    std::string why;
+    fd = kelvoOpenRegularFile(rasterPath, &why);
     if (fd == -1) {
       // The first words are what support staff search the logs for.
-      std::fprintf(stderr, "ERROR: Unable to open raster file - %s: %s\n", rasterPath, std::strerror(errno));
+      std::fprintf(stderr, "ERROR: Unable to open raster file - %s: %s\n", rasterPath, why.c_str());
       return 1;
     }
   }
@@ -467,7 +446,8 @@ int kelvoFilterMain(int argc, char** argv) {
   RasterSource source;
   source.fd = fd;
 
-  parseSettings(&settings, options);
+  KelvoPrintableArea area;
+  parseSettings(&settings, options, &area);
   printer->setCancelFlag(&sJobCancelled);
   printer->setDialect(settings.dialect);
   printer->setGraphicEncoding(settings.encoding);
@@ -494,7 +474,12 @@ int kelvoFilterMain(int argc, char** argv) {
     // Line feeds wake the printer and flush anything left in its parser.
     for (int i = 0; i < 64; ++i) printer->printByte('\n');
     raster = cupsRasterOpenIO(RasterSource::read, &source, CUPS_RASTER_READ);
-    status = raster != nullptr ? pageLoop(raster, source, settings, *printer, buffer) : 0;
+    try {
+      status = raster != nullptr ? pageLoop(raster, source, settings, area, *printer, buffer) : 0;
+    } catch (const std::bad_alloc&) {
+      kelvoLogCommon(LogError, "A page could not be printed: out of memory; the job stops here");
+      status = 1;
+    }
   }
 
   std::free(buffer);
@@ -506,4 +491,18 @@ int kelvoFilterMain(int argc, char** argv) {
     kelvoLogCommon(LogWarning, "Recording file %s is incomplete", settings.outputFile);
   if (fd != 0) close(fd);
   return status;
+}
+
+}  // namespace
+
+int kelvoFilterMain(int argc, char** argv) {
+  // Memory that runs out anywhere ends the job with an error line rather
+  // than an abort the spooler would only see as a crash. (The page loop
+  // catches its own, to clean up as usual.)
+  try {
+    return filterMain(argc, argv);
+  } catch (const std::bad_alloc&) {
+    kelvoLogCommon(LogError, "The job ran out of memory; it stops here");
+    return 1;
+  }
 }

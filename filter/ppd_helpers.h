@@ -5,6 +5,10 @@
 // the PPD is closed. A null PPD gives the default everywhere.
 #include <cups/ppd.h>
 
+#include <string>
+
+#include "printer/page_limits.h"
+
 extern "C" {
 
 // The marked choice of `keyword`, else the option's declared default choice;
@@ -29,3 +33,14 @@ const char* kelvoPpdGetAttrAsStrDefault(ppd_file_t* ppd, const char* name, const
 double kelvoPpdGetAttrAsFloatDefault(ppd_file_t* ppd, const char* name, const char* spec, double def);
 
 }
+
+// Opens the PPD at `path` and reads it; null when that fails, with the
+// reason in `why` (may be null). Only a regular file is read, and opening
+// never waits: a FIFO or a device named as the PPD would block the job or
+// never end, so it is refused before anything reads from it.
+ppd_file_t* kelvoPpdOpenFile(const char* path, std::string* why);
+
+// What the PPD's model prints: the widest and longest of its page sizes and
+// of its custom size range (*MaxMediaWidth, *MaxMediaHeight), and the finest
+// of its resolutions. A job's own custom size is not among them.
+KelvoPrintableArea kelvoPpdPrintableArea(ppd_file_t* ppd);

@@ -93,15 +93,19 @@ void warnUnusedOptions(ppd_file_t* ppd, int count, cups_option_t* list) {
   }
 }
 
-// A job may switch recording on only where the PPD allows it: a recording is
-// a copy of somebody's print. A PPD that does not say keeps the old rule.
-void applyRecordingRule(ppd_file_t* ppd, int& count, cups_option_t*& list) {
-  if (cupsGetOption("RecordPrinterCommands", count, list) == nullptr) return;
+// A job may switch recording or debug pictures on only where the PPD allows
+// it: both are copies of somebody's print, left in a folder of the spooler,
+// and they cost disk. One attribute rules both, so that a queue set up with
+// it says no to either. A PPD that does not say keeps the old rule.
+void applyDiagnosticsRule(ppd_file_t* ppd, int& count, cups_option_t*& list) {
   const char* allow = kelvoPpdGetAttrAsStrDefault(ppd, "kelvoAllowJobRecording", nullptr, nullptr);
   if (allow == nullptr || strcasecmp(allow, "true") == 0 || strcasecmp(allow, "yes") == 0) return;
-  kelvoLogCommon(LogWarning, "Option RecordPrinterCommands is set by the printer's administrator, not by a job; "
-                             "the job option is ignored");
-  count = cupsRemoveOption("RecordPrinterCommands", count, &list);
+  for (const char* name : {"RecordPrinterCommands", "DebugImages"}) {
+    if (cupsGetOption(name, count, list) == nullptr) continue;
+    kelvoLogCommon(LogWarning, "Option %s is set by the printer's administrator, not by a job; the job option is "
+                               "ignored", name);
+    count = cupsRemoveOption(name, count, &list);
+  }
 }
 
 }  // namespace
@@ -123,17 +127,17 @@ void getPageWidthPageHeight(ppd_file_t* ppd, Settings* settings) {
   kelvoLogCommon(LogDebug, "Set page size: width %f mm, height %f mm", settings->pageWidth, settings->pageHeight);
 }
 
-void parseSettings(Settings* settings, const char* options) {
+void parseSettings(Settings* settings, const char* options, KelvoPrintableArea* area) {
   if (settings == nullptr) return;
   const char* ppdPath = std::getenv("PPD");
-  ppd_file_t* ppd = ppdPath != nullptr ? ppdOpenFile(ppdPath) : nullptr;
+  ppd_file_t* ppd = ppdPath != nullptr ? kelvoPpdOpenFile(ppdPath, nullptr) : nullptr;
   if (ppd != nullptr) {
     ppdMarkDefaults(ppd);
     // Job options override the PPD defaults.
     cups_option_t* list = nullptr;
     int count = cupsParseOptions(options, 0, &list);
     if (count > 0 && list != nullptr) {
-      applyRecordingRule(ppd, count, list);
+      applyDiagnosticsRule(ppd, count, list);
       warnUnusedOptions(ppd, count, list);
       cupsMarkOptions(ppd, count, list);
     }
@@ -197,5 +201,6 @@ void parseSettings(Settings* settings, const char* options) {
   kelvoLogCommon(LogDebug, "settings->pageWidth:%f", settings->pageWidth);
   kelvoLogCommon(LogDebug, "settings->pageHeight:%f", settings->pageHeight);
 
+  if (area != nullptr) *area = kelvoPpdPrintableArea(ppd);
   if (ppd != nullptr) ppdClose(ppd);
 }

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "filter/filter_main.h"
+#include "filter/ppd_helpers.h"
 #include "fuzz_util.h"
 #include "printer/zpl_printer.h"
 #include "tools/zpl_decode.h"
@@ -35,6 +36,7 @@ struct Page {
 kfuzz::MemFile* gRaster;
 kfuzz::MemFile* gOutput;
 kfuzz::MemFile* gPpd[3];
+KelvoPrintableArea gArea[4];  // what each PPD's model prints; none without a PPD
 
 // The shipped PPD with its recording folder moved to one that does not
 // exist: a job option can switch recording on, and a fuzzer must not leave
@@ -52,7 +54,7 @@ std::string shippedPpd(const char* name) {
 // What the filter should print, read with libcups alone: the pages before
 // the first one that ends the job, that arrive in full. False when the
 // pages are too large to fuzz quickly.
-bool expectedPages(std::vector<Page>& pages) {
+bool expectedPages(const KelvoPrintableArea& area, std::vector<Page>& pages) {
   const int fd = open(gRaster->path.c_str(), O_RDONLY);
   if (fd < 0) kfuzz::fail("cannot reopen the raster");
   cups_raster_t* raster = cupsRasterOpen(fd, CUPS_RASTER_READ);
@@ -64,9 +66,7 @@ bool expectedPages(std::vector<Page>& pages) {
     if (h.cupsBitsPerPixel != 8 || h.cupsHeight == 0 || h.cupsBytesPerLine == 0) break;
     const unsigned long long bytes = 1ULL * h.cupsBytesPerLine * h.cupsHeight;
     // Refused by the filter: it stops there.
-    if (bytes > kKelvoMaxPageBytes || h.cupsWidth == 0 || h.cupsWidth > h.cupsBytesPerLine ||
-        h.HWResolution[0] == 0 || h.HWResolution[1] == 0)
-      break;
+    if (!kelvoPageRefusal(area, h, static_cast<unsigned>(pages.size()) + 1).empty()) break;
     if (bytes > budget || h.cupsWidth > kWidestPage) {
       fits = false;
       break;
@@ -91,6 +91,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   for (int i = 0; i < 3; ++i) {
     gPpd[i] = new kfuzz::MemFile(names[i]);
     gPpd[i]->set(shippedPpd(names[i]));
+    ppd_file_t* ppd = kelvoPpdOpenFile(gPpd[i]->path.c_str(), nullptr);
+    if (ppd == nullptr) kfuzz::fail("shipped PPD %s does not open", names[i]);
+    gArea[i] = kelvoPpdPrintableArea(ppd);
+    ppdClose(ppd);
   }
   // The printer's stream is standard output.
   std::fflush(stdout);
@@ -109,7 +113,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   gRaster->set(std::string(reinterpret_cast<const char*>(raster), static_cast<size_t>(end - raster)));
 
   std::vector<Page> pages;
-  if (!expectedPages(pages)) return -1;
+  if (!expectedPages(gArea[ppdChoice], pages)) return -1;
 
   if (ppdChoice == 3)
     unsetenv("PPD");

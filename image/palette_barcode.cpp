@@ -119,8 +119,11 @@ class GridShares {
         ++x;
         continue;
       }
-      // A group: known shares with gaps of at most kShareReach.
-      Group g;
+      // A group: known shares with gaps of at most kShareReach. Its lists
+      // keep their room from group to group: a page allocates nothing per row.
+      Group& g = group_;
+      g.xs.clear();
+      g.phases.clear();
       long last = x;
       for (; x < width && x - last <= kShareReach; ++x) {
         const int t = known[static_cast<size_t>(x)];
@@ -169,7 +172,9 @@ class GridShares {
   // mean offset, holds every known share within kGridSlack; of each run of
   // such steps, the one with the least squared error (runs apart are
   // different grids). Rows of one symbol mostly show the same known shares:
-  // the last few groups' fits are kept.
+  // the last 128 groups' fits are kept, more than the groups of one row of
+  // the widest shipped model's page (groups are at least 38 dots apart), so
+  // a page of repeated rows fits each group once.
   const std::vector<Grid>& fitsOf(const Group& g) {
     for (const Cached& c : cache_)
       if (c.group == g) return c.fits;
@@ -209,17 +214,49 @@ class GridShares {
     Group group;
     std::vector<Grid> fits;
   };
-  std::vector<Cached> cache_ = std::vector<Cached>(8);
+  std::vector<Cached> cache_ = std::vector<Cached>(128);
   size_t next_ = 0;
+  Group group_;
 };
 
 }  // namespace
 
 bool kelvoBarcodeTextSetShortcut(bool on) { return gShortcut.exchange(on, std::memory_order_relaxed); }
 
+namespace {
+
+// Shares of column mixes summed down a column over the rows around the row
+// being finished: at most 2 * kShareReach + 1 shares of at most 255 each.
+struct ColumnSums {
+  int32_t n = 0, s = 0, ss = 0;
+  void add(int v, int sign) {
+    if (v == kNoShare) return;
+    n += sign;
+    s += sign * v;
+    ss += sign * v * v;
+  }
+  int share() const {
+    ShareSums sums;
+    sums.n = n;
+    sums.s = s;
+    sums.ss = ss;
+    return sums.share();
+  }
+};
+
+// A share as kept for the rows around: every share a clean step shows lies in
+// 1..255 (the middle pixel differs from both sides), so 0 can stand for none.
+inline uint8_t packShare(int share) { return share == kNoShare ? 0 : static_cast<uint8_t>(share); }
+inline int unpackShare(uint8_t share) { return share == 0 ? kNoShare : share; }
+
+}  // namespace
+
 void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader& read, const KelvoDotRowSink& emit) {
   if (width <= 0 || height <= 0) return;
   const size_t w = static_cast<size_t>(width);
+  // Scratch is a few rows' worth of bytes per pixel of a row, and never more
+  // rows than the page has: its memory grows with the page's pixels.
+  //
   // A row is unmixed down its columns (stage one) kShareReach rows before it
   // is unmixed along the row and finished (stage two), so that the column
   // shares of a row come from the rows below it as well as above: the first
@@ -227,31 +264,31 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
   const long ahead = kShareReach;
   // Page rows from the one before the row being finished to two past the
   // row being unmixed; row r lives in slot r % rawRows.
-  const long rawRows = ahead + 2 * kRadius;
+  const long rawRows = std::min(ahead + 2 * kRadius, height);
   std::vector<uint8_t> ring(w * static_cast<size_t>(rawRows));
   auto slot = [&](long r) { return &ring[static_cast<size_t>(r % rawRows) * w]; };
   for (long r = 0; r < std::min(height, kRadius); ++r) read(r, slot(r));
 
   // Rows between the two stages: levels unmixed down the columns, which
-  // pixels are two-level, and whether the whole row is paper and ink.
-  const long midRows = ahead + 1;
-  std::vector<Unmixed> unmixedRows(w * static_cast<size_t>(midRows));
+  // pixels are two-level, and whether the whole row is paper and ink. The
+  // last row unmixed is kept whole: the next one unmixes against it.
+  const long midRows = std::min(ahead + 1, height);
+  std::vector<uint8_t> unmixedRows(w * static_cast<size_t>(midRows));
   std::vector<uint8_t> hardRows(w * static_cast<size_t>(midRows));
   std::vector<bool> twoLevelRows(static_cast<size_t>(midRows));
   auto mid = [&](long r) { return static_cast<size_t>(r % midRows) * w; };
+  std::vector<Unmixed> above(w);
   // Shares of column mixes of the rows kShareReach above to kShareReach
-  // below the row being finished, summed per column; shares of row mixes
-  // along the row being unmixed (prefix sums).
+  // below the row being finished, summed per column.
   const long shareRows = ahead + kShareReach + 1;
-  std::vector<int> columnShares(w * static_cast<size_t>(shareRows), kNoShare);
-  std::vector<ShareSums> columnSums(w);
-  std::vector<bool> rowHasShares(static_cast<size_t>(shareRows), false);
+  const long shareSlots = std::min(shareRows, height);
+  std::vector<uint8_t> columnShares(w * static_cast<size_t>(shareSlots), 0);
+  std::vector<ColumnSums> columnSums(w);
+  std::vector<bool> rowHasShares(static_cast<size_t>(shareSlots), false);
   long rowsWithShares = 0;
-  std::vector<ShareSums> rowPrefix(w + 1);
   // Received error of this row and the next, one cell of margin each side.
   std::vector<int> errHere(w + 2, 0), errBelow(w + 2, 0);
   std::vector<uint8_t> out(w), columnLo(w), columnHi(w);
-  std::vector<Unmixed> along(w);
   std::vector<int> known(w), filled(w);
   GridShares grid;
   std::vector<uint8_t> needs(w);
@@ -261,19 +298,23 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
     // The row kShareReach + 1 + kShareReach rows back leaves the column
     // sums. Most rows hold no share at all; such a row leaves the sums
     // untouched on the way in and out.
-    const size_t shareSlot = static_cast<size_t>(k % shareRows);
-    int* shares = &columnShares[shareSlot * w];
-    if (rowHasShares[shareSlot]) {
-      for (size_t i = 0; i < w; ++i) columnSums[i].add(shares[i], -1);
-      rowHasShares[shareSlot] = false;
-      --rowsWithShares;
+    if (k >= shareRows) {
+      const size_t leaving = static_cast<size_t>((k - shareRows) % shareSlots);
+      if (rowHasShares[leaving]) {
+        const uint8_t* shares = &columnShares[leaving * w];
+        for (size_t i = 0; i < w; ++i) columnSums[i].add(unpackShare(shares[i]), -1);
+        rowHasShares[leaving] = false;
+        --rowsWithShares;
+      }
     }
     if (k < height) {
       // Stage one for row y.
       const long y = k;
+      const size_t shareSlot = static_cast<size_t>(y % shareSlots);
+      uint8_t* shares = &columnShares[shareSlot * w];
       if (y + kRadius < height) read(y + kRadius, slot(y + kRadius));
       const uint8_t* row = slot(y);
-      Unmixed* unmixed = &unmixedRows[mid(y)];
+      uint8_t* unmixed = &unmixedRows[mid(y)];
       uint8_t* hard = &hardRows[mid(y)];
       bool twoLevel = true;
       for (size_t i = 0; i < w && twoLevel; ++i) twoLevel = row[i] <= kNearPaper || row[i] >= kNearInk;
@@ -281,7 +322,8 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
       if (twoLevel && shortcut) {
         // Every pixel hard, no share down or along: each stands for itself.
         for (size_t i = 0; i < w; ++i) {
-          unmixed[i] = plain(row[i]);
+          above[i] = plain(row[i]);
+          unmixed[i] = row[i];
           hard[i] = 1;
         }
       } else {
@@ -316,41 +358,41 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
           hard[static_cast<size_t>(x)] = isHard ? 1 : 0;
         }
 
-        // Down the columns: a pixel between two rows of an enlarged picture.
-        // The running sums stay in registers; rowPrefix[0] is never written.
-        if (y > 0 && y + 1 < height) {
-          const uint8_t* up = slot(y - 1);
-          const uint8_t* down = slot(y + 1);
-          ShareSums run;
-          for (long x = 0; x < width; ++x) {
-            run.add(stepShare(up[x], row[x], down[x]), 1);
-            rowPrefix[static_cast<size_t>(x) + 1] = run;
-          }
-        } else {
-          std::fill(rowPrefix.begin(), rowPrefix.end(), ShareSums());
-        }
-        const Unmixed* above = y > 0 ? &unmixedRows[mid(y - 1)] : nullptr;
+        // Down the columns: a pixel between two rows of an enlarged picture,
+        // its share from the pixels within kShareReach along the row, summed
+        // as x moves (the window's shares kept in a ring of its own).
+        const bool between = y > 0 && y + 1 < height;
+        const uint8_t* up = between ? slot(y - 1) : nullptr;
+        const uint8_t* down = between ? slot(y + 1) : nullptr;
+        constexpr long kSpan = 2 * kShareReach + 1;
+        int spanShares[kSpan];
+        ShareSums near;
+        auto enter = [&](long i) {
+          const int t = stepShare(up[i], row[i], down[i]);
+          spanShares[i % kSpan] = t;
+          near.add(t, 1);
+        };
+        if (between)
+          for (long i = 0; i < std::min(width, kShareReach); ++i) enter(i);
         for (long x = 0; x < width; ++x) {
           const size_t i = static_cast<size_t>(x);
-          unmixed[i] = plain(row[x]);
-          if (y == 0 || !hard[i]) continue;
-          ShareSums near = rowPrefix[static_cast<size_t>(std::min(width, x + kShareReach + 1))];
-          const ShareSums& before = rowPrefix[static_cast<size_t>(std::max(0L, x - kShareReach))];
-          near.n -= before.n;
-          near.s -= before.s;
-          near.ss -= before.ss;
-          unmixed[i] = unmix(row[x], above[i], near.share());
+          if (between) {
+            if (x > kShareReach) near.add(spanShares[(x - kShareReach - 1) % kSpan], -1);
+            if (x + kShareReach < width) enter(x + kShareReach);
+          }
+          const Unmixed u = y == 0 || !hard[i] ? plain(row[x]) : unmix(row[x], above[i], near.share());
+          above[i] = u;
+          unmixed[i] = static_cast<uint8_t>(u.level);
         }
         // The row's column mixes, for the rows around it.
         bool anyShare = false;
         for (long x = 0; x < width; ++x) {
           const size_t i = static_cast<size_t>(x);
-          shares[i] = (x > 0 && x + 1 < width)
-                          ? stepShare(unmixed[i - 1].level, unmixed[i].level, unmixed[i + 1].level)
-                          : kNoShare;
-          if (shares[i] == kNoShare) continue;
+          const int t = (x > 0 && x + 1 < width) ? stepShare(unmixed[i - 1], unmixed[i], unmixed[i + 1]) : kNoShare;
+          shares[i] = packShare(t);
+          if (t == kNoShare) continue;
           anyShare = true;
-          columnSums[i].add(shares[i], 1);
+          columnSums[i].add(t, 1);
         }
         rowHasShares[shareSlot] = anyShare;
         rowsWithShares += anyShare ? 1 : 0;
@@ -370,7 +412,7 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
       emit(y, out.data());
       continue;
     }
-    const Unmixed* unmixed = &unmixedRows[mid(y)];
+    const uint8_t* unmixed = &unmixedRows[mid(y)];
     const uint8_t* hard = &hardRows[mid(y)];
     // Along the row: a pixel between two columns, its share from the rows
     // around, or from the grid those show where a mixed pixel has none.
@@ -378,7 +420,7 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
     for (long x = 0; x < width; ++x) {
       const size_t i = static_cast<size_t>(x);
       known[i] = columnSums[i].share();
-      const int level = unmixed[i].level;
+      const int level = unmixed[i];
       needs[i] = hard[i] && known[i] == kNoShare && level > kNearPaper && level < kNearInk;
       anyNeeds = anyNeeds || needs[i];
     }
@@ -387,39 +429,37 @@ void kelvoBarcodeTextHalftone(long width, long height, const KelvoLevelRowReader
       grid.fill(known, needs, filled);
     }
     const std::vector<int>& colShare = anyNeeds ? filled : known;
-    for (long x = 0; x < width; ++x) {
-      const size_t i = static_cast<size_t>(x);
-      const int level = unmixed[i].level;
-      along[i] = (x == 0 || !hard[i]) ? plain(level) : unmix(level, along[i - 1], colShare[i]);
-    }
 
     std::fill(errBelow.begin(), errBelow.end(), 0);
     int* here = errHere.data() + 1;
     int* below = errBelow.data() + 1;
+    Unmixed along = plain(0);  // the pixel before, unmixed along the row
     for (long x = 0; x < width; ++x) {
+      const size_t i = static_cast<size_t>(x);
       const int level = row[x];
-      if (hard[static_cast<size_t>(x)]) {
-        uint8_t dot = along[static_cast<size_t>(x)].level > 128 ? 1 : 0;
+      along = (x == 0 || !hard[i]) ? plain(unmixed[i]) : unmix(unmixed[i], along, colShare[i]);
+      if (hard[i]) {
+        uint8_t dot = along.level > 128 ? 1 : 0;
         const bool faintInk = !dot && level > kPeakFloor;
         const bool faintPaper = dot && level < 255 - kPeakFloor;
         if (faintInk || faintPaper) {
           int lo = 255, hi = 0;
           for (long r = std::max(0L, y - 1); r <= std::min(height - 1, y + 1); ++r)
-            for (long i = std::max(0L, x - 1); i <= std::min(width - 1, x + 1); ++i) {
-              if (r == y && i == x) continue;
-              const int v = slot(r)[i];
+            for (long j = std::max(0L, x - 1); j <= std::min(width - 1, x + 1); ++j) {
+              if (r == y && j == x) continue;
+              const int v = slot(r)[j];
               lo = std::min(lo, v);
               hi = std::max(hi, v);
             }
           if (faintInk && level >= hi && level - lo >= kPeakRise) dot = 1;
           if (faintPaper && level <= lo && hi - level >= kPeakRise) dot = 0;
         }
-        out[static_cast<size_t>(x)] = dot;
+        out[i] = dot;
         continue;
       }
       const int v = clampLevel(level + here[x]);
       const uint8_t dot = v > 128 ? 1 : 0;
-      out[static_cast<size_t>(x)] = dot;
+      out[i] = dot;
       const int error = v - (dot ? 255 : 0);
       here[x + 1] += error * 7 / 16;
       below[x - 1] += error * 3 / 16;

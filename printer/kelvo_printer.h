@@ -10,6 +10,7 @@
 #include <list>
 
 #include <string>
+#include <vector>
 
 #include "image/palette_image.h"
 #include "printer/job_settings.h"
@@ -94,7 +95,10 @@ class KelvoPrinter {
   bool debugImagesOn() const { return debugImages_; }
   // Called before each page: the line-repeat compression never refers to a
   // row of an earlier page.
-  void startPage() { prevRowAllDots_ = false; }
+  void startPage() {
+    prevRowAllDots_ = false;
+    prevRow_.clear();
+  }
   uint64_t debugImageCount() const { return pageIndex_; }
 
   // --- print primitives: the same data to every stream, in list order ---
@@ -104,7 +108,9 @@ class KelvoPrinter {
   int printFormat(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
   // --- page pipeline ---
-  void printImage(const unsigned char* data, unsigned long bytesPerLine, unsigned long height, unsigned long width);
+  // False when the page could not be processed (memory ran out): nothing
+  // of it was sent, and an error line says so.
+  bool printImage(const unsigned char* data, unsigned long bytesPerLine, unsigned long height, unsigned long width);
   // Writes one debug picture into the debug folder, named after `kind`.
   void saveImage(const unsigned char* data, unsigned long bytesPerLine, unsigned long height, unsigned long width,
                  unsigned short bitsPerPixel, const char* kind);
@@ -161,6 +167,8 @@ class KelvoPrinter {
   // The row before the one being encoded was all dots (sent in full or as a
   // repeat); only then may an all-dots row be sent as a repeat.
   bool prevRowAllDots_ = false;
+  // Standard dialect: the row before the one being encoded (empty: none).
+  std::vector<unsigned char> prevRow_;
   // Numbers the debug pictures of this printer.
   uint64_t pageIndex_ = 0;
   bool debugImages_ = false;

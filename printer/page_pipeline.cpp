@@ -27,6 +27,9 @@ const char kDebugSuffix[] = ".bmp";
 
 // The last 64 pictures and 256 MB of them stay; older ones go first.
 constexpr KelvoFileBudget kDebugBudget{64, 256ull << 20};
+// How long a picture waits for other jobs writing theirs (a picture of the
+// largest page takes well under a second to write).
+constexpr double kDebugLockWait = 5;
 
 bool isDebugPicture(const char* name) {
   const size_t length = std::strlen(name);
@@ -102,7 +105,7 @@ void KelvoPrinter::setDebugImages(bool on, const std::string& folder, const std:
   debugTag_ = fileNamePart(tag);
 }
 
-void KelvoPrinter::printImage(const unsigned char* data, unsigned long bytesPerLine, unsigned long height,
+bool KelvoPrinter::printImage(const unsigned char* data, unsigned long bytesPerLine, unsigned long height,
                               unsigned long width) {
   kelvoLogCommon(LogDebug, "printImage: Start processing image, input width: %zu, height: %zu, bytes per line: %zu",
                  width, height, bytesPerLine);
@@ -128,7 +131,7 @@ void KelvoPrinter::printImage(const unsigned char* data, unsigned long bytesPerL
       (!stencilHeld_ && (pimage == nullptr || !pimage->IsValid()))) {
     // An image left empty by a failed creation has no pixels to save or print.
     kelvoLogCommon(LogError, "printImage: pimage is NULL, unable to print the image");
-    return;
+    return false;
   }
 
   // The trimmed range only feeds the log: the printer always gets the whole
@@ -145,6 +148,7 @@ void KelvoPrinter::printImage(const unsigned char* data, unsigned long bytesPerL
   kelvoLogCommon(LogDebug, "printImage: Starting to print the processed image");
   printProcessed();
   kelvoLogCommon(LogDebug, "printImage: Image processing completed");
+  return true;
 }
 
 void KelvoPrinter::printProcessed() {
@@ -176,10 +180,17 @@ bool KelvoPrinter::PageProcess(DitherType type, const unsigned char* data, int s
   useJVDithering_ = halftoneType_ == Tattoo || halftoneType_ == Tattoo_X8;
   kelvoLogCommon(LogDebug, "PageProcess: JV dithering is %s", useJVDithering_ ? "enabled" : "disabled");
 
-  // A stencil page without transforms whose rows lie as the chain reads them
-  // goes to it straight from the raster: one page-sized copy fewer.
+  // A stencil page without transforms goes to the chain straight from the
+  // raster, its rows unpadded first where they are not: no page image.
   const bool transformed = brightness_ != 0 || contrast_ != 0 || rotate180Print_ || mirrorPrint_;
-  if (useJVDithering_ && !transformed && stride == width) return stencilPage(data, width, height);
+  if (useJVDithering_ && !transformed) {
+    if (stride == width) return stencilPage(data, width, height);
+    JVImage src(width, height, JV_IMG_GRAY);
+    for (int y = 0; y < height; ++y)
+      std::memcpy(src.data + static_cast<size_t>(y) * width, data + static_cast<size_t>(y) * stride,
+                  static_cast<size_t>(width));
+    return stencilPage(src.data, width, height);
+  }
   if (!workImage_.CreateFromArray(const_cast<unsigned char*>(data), width, height, 8, stride, false)) {
     kelvoLogCommon(LogCrit, "image.CreateFromArray with grey failed!");
     return false;
@@ -202,21 +213,26 @@ bool KelvoPrinter::PageProcess(DitherType type, const unsigned char* data, int s
   }
 
   if (useJVDithering_) {
-    // The chain takes the page without row padding.
+    // The chain takes the page without row padding. (A turn that ran out
+    // of memory leaves no image.)
+    if (!workImage_.IsValid()) return false;
     JVImage src(width, height, JV_IMG_GRAY);
     for (int y = 0; y < height; ++y)
       std::memcpy(src.data + static_cast<size_t>(y) * width, workImage_.GetBits(y), static_cast<size_t>(width));
+    workImage_.Destroy();  // the chain needs only its own copy
     return stencilPage(src.data, width, height);
   }
   {
     // The type goes to Dither unchanged: the method numbers sit one place off
     // the names ("FloydSteinberg" runs the ordered dither and so on), and
     // printers in the field have been tuned to that.
-    workImage_.Dither(type);
+    // Either fails only when memory runs out; the page left behind is not
+    // the halftone.
+    if (!workImage_.Dither(type)) return false;
     // The frame and the debug picture draw on 8-bit pages; otherwise a
     // printer that takes packed rows gets the halftone's 1-bit rows as they
     // are, and the page is not widened only to be packed again.
-    if (!takesPackedRows() || antiWrinkle_ != 0 || debugImages_) workImage_.IncreaseBpp(8);
+    if ((!takesPackedRows() || antiWrinkle_ != 0 || debugImages_) && !workImage_.IncreaseBpp(8)) return false;
     pimage = &workImage_;
     kelvoLogCommon(LogDebug, "PageProcess: Applied default dithering (%u colours)", pimage->GetNumColors());
   }
@@ -296,6 +312,14 @@ void KelvoPrinter::saveImage(const unsigned char* data, unsigned long bytesPerLi
   const uint64_t fileBytes = eightBit ? dataOffset + static_cast<uint64_t>(width) * height
                                       : dataOffset + static_cast<uint64_t>(rowSize) * height;
 
+  // Held until the picture is written: jobs saving pictures at the same time
+  // make room in turn, each counting the others' pictures whole.
+  const KelvoFolderLock lock(debugFolder_, kDebugLockWait);
+  if (lock.busy()) {
+    kelvoLogCommon(LogWarning, "Debug picture %s not saved: another job held the folder for %g s", path.c_str(),
+                   kDebugLockWait);
+    return;
+  }
   if (!kelvoMakeRoom(debugFolder_, isDebugPicture, kDebugBudget, 1, fileBytes)) {
     kelvoLogCommon(LogWarning, "Debug picture %s not saved: it does not fit the %llu MB kept for debug pictures",
                    path.c_str(), static_cast<unsigned long long>(kDebugBudget.maxBytes >> 20));

@@ -43,20 +43,19 @@ size_t packRows(const unsigned char* src, size_t bpl, size_t h, size_t wb, unsig
   return rowBytes * h;
 }
 
-// One run of a hex digit: count letters, then the digit.
-void appendRun(std::vector<unsigned char>& out, unsigned char digit, unsigned int count) {
+// One run of a hex digit at `out`: count letters, then the digit. Never
+// longer than the run itself; returns the end of what it wrote.
+unsigned char* appendRun(unsigned char* out, unsigned char digit, unsigned int count) {
   if (count > 1) {
-    while (count >= 400) {
-      out.push_back('z');
-      count -= 400;
-    }
+    for (; count >= 400; count -= 400) *out++ = 'z';
     if (count >= 20) {
-      out.push_back(static_cast<unsigned char>(102 + count / 20));
+      *out++ = static_cast<unsigned char>(102 + count / 20);
       count %= 20;
     }
-    if (count != 0) out.push_back(static_cast<unsigned char>(70 + count));
+    if (count != 0) *out++ = static_cast<unsigned char>(70 + count);
   }
-  out.push_back(digit);
+  *out++ = digit;
+  return out;
 }
 
 void logPacking(int bpl, int h, unsigned long skip, size_t wb) {
@@ -127,6 +126,7 @@ void ZplPrinter::sendGraphic(const std::vector<unsigned char>& packed, size_t ro
   printFormat("~DGR:CUPS.GRF,%u,%u,\n", static_cast<unsigned>(total), static_cast<unsigned>(rowBytes));
   const unsigned char* p = packed.data();
   prevRowAllDots_ = false;
+  prevRow_.clear();
   for (size_t r = 0; r < height; ++r, p += rowBytes) {
     if (isCancelled()) {
       abortDownload();
@@ -173,25 +173,37 @@ void ZplPrinter::abortDownload() {
 void ZplPrinter::ZPLPrintLine(const unsigned char* row, int n) {
   if (row == nullptr || n <= 0) return;
   const size_t len = static_cast<size_t>(n);
+  const bool standard = getDialect() == kDialectStandard;
 
-  // Only an all-dots row is ever sent as a repeat, and only when the row
-  // before it was all dots too: the repeat means "the previous row again".
-  // A row that merely equals a patterned predecessor is sent in full, as
-  // printers in the field have always been fed.
-  bool allDots = true;
-  for (size_t i = 0; i < len && allDots; ++i) allDots = row[i] == 0xFF;
-  const bool repeat = allDots && prevRowAllDots_;
-  prevRowAllDots_ = allDots;
-  if (repeat) {
-    printByte(':');
-    return;
+  if (standard) {
+    // Standard ZPL: ":" is the previous row again, whatever it holds.
+    if (prevRow_.size() == len && std::memcmp(prevRow_.data(), row, len) == 0) {
+      printByte(':');
+      return;
+    }
+    prevRow_.assign(row, row + len);
+  } else {
+    // The stencil printers' dialect sends only an all-dots row as a repeat,
+    // and only when the row before it was all dots too; a row that merely
+    // equals a patterned predecessor is sent in full, as printers in the
+    // field have always been fed.
+    bool allDots = true;
+    for (size_t i = 0; i < len && allDots; ++i) allDots = row[i] == 0xFF;
+    const bool repeat = allDots && prevRowAllDots_;
+    prevRowAllDots_ = allDots;
+    if (repeat) {
+      printByte(':');
+      return;
+    }
   }
 
   // The row's hex digits, high nibble first, as runs of equal digits. The
   // text is built whole and written with one call: the same bytes in the
-  // same order as one call per byte.
-  std::vector<unsigned char>& text = rowText_;
-  text.clear();
+  // same order as one call per byte. A run never takes more bytes than its
+  // digits, so the row's 2n digits and one closing byte always fit.
+  if (rowText_.size() < 2 * len + 1) rowText_.resize(2 * len + 1);
+  unsigned char* const start = rowText_.data();
+  unsigned char* text = start;
   unsigned current = row[0] >> 4;
   unsigned int count = 0;
   for (size_t i = 0; i < len;) {
@@ -210,29 +222,32 @@ void ZplPrinter::ZPLPrintLine(const unsigned char* row, int n) {
       if (digit == current) {
         ++count;
       } else {
-        appendRun(text, static_cast<unsigned char>(kHexDigits[current]), count);
+        text = appendRun(text, static_cast<unsigned char>(kHexDigits[current]), count);
         current = digit;
         count = 1;
       }
     }
     ++i;
   }
-  if (current == 0) {
+  if (standard && (current == 0 || current == 0xF)) {
+    // Standard ZPL: "," fills the rest of the row with paper, "!" with dots,
+    // from any digit on.
+    *text++ = current == 0 ? ',' : '!';
+  } else if (current == 0) {
     // An odd run of trailing zeros keeps one explicit "0" before the comma;
     // the printed bytes must stay as installed printers have always seen them.
     if (count % 2 != 0) {
-      text.push_back('0');
+      *text++ = '0';
       --count;
     }
-    if (count != 0) text.push_back(',');
+    if (count != 0) *text++ = ',';
   } else {
-    appendRun(text, static_cast<unsigned char>(kHexDigits[current]), count);
+    text = appendRun(text, static_cast<unsigned char>(kHexDigits[current]), count);
   }
-  printBytes(text.data(), text.size());
+  printBytes(start, static_cast<unsigned long>(text - start));
 }
 
 void ZplPrinter::ZPLCompress(unsigned char digit, unsigned int count) {
-  std::vector<unsigned char> run;
-  appendRun(run, digit, count);
-  printBytes(run.data(), run.size());
+  std::vector<unsigned char> run(count / 400 + 3);
+  printBytes(run.data(), static_cast<unsigned long>(appendRun(run.data(), digit, count) - run.data()));
 }

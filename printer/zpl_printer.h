@@ -19,8 +19,10 @@ class ZplPrinter : public KelvoPrinter {
   // Off: the pipeline hands over 8-bit pages even where it could pack.
   void setPackedRows(bool on) { packedRows_ = on; }
 
-  // Encodes one packed row; an all-dots row right after another all-dots row
-  // is sent as ":" (see startPage()).
+  // Encodes one packed row. Standard dialect: a row equal to the one before
+  // is sent as ":", a row's last run of paper as "," and of dots as "!".
+  // Kelvo dialect: only an all-dots row right after another all-dots row is
+  // ":", and only paper ends with ",". startPage() forgets the row before.
   void ZPLPrintLine(const unsigned char* row, int n);
   void ZPLCompress(unsigned char digit, unsigned int count);
 

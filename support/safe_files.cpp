@@ -2,12 +2,49 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <ctime>
 #include <cerrno>
+#include <cstring>
 #include <vector>
+
+namespace {
+
+const char* kindOf(mode_t mode) {
+  return S_ISFIFO(mode)   ? "a FIFO"
+         : S_ISCHR(mode)  ? "a character device"
+         : S_ISBLK(mode)  ? "a block device"
+         : S_ISDIR(mode)  ? "a folder"
+         : S_ISSOCK(mode) ? "a socket"
+                          : "of an unknown kind";
+}
+
+int refuse(std::string* why, const std::string& reason) {
+  if (why != nullptr) *why = reason;
+  return -1;
+}
+
+}  // namespace
+
+int kelvoOpenRegularFile(const char* path, std::string* why) {
+  struct stat info {};
+  if (stat(path, &info) != 0) return refuse(why, std::strerror(errno));
+  if (!S_ISREG(info.st_mode)) return refuse(why, std::string("not a regular file but ") + kindOf(info.st_mode));
+  // Not waiting even if the name now stands for a FIFO.
+  const int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (fd < 0) return refuse(why, std::strerror(errno));
+  if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+    close(fd);
+    return refuse(why, std::string("not a regular file but ") + kindOf(info.st_mode));
+  }
+  const int flags = fcntl(fd, F_GETFL);
+  if (flags != -1) fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
+  return fd;
+}
 
 int kelvoCreateNewFile(const std::string& path, mode_t mode) {
   // O_EXCL refuses every existing name, a dangling link included; O_NOFOLLOW
@@ -71,4 +108,25 @@ bool kelvoMakeRoom(const std::string& folder, const std::function<bool(const cha
   }
   closedir(dir);
   return count + files <= budget.maxFiles && used + bytes <= budget.maxBytes;
+}
+
+KelvoFolderLock::KelvoFolderLock(const std::string& folder, double seconds) {
+  fd_ = open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd_ < 0) return;
+  // Polled rather than waited for: a hold that never ends costs a picture,
+  // not the job.
+  const long tries = static_cast<long>(seconds * 100) + 1;
+  for (long i = 0; i < tries; ++i) {
+    if (flock(fd_, LOCK_EX | LOCK_NB) == 0) return;
+    if (errno != EWOULDBLOCK && errno != EINTR) break;  // a folder that takes no locks
+    const struct timespec tick {0, 10 * 1000 * 1000};
+    nanosleep(&tick, nullptr);
+    if (i + 1 == tries) busy_ = true;
+  }
+  close(fd_);
+  fd_ = -1;
+}
+
+KelvoFolderLock::~KelvoFolderLock() {
+  if (fd_ >= 0) close(fd_);  // releases the lock
 }

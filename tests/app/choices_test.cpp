@@ -1,6 +1,6 @@
-// The Kelvo choices in words: each halftone and "after printing" keyword
-// names what the PPD's word of the same value says it does, and every
-// PPD word is reachable. The PPD files are the filter's own, compiled from
+// The Kelvo choices in words: each halftone, "after printing" and graphic
+// transfer keyword names what the PPD's word of the same value says it
+// does, and every PPD word is reachable. The PPD files are the filter's own, compiled from
 // ppd/kelvo.drv, not made by the code under test.
 #include <gtest/gtest.h>
 
@@ -44,7 +44,8 @@ const KelvoChoice& choice(const char* name) {
 
 TEST(KelvoChoices, WordsAreThePpdsWords) {
   for (const auto& [name, option] : {std::pair{"kelvo-halftone", "HalftoneType"},
-                                     std::pair{"kelvo-post-action", "PostAction"}}) {
+                                     std::pair{"kelvo-post-action", "PostAction"},
+                                     std::pair{"kelvo-graphic-encoding", "GraphicEncoding"}}) {
     const std::map<std::string, std::string> ppd = ppdChoices("kelvo203.ppd", option);
     ASSERT_FALSE(ppd.empty()) << option;
     std::map<std::string, int> reached;

@@ -8,11 +8,17 @@
 #include <grp.h>
 #include <poll.h>
 #include <pwd.h>
+#include <malloc.h>
+#ifdef KELVO_SANITIZED
+#include <sanitizer/allocator_interface.h>
+#endif
 #include <sys/ioctl.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <vector>
@@ -38,6 +44,14 @@ struct RunAsLp {
   static std::string unavailable() {
     return lpUser() != nullptr ? "" : "not running as root with a user lp: jobs run as the test's own user";
   }
+};
+
+// Address space the jobs started while a test holds a MemoryLimit may take:
+// their allocations fail past it.
+inline rlim_t gMemoryLimit = 0;
+struct MemoryLimit {
+  explicit MemoryLimit(rlim_t bytes) { gMemoryLimit = bytes; }
+  ~MemoryLimit() { gMemoryLimit = 0; }
 };
 
 inline bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
@@ -78,6 +92,89 @@ inline std::string rasterStream(const std::vector<RawPage>& pages) {
   return bytes;
 }
 
+// What a page is made of, for pages written with libcups's compressing
+// writer: CUPS's own filters send compressed raster, where rows that repeat
+// and runs of one level take a byte or two.
+enum class Content { Blank, Gray, Noise, Grid };
+
+// Row y of such a page. Grid is the costliest kind of page for Barcode and
+// Text: rows of paper, ink and mixed pixels in between (mixes whose share
+// changes from row to row), groups of them 66 dots apart, with random pixels
+// in the gaps.
+inline void contentRow(Content content, unsigned y, unsigned width, unsigned char* row, uint32_t& seed) {
+  for (unsigned x = 0; x < width; ++x) {
+    const unsigned p = x % 66;
+    switch (content) {
+      case Content::Blank: row[x] = 0; break;
+      case Content::Gray: row[x] = 128; break;
+      case Content::Noise: row[x] = static_cast<unsigned char>((seed = seed * 1103515245u + 12345u) >> 24); break;
+      case Content::Grid:
+        if (p < 33) {
+          row[x] = p % 2 ? static_cast<unsigned char>(40 + (y * 7 + x) % 170) : p % 4 == 0 ? 0 : 255;
+        } else {
+          seed = seed * 1103515245u + 12345u;
+          row[x] = seed >> 24 & 1 ? static_cast<unsigned char>(40 + (seed >> 16) % 170) : (seed >> 8 & 1 ? 0 : 255);
+        }
+        break;
+    }
+  }
+}
+
+// Writes a compressed raster stream of `pages` pages to `path`, rows of
+// `bytesPerLine` bytes (0: the width; the padding is blank); its size in
+// bytes.
+inline off_t writeCompressedPage(const std::string& path, unsigned width, unsigned height, unsigned dpi,
+                                 Content content, unsigned pages = 1, unsigned bytesPerLine = 0) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  EXPECT_GE(fd, 0) << path;
+  cups_raster_t* writer = cupsRasterOpen(fd, CUPS_RASTER_WRITE_COMPRESSED);
+  cups_page_header2_t h = page(width, 0, dpi).h;
+  h.cupsHeight = height;
+  h.cupsBytesPerLine = std::max(width, bytesPerLine);
+  std::vector<unsigned char> row(h.cupsBytesPerLine);
+  uint32_t seed = 1;
+  for (unsigned n = 0; n < pages; ++n) {
+    EXPECT_TRUE(cupsRasterWriteHeader2(writer, &h));
+    for (unsigned y = 0; y < height; ++y) {
+      contentRow(content, y, width, row.data(), seed);
+      cupsRasterWritePixels(writer, row.data(), h.cupsBytesPerLine);
+    }
+  }
+  cupsRasterClose(writer);
+  struct stat info {};
+  fstat(fd, &info);
+  close(fd);
+  return info.st_size;
+}
+
+// The shipped PPD `name` as an administrator may change it: jobs allowed to
+// ask for recordings and debug pictures, recordings named <prefix>-<date and
+// time>.bin, custom sizes up to `largestPt` points each way.
+struct PpdChanges {
+  bool allowJobs = false;
+  std::string recordingPrefix;
+  double largestPt = 0;
+};
+inline std::string shippedPpd(const char* name, const PpdChanges& changes) {
+  std::string text = readFile(ppdPath(name));
+  auto replaceLine = [&text](const std::string& start, const std::string& line) {
+    const size_t at = text.find(start);
+    EXPECT_NE(at, std::string::npos) << start;
+    if (at != std::string::npos) text.replace(at, text.find('\n', at) - at, line);
+  };
+  if (changes.allowJobs) replaceLine("*kelvoAllowJobRecording:", "*kelvoAllowJobRecording: \"True\"");
+  if (!changes.recordingPrefix.empty())
+    replaceLine("*kelvoFilterOutputFile:", "*kelvoFilterOutputFile: \"" + changes.recordingPrefix + "\"");
+  if (changes.largestPt > 0) {
+    const std::string pt = std::to_string(static_cast<long>(changes.largestPt));
+    replaceLine("*MaxMediaWidth:", "*MaxMediaWidth: \"" + pt + "\"");
+    replaceLine("*MaxMediaHeight:", "*MaxMediaHeight: \"" + pt + "\"");
+    replaceLine("*ParamCustomPageSize Width:", "*ParamCustomPageSize Width: 1 points 36 " + pt);
+    replaceLine("*ParamCustomPageSize Height:", "*ParamCustomPageSize Height: 2 points 36 " + pt);
+  }
+  return text;
+}
+
 // The spooler's temporary folder of a job (TMPDIR), where the filter saves
 // its debug pictures; made empty for each job and removed after it.
 inline std::string jobTempDir() { return scratchPath("tmpdir"); }
@@ -109,6 +206,11 @@ struct JobResult {
   std::string err;  // standard error: what the spooler logs
   double seconds = 0;
   std::vector<std::string> tempFiles;  // what the job left in its TMPDIR
+  // The job's peak resident memory and processor time, as the kernel counts
+  // them for the child. A child starts as a copy of this process, so the
+  // peak is never below this process's own at the start.
+  long peakKb = 0;
+  double cpuSeconds = 0;
 };
 
 // Where the filter's standard output goes. Cancel: a pipe the test reads;
@@ -117,7 +219,8 @@ struct JobResult {
 // Stalled: a pipe nobody reads (a printer link that hangs), cancelled once
 // the filter has filled it. CloseAndCancel: the pipe's reader goes away and
 // the job is cancelled 0.1 s later, as when cupsd stops the backend first.
-enum class Output { Capture, DevFull, Closed, BrokenPipe, Cancel, Stalled, CloseAndCancel };
+// Terminate: captured, and the job gets SIGTERM 0.1 s after it started.
+enum class Output { Capture, DevFull, Closed, BrokenPipe, Cancel, Stalled, CloseAndCancel, Terminate };
 
 // Runs the filter with `args` after the program name, the environment
 // variable PPD set to `ppd` (unset when empty) and standard input from
@@ -137,13 +240,24 @@ inline JobResult runFilter(const std::vector<std::string>& args, const std::stri
   mkdir(tempDir.c_str(), 0700);
   const bool asLp = gRunAsLp;
   if (asLp && chown(tempDir.c_str(), lpUser()->pw_uid, lpUser()->pw_gid) != 0) ADD_FAILURE() << "chown " << tempDir;
+  // Freed memory goes back first: the child's peak starts at this process's.
+#ifdef KELVO_SANITIZED
+  __sanitizer_purge_allocator();  // freed blocks held back to catch their use
+#else
+  malloc_trim(0);
+#endif
   auto start = std::chrono::steady_clock::now();
   const pid_t pid = fork();
   if (pid == 0) {
+    if (gMemoryLimit != 0) {
+      const struct rlimit limit {gMemoryLimit, gMemoryLimit};
+      setrlimit(RLIMIT_AS, &limit);
+    }
     dup2(open(stdinPath.empty() ? "/dev/null" : stdinPath.c_str(), O_RDONLY), 0);
     dup2(open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
     switch (output) {
-      case Output::Capture: dup2(open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1); break;
+      case Output::Capture:
+      case Output::Terminate: dup2(open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1); break;
       case Output::DevFull: dup2(open("/dev/full", O_WRONLY), 1); break;
       case Output::Closed: close(1); break;
       default: dup2(pipeEnds[1], 1), close(pipeEnds[0]); break;
@@ -189,9 +303,20 @@ inline JobResult runFilter(const std::vector<std::string>& args, const std::stri
     start = std::chrono::steady_clock::now();
     if (output == Output::CloseAndCancel) close(pipeEnds[0]), usleep(100 * 1000);
     kill(pid, SIGTERM);
+  } else if (output == Output::Terminate) {
+    usleep(100 * 1000);
+    kill(pid, SIGTERM);
   }
+  // A job that hangs is killed after two minutes and fails its test.
   int status = 0;
-  waitpid(pid, &status, 0);
+  struct rusage usage {};
+  for (int waited = 0; wait4(pid, &status, WNOHANG, &usage) == 0; ++waited) {
+    if (waited == 120000) kill(pid, SIGKILL);
+    usleep(1000);
+  }
+  result.peakKb = usage.ru_maxrss;
+  result.cpuSeconds = static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+                      static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
   result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   if (output == Output::Stalled) close(pipeEnds[0]);
   result.tempFiles = namesIn(jobTempDir());
