@@ -26,21 +26,7 @@ app=$PWD/$build/app/kelvo-printer-app
 fake=$PWD/$build/tests/e2e/fakezplprinter
 label=$PWD/samples/label.png
 
-work=$(mktemp -d /tmp/kelvo-status-bench.XXXXXX)
-pids=()
-finish() {
-  local pid
-  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
-  for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
-  rm -rf "$work"
-}
-trap finish EXIT
-free_port() { python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
-wait_for() {
-  local i
-  for i in $(seq 100); do "$@" && return 0; sleep 0.1; done
-  return 1
-}
+. bench/servers.sh kelvo-status-bench
 
 # <server>-<state>: a fake printer in that state, the server on a free port
 # with a private state and spool, one printer on the fake printer.
