@@ -21,14 +21,30 @@
 
 namespace {
 
+// Supplies a row empties or lowers.
+enum class ZplSupply { kNone, kLabels, kRibbon };
+enum class ZplSupplyLevel { kUnknown, kOk, kLow, kEmpty };
+
+// One condition: where each answer carries it and what IPP calls it.
+struct ZplCondition {
+  const char* text;        // for people: the log and the job's message
+  bool warning;            // on ~HQES's WARNINGS line, not its ERRORS line
+  uint32_t hqesBit;        // bit of the line's low group; 0 when ~HQES has none
+  int hsString, hsField;   // ~HS flag: string 1-3 and field from 0; 0, 0 when none
+  pappl_preason_t reason;  // PAPPL_PREASON_NONE: logged only
+  ZplSupply supply;
+  ZplSupplyLevel level;
+  bool stopsPrinting;  // a job waits until it clears
+};
+
 // ZPL II's bit meanings. ~HQES answers "ERRORS:" and "WARNINGS:" lines, each
 // a flag and two groups of eight hexadecimal digits; the bits below are of
 // the second (low) group. ~HS answers three STX...ETX strings of
-// comma-separated fields; a flag field is "1" when set. Where the two
-// documents differ in how much they say, the row says what was chosen:
-//  - 0x1000 is read as a paper jam and 0x10000 as paused, as LPrint reads
-//    them; kiosk printers give other meanings to the bits above 0x80, which
-//    these printers do not have.
+// comma-separated fields; a flag field is "1" when set. What was chosen
+// where the bits leave room:
+//  - 0x1000 is read as a paper jam and 0x10000 as paused; the bits above
+//    0x80 mean other things on some kiosk printers, which are not these.
+//  - ~HS has no jam, cutter or motor flag; ~HQES no "too cold" bit.
 //  - IPP's "paused" reason belongs to a queue an operator paused (PAPPL
 //    reports it itself); a printer paused at its own panel is "offline".
 //  - PAPPL has no cutter-* reasons, so a cutter fault is "other"; so are
@@ -483,11 +499,6 @@ void setMediaNeeded(pappl_printer_t* printer, Watch& watch, bool needed) {
 }
 
 }  // namespace
-
-const ZplCondition* kelvoStatusConditions(int* count) {
-  *count = kNumConditions;
-  return kConditions;
-}
 
 ZplStatus kelvoParseStatus(const std::string& bytes) {
   ZplStatus status;

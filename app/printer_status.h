@@ -25,31 +25,12 @@ enum class ZplAnswer {
 };
 
 // One reading of the printer: the conditions it reports, one bit per row
-// of kelvoStatusConditions().
+// of the conditions' table (printer_status.cpp).
 struct ZplStatus {
   ZplAnswer answer = ZplAnswer::kNone;
   uint32_t conditions = 0;
   int transfer = -1;  // thermal-transfer mode on (1) or off (0); ~HS only, else -1
 };
-
-// Supplies a row empties or lowers.
-enum class ZplSupply { kNone, kLabels, kRibbon };
-enum class ZplSupplyLevel { kUnknown, kOk, kLow, kEmpty };
-
-// One condition: where each answer carries it and what IPP calls it.
-struct ZplCondition {
-  const char* text;        // for people: the log and the job's message
-  bool warning;            // on ~HQES's WARNINGS line, not its ERRORS line
-  uint32_t hqesBit;        // bit of the line's low group; 0 when ~HQES has none
-  int hsString, hsField;   // ~HS flag: string 1-3 and field from 0; 0, 0 when none
-  pappl_preason_t reason;  // PAPPL_PREASON_NONE: logged only
-  ZplSupply supply;
-  ZplSupplyLevel level;
-  bool stopsPrinting;  // a job waits until it clears
-};
-
-// The conditions, in bit order; `count` is set to their number.
-const ZplCondition* kelvoStatusConditions(int* count);
 
 // Reads the bytes that came back to ~HQES or ~HS.
 ZplStatus kelvoParseStatus(const std::string& bytes);
