@@ -2,7 +2,7 @@
 # What asking the printer's status costs a label: the printer application
 # and LPrint (Debian's lprint, also on PAPPL, which asks ~HQES too), each
 # printing the same 4x6 inch label PNG to one fake ZPL printer that answers
-# status queries ("ready") and to one that never does ("silent"), all four in
+# ~HQES and ~HS ("answering") and to one that never does ("silent"), all four in
 # one run, labels sent in turn with each program's own "submit". Per label:
 # wall time from submit to the last byte at the device; per printer, the
 # status queries it saw (within jobs, and on connections of their own) and
@@ -30,7 +30,7 @@ label=$PWD/samples/label.png
 
 # <server>-<state>: a fake printer in that state, the server on a free port
 # with a private state and spool, one printer on the fake printer.
-names=(kelvo-ready lprint-ready kelvo-silent lprint-silent)
+names=(kelvo-answering lprint-answering kelvo-silent lprint-silent)
 declare -A program=([kelvo]=$app [lprint]=lprint) driver=([kelvo]=kelvo_203 [lprint]=zpl_4inch-203dpi-dt) port
 for name in "${names[@]}"; do
   kind=${name%-*}
@@ -87,8 +87,8 @@ for name in "${names[@]}"; do
 done
 echo
 for kind in kelvo lprint; do
-  echo "$kind, silent printer minus ready: $((${median[$kind-silent]} - ${median[$kind-ready]})) ms a label (medians)," \
-    "$((${mean[$kind-silent]} - ${mean[$kind-ready]})) ms (means)."
+  echo "$kind, silent printer minus answering: $((${median[$kind-silent]} - ${median[$kind-answering]})) ms a label" \
+    "(medians), $((${mean[$kind-silent]} - ${mean[$kind-answering]})) ms (means)."
 done
 echo "$runs labels to each, in turn. Load average $load_start at the start, $(cut -d' ' -f1 /proc/loadavg) at the end," \
   "$(nproc) cores."

@@ -59,12 +59,11 @@ std::string hqes(const char* errors, const char* warnings) {
          "\r\n    WARNINGS:       " + warningFlag + " 00000000 " + warnings + "\r\n\x03\r\n";
 }
 
-// ~HS's three strings with paper out, pause, head up, ribbon out and
-// thermal-transfer mode as given ('0' or '1').
-std::string hs(char paperOut, char pause, char headUp, char ribbonOut, char transfer) {
-  return std::string("\x02" "030,") + paperOut + "," + pause + ",1218,000,0,0,0,000,0,0,0\x03\r\n" +
-         "\x02" "001,0," + headUp + "," + ribbonOut + "," + transfer + ",2,4,0,00000000,1,000\x03\r\n" +
-         "\x02" "1234,0\x03\r\n";
+// ~HS's three strings of a printer in tear-off mode, direct thermal, with
+// the paper out flag as given ('0' or '1').
+std::string hs(char paperOut) {
+  return std::string("\x02" "030,") + paperOut + ",0,1218,000,0,0,0,000,0,0,0\x03\r\n" +
+         "\x02" "001,0,0,0,0,2,4,0,00000000,1,000\x03\r\n\x02" "1234,0\x03\r\n";
 }
 
 // A printer state: what it answers to ~HQES and to ~HS ("" for nothing),
@@ -77,23 +76,28 @@ struct State {
 };
 
 const State kStates[] = {
-    {"ready", hqes("00000000", "00000000"), hs('0', '0', '0', '0', '0'), 0},
-    {"media-out", hqes("00000001", "00000000"), hs('1', '0', '0', '0', '0'), 0},
-    {"ribbon-out", hqes("00000002", "00000000"), hs('0', '0', '0', '1', '1'), 0},
-    {"head-open", hqes("00000004", "00000000"), hs('0', '0', '1', '0', '0'), 0},
+    // A printer of today: ~HQES only.
+    {"ready", hqes("00000000", "00000000"), "", 0},
+    {"media-out", hqes("00000001", "00000000"), "", 0},
+    {"ribbon-out", hqes("00000002", "00000000"), "", 0},
+    {"head-open", hqes("00000004", "00000000"), "", 0},
     {"cutter", hqes("00000008", "00000000"), "", 0},
     {"head-hot", hqes("00000010", "00000000"), "", 0},
     {"jam", hqes("00001000", "00000000"), "", 0},
-    {"paused", hqes("00010000", "00000000"), hs('0', '1', '0', '0', '0'), 0},
+    {"paused", hqes("00010000", "00000000"), "", 0},
     {"media-low", hqes("00000000", "00000008"), "", 0},
-    {"media-out-and-head-open", hqes("00000005", "00000000"), hs('1', '0', '1', '0', '0'), 0},
+    {"media-out-and-head-open", hqes("00000005", "00000000"), "", 0},
+    // Both, as printers that know ~HQES answer ~HS too (LPrint asks both,
+    // and sizes its labels by ~HS's label length).
+    {"answering", hqes("00000000", "00000000"), hs('0'), 0},
     // An older printer: ~HS only.
-    {"hs-only-media-out", "", hs('1', '0', '0', '0', '0'), 0},
-    {"hs-only-ready", "", hs('0', '0', '0', '0', '0'), 0},
+    {"hs-only-media-out", "", hs('1'), 0},
+    {"hs-only-ready", "", hs('0'), 0},
+    // Printers that answer wrongly, in part, not at all, or too late.
     {"garbage", "?? unknown command\r\n", "?? unknown command\r\n", 0},
     {"partial", "\x02\r\n  PRINTER STATUS\r\n    ERRORS:         1 00000000 0000", "", 0},
     {"silent", "", "", 0},
-    {"late", hqes("00000001", "00000000"), hs('1', '0', '0', '0', '0'), 5000},
+    {"late", hqes("00000001", "00000000"), hs('1'), 5000},
 };
 
 const State& stateNamed(const std::string& file) {
