@@ -52,7 +52,7 @@ def main(base, printer, halftone, screenshot, shown=None):
         options.add_argument(arg)
     browser = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
     browser.set_page_load_timeout(30)
-    wait = WebDriverWait(browser, 20)
+    wait = WebDriverWait(browser, 40)
     try:
         browser.get(base + "/")
         link = wait.until(ready.element_to_be_clickable(
@@ -72,7 +72,7 @@ def main(base, printer, halftone, screenshot, shown=None):
             save.click()
             # The page comes back with the saved values and a message.
             wait.until(ready.staleness_of(save))
-            wait.until(ready.text_to_be_present_in_element((By.TAG_NAME, "body"), "Halftone:"))
+            wait.until(ready.presence_of_element_located((By.NAME, "kelvo-halftone")))
             message = " ".join(e.text for e in browser.find_elements(By.CSS_SELECTOR, ".banner"))
             after = Select(browser.find_element(By.NAME, "kelvo-halftone")).first_selected_option
             print("web: %s halftone %s -> %s (%s), page says: %s"
