@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "printer/kelvo_printer.h"
-#include "tools/page_layout.h"
-#include "tools/png_io.h"
+#include "printer/page_layout.h"
+#include "printer/png_io.h"
 
 namespace {
 
