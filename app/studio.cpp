@@ -135,10 +135,6 @@ bool placePicture(const std::string& path, unsigned width, unsigned height, std:
 // put it: the page's size and the engine's vendor options.
 void applyChoice(const Choice& choice, pappl_pr_options_t& options) {
   kelvoStrCpy(options.media.size_name, choice.media.c_str(), sizeof options.media.size_name);
-  if (const pwg_media_t* size = pwgMediaForPWG(choice.media.c_str())) {
-    options.media.size_width = size->width;
-    options.media.size_length = size->length;
-  }
   int& n = options.num_vendor;
   n = cupsAddOption("kelvo-halftone", choice.halftone.c_str(), n, &options.vendor);
   n = cupsAddIntegerOption("kelvo-brightness", choice.brightness, n, &options.vendor);
@@ -513,8 +509,6 @@ bool receiveUpload(pappl_client_t* client, int fd, size_t& total, bool& tooLarge
   http_t* http = papplClientGetHTTP(client);
   char buffer[65536];
   ssize_t got;
-  total = 0;
-  tooLarge = false;
   while ((got = httpRead2(http, buffer, sizeof buffer)) > 0) {
     total += static_cast<size_t>(got);
     if (total > kMaxUploadBytes) tooLarge = true;

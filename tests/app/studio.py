@@ -271,6 +271,12 @@ def run(screen, base, printer, build, jobs, out, picture, scratch):
             f.write(whole[:len(whole) // 3])
         bad = [(damaged, "damaged")]
         if name == "tablet":
+            # A picture that says it is 20000 x 20000 pixels is refused before
+            # anything is decoded.
+            huge = os.path.join(scratch, "huge.png")
+            with open(huge, "wb") as f:
+                f.write(whole[:16] + (20000).to_bytes(4, "big") * 2 + whole[24:])
+            bad.append((huge, "million pixels"))
             big = os.path.join(scratch, "big.png")
             with open(big, "wb") as f:
                 f.write(whole + bytes(33 << 20))
