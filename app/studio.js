@@ -18,7 +18,9 @@
     shown: null,    // the choice on the canvas
     wanted: null,   // a choice waiting for its preview
     changedAt: 0,   // when the newest change was made
-    busy: false,
+    running: false, // a preview is on its way
+    uploads: 0,     // pictures sent so far; only the newest counts
+    uploading: false,
     zoom: 0,
   };
   let brightnessTimer = 0;
@@ -64,7 +66,7 @@
     const ready = st.info !== null;
     for (const id of ['media', 'halftone', 'brightness', 'mirror', 'negative']) $(id).disabled = !ready;
     // Only what is on screen prints.
-    $('print').disabled = st.busy || st.wanted !== null || !same(st.shown, choice());
+    $('print').disabled = st.running || st.uploading || st.wanted !== null || !same(st.shown, choice());
   }
 
   // "P4 <width> <height>" and packed rows, a set bit a dot.
@@ -136,11 +138,11 @@
     st.changedAt = performance.now();
     st.wanted = choice();
     setControls();
-    if (!st.busy) run();
+    if (!st.running) run();
   }
 
   async function run() {
-    st.busy = true;
+    st.running = true;
     setState('busy');
     while (st.wanted !== null) {
       const wanted = st.wanted, since = st.changedAt;
@@ -149,7 +151,8 @@
       try {
         const reply = await ask('preview?' + new URLSearchParams(wanted));
         const bitmap = parseBitmap(new Uint8Array(await reply.arrayBuffer()));
-        if (st.wanted !== null) continue;  // already out of date
+        // Out of date: a newer choice waits, or another picture came.
+        if (st.wanted !== null || st.page === null || st.page.page !== wanted.page) continue;
         draw(bitmap);
         st.shown = wanted;
         const ms = Math.round(performance.now() - since);
@@ -159,13 +162,14 @@
         say(bitmap.width + ' x ' + bitmap.height + ' dots at ' + st.info.dpi + ' dpi, as the printer prints it.');
         setState('ready');
       } catch (e) {
+        if (st.wanted !== null || st.page === null || st.page.page !== wanted.page) continue;
         st.shown = null;
         $('preview').classList.add('stale');
         say(e.message, true);
         setState('error');
       }
     }
-    st.busy = false;
+    st.running = false;
     setControls();
   }
 
@@ -173,11 +177,12 @@
   async function upload() {
     const file = $('picture').files[0];
     if (!file) return;
+    const ticket = ++st.uploads;
     st.file = file;
     st.page = null;
     st.shown = null;
     $('preview').classList.add('stale');
-    st.busy = true;
+    st.uploading = true;
     setControls();
     setState('busy');
     say('Reading the picture…');
@@ -186,11 +191,14 @@
       const reply = await ask('picture?' + query, {
         method: 'POST', body: file, headers: { 'Content-Type': 'application/octet-stream' },
       });
-      st.page = await reply.json();
-      st.busy = false;
+      const page = await reply.json();
+      if (ticket !== st.uploads) return;
+      st.page = page;
+      st.uploading = false;
       update();
     } catch (e) {
-      st.busy = false;
+      if (ticket !== st.uploads) return;
+      st.uploading = false;
       say(e.message, true);
       setState('error');
       setControls();
