@@ -369,6 +369,28 @@ std::string words(std::string keyword) {
   return keyword;
 }
 
+// A size PAPPL has no name for, by the word in its PWG name: "Letter (216 x
+// 279 mm)" for om_letter_215.74x279.4mm, "2.25 x 1.25 in" for a label named
+// 2-25x1-25-label (labels are named by their inches).
+std::string sizeLabel(const std::string& name) {
+  const size_t from = name.find('_') + 1, to = name.rfind('_');
+  const pwg_media_t* size = pwgMediaForPWG(name.c_str());
+  if (to == std::string::npos || to < from || size == nullptr) return name;
+  std::string word = name.substr(from, to - from);
+  const std::string label = "-label";
+  if (word.size() > label.size() && word.compare(word.size() - label.size(), label.size(), label) == 0) {
+    word.erase(word.size() - label.size());
+    const size_t x = word.find('x');
+    if (x != std::string::npos && word.find_first_not_of("0123456789-x") == std::string::npos) {
+      for (char& c : word) c = c == '-' ? '.' : c;
+      return word.substr(0, x) + " x " + word.substr(x + 1) + " in";
+    }
+  }
+  char mm[64];
+  std::snprintf(mm, sizeof mm, " (%.0f x %.0f mm)", size->width / 100.0, size->length / 100.0);
+  return words(word) + mm;
+}
+
 // The client's language's text for `key`, if PAPPL or the driver has one.
 std::string localized(pappl_client_t* client, const std::string& key, const std::string& fallback) {
   const char* text = papplClientGetLocString(client, key.c_str());
@@ -465,15 +487,9 @@ bool sendInfo(pappl_client_t* client, const Fields& query) {
   for (int i = 0; i < offer.data.num_media; ++i) {
     cups_page_header2_t header;
     if (!pageHeader(offer.data.media[i], dpi, header)) continue;
-    // A size PAPPL has no name for is called by the word in its PWG name.
     const std::string name = offer.data.media[i];
-    const pwg_media_t* size = pwgMediaForPWG(name.c_str());
-    char mm[64];
-    std::snprintf(mm, sizeof mm, " (%.0f x %.0f mm)", size->width / 100.0, size->length / 100.0);
-    const size_t from = name.find('_') + 1, to = name.rfind('_');
-    const std::string word = to > from ? words(name.substr(from, to - from)) : name;
     json += std::string(json.back() == '[' ? "" : ",") + "{\"name\":" + jsonString(name) +
-            ",\"label\":" + jsonString(localized(client, "media." + name, word + mm)) +
+            ",\"label\":" + jsonString(localized(client, "media." + name, sizeLabel(name))) +
             ",\"width\":" + std::to_string(header.cupsWidth) + ",\"height\":" + std::to_string(header.cupsHeight) + "}";
   }
   json += "],\"mediaDefault\":" + jsonString(offer.data.media_default.size_name) + ",\"halftones\":[";
