@@ -29,6 +29,8 @@
 // arguments; inlining them lets the compiler keep the lanes' state in
 // registers.
 #define JVK_INLINE inline __attribute__((always_inline))
+// Loops over a few vectors, unrolled so that the vectors stay in registers.
+#define JVK_UNROLL _Pragma("GCC unroll 8")
 
 namespace {
 
@@ -66,34 +68,120 @@ JVK_TARGET inline void blurVerticalScalar(const uint8_t* const* rows, const doub
   }
 }
 
-JVK_TARGET inline void blurHorizontalToDoublesScalar(const double* p, const double* taps, int size, size_t from,
-                                                     size_t to, double* out) {
-  for (size_t x = from; x < to; ++x) {
-    double sum = 0.0;
-    for (int k = 0; k < size; ++k) sum = p[x + static_cast<size_t>(k)] * taps[k] + sum;
-    out[x] = static_cast<double>(kRoundToByte(sum));
-  }
-}
-
-JVK_TARGET inline void blurVerticalDoublesScalar(const double* const* rows, const double* taps, int size, size_t from,
-                                                 size_t to, uint8_t* out) {
-  for (size_t x = from; x < to; ++x) {
-    double sum = 0.0;
-    for (int k = 0; k < size; ++k) sum = rows[k][x] * taps[k] + sum;
-    out[x] = kRoundToByte(sum);
-  }
-}
-
-JVK_TARGET inline void bytesToDoublesScalar(const uint8_t* in, size_t from, size_t to, double* out) {
-  for (size_t i = from; i < to; ++i) out[i] = static_cast<double>(in[i]);
-}
-
 JVK_TARGET inline void weightedScalar(const uint8_t* a, const uint8_t* b, float alpha, float beta, float gamma,
                                       size_t from, size_t to, uint8_t* out) {
   for (size_t i = from; i < to; ++i) {
     const int32_t r = kRound((static_cast<float>(a[i]) * alpha + static_cast<float>(b[i]) * beta) + gamma);
     out[i] = static_cast<uint8_t>(r < 0 ? 0 : (r > 255 ? 255 : r));
   }
+}
+
+// ---- the unsharp mask's passes over float rows (BlurTaps, jv_kernels.h) ----
+//
+// A vector holds neighbouring pixels of one row. The fast path's float sums
+// only decide which pixels are certain (see BlurTaps); a pixel that is not
+// gets the plain double sum, plainBlurByte.
+
+// Both passes read term k of pixel x at rows[k][x]: the vertical pass from
+// taps2 rows, the horizontal one from the padded row shifted by k.
+
+// The plain sum of one pixel.
+JVK_TARGET inline uint8_t plainBlurByte(const jvk::BlurTaps& t, const float* const* rows, size_t x) {
+  double sum = 0.0;
+  for (int k = 0; k < t.size; ++k) sum = static_cast<double>(rows[k][x]) * t.taps[k] + sum;
+  return kRoundToByte(sum);
+}
+
+// The bytes of U vectors of pixels from x on. The float sums add the middle
+// term first, then each pair of equal taps, in the order blurTapsFor
+// bounds; a lane whose rounding they do not decide is summed plainly.
+template <class V, int U>
+JVK_TARGET JVK_INLINE void blurBytes(const jvk::BlurTaps& t, const float* const* rows, size_t x,
+                                     typename V::I (&bytes)[U]) {
+  constexpr int W = V::VW;
+  typename V::F s[U];
+  const typename V::F middle = V::set1(t.paired[t.half]);
+  JVK_UNROLL for (int u = 0; u < U; ++u) s[u] = V::mul(V::load(rows[t.half] + x + u * W), middle);
+  for (int k = 0; k < t.half; ++k) {
+    const typename V::F tap = V::set1(t.paired[k]);
+    const float* a = rows[k] + x;
+    const float* b = rows[t.size - 1 - k] + x;
+    JVK_UNROLL for (int u = 0; u < U; ++u)
+      s[u] = V::add(V::mul(V::add(V::load(a + u * W), V::load(b + u * W)), tap), s[u]);
+  }
+  const typename V::F low = V::set1(t.low), high = V::set1(t.high);
+  JVK_UNROLL for (int u = 0; u < U; ++u) {
+    const typename V::I lo = V::trunc(V::add(s[u], low));
+    const typename V::I hi = V::trunc(V::add(s[u], high));
+    bytes[u] = V::iand(hi, V::iset1(0xFF));
+    int unsure = ~V::eqBits(lo, hi) & ((1 << W) - 1);
+    if (unsure == 0) continue;
+    alignas(32) int32_t lanes[W];
+    V::istore(lanes, bytes[u]);
+    for (; unsure != 0; unsure &= unsure - 1) {
+      const int i = __builtin_ctz(static_cast<unsigned>(unsure));
+      lanes[i] = plainBlurByte(t, rows, x + static_cast<size_t>(u * W + i));
+    }
+    bytes[u] = V::iload(lanes);
+  }
+}
+
+template <class V>
+JVK_TARGET void blurRowFloatsT(const float* p, const jvk::BlurTaps& t, size_t width, float* out) {
+  constexpr int W = V::VW;
+  constexpr int U = 4;
+  const float* shifted[2 * jvk::kMaxBlurHalf + 1];
+  for (int k = 0; k < t.size && k <= 2 * jvk::kMaxBlurHalf; ++k) shifted[k] = p + k;
+  size_t x = 0;
+  if (t.fast) {
+    for (; x + U * W <= width; x += U * W) {
+      typename V::I bytes[U];
+      blurBytes<V, U>(t, shifted, x, bytes);
+      JVK_UNROLL for (int u = 0; u < U; ++u) V::store(out + x + u * W, V::fromInt(bytes[u]));
+    }
+  }
+  for (; x < width; ++x) {
+    double sum = 0.0;
+    for (int k = 0; k < t.size; ++k) sum = static_cast<double>(p[x + static_cast<size_t>(k)]) * t.taps[k] + sum;
+    out[x] = kRoundToByte(sum);
+  }
+}
+
+// out = clamp(my_round((g * alpha + v * beta) + gamma)), as weightedScalar;
+// my_round's x - 0.5f below zero is x + -0.5f, and NaN gives INT32_MIN
+// either way.
+template <class V>
+JVK_TARGET void blurColumnWeightedT(const float* const* rows, const jvk::BlurTaps& t, const uint8_t* levels,
+                                    float alpha, float beta, float gamma, size_t width, uint8_t* out) {
+  constexpr int W = V::VW;
+  constexpr int U = 4;
+  const typename V::F a = V::set1(alpha), b = V::set1(beta), c = V::set1(gamma), zero = V::zero();
+  const typename V::F plusHalf = V::set1(0.5f), minusHalf = V::set1(-0.5f);
+  size_t x = 0;
+  if (t.fast) {
+    for (; x + U * W <= width; x += U * W) {
+      typename V::I bytes[U];
+      blurBytes<V, U>(t, rows, x, bytes);
+      JVK_UNROLL for (int u = 0; u < U; ++u) {
+        const typename V::F g = V::bytes(levels + x + u * W);
+        const typename V::F sum = V::add(V::add(V::mul(g, a), V::mul(V::fromInt(bytes[u]), b)), c);
+        const typename V::F below = V::cmpgt(zero, sum);
+        V::clampedBytes(V::trunc(V::add(sum, V::select(below, minusHalf, plusHalf))), out + x + u * W);
+      }
+    }
+  }
+  for (; x < width; ++x) {
+    const uint8_t v = plainBlurByte(t, rows, x);
+    const int32_t r = kRound((static_cast<float>(levels[x]) * alpha + static_cast<float>(v) * beta) + gamma);
+    out[x] = static_cast<uint8_t>(r < 0 ? 0 : (r > 255 ? 255 : r));
+  }
+}
+
+template <class V>
+JVK_TARGET void bytesToFloatsT(const uint8_t* in, size_t n, float* out) {
+  size_t i = 0;
+  for (; i + V::VW <= n; i += V::VW) V::store(out + i, V::bytes(in + i));
+  for (; i < n; ++i) out[i] = static_cast<float>(in[i]);
 }
 
 // ---- 8 x 8 byte blocks ----
