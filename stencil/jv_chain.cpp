@@ -137,31 +137,19 @@ BlurTaps blurTapsFor(const double* taps, int size) {
 
 namespace {
 
-// dst[i] = table[src[i]], four at a time.
-void mapBytes(const uint8_t* table, const uint8_t* src, size_t n, uint8_t* dst) {
-  size_t i = 0;
-  for (; i + 4 <= n; i += 4) {
-    const uint8_t a = table[src[i]], b = table[src[i + 1]], c = table[src[i + 2]], d = table[src[i + 3]];
-    dst[i] = a;
-    dst[i + 1] = b;
-    dst[i + 2] = c;
-    dst[i + 3] = d;
-  }
-  for (; i < n; ++i) dst[i] = table[src[i]];
-}
-
 // One thread's rows, whole rows at a time. For output row y the vertical
 // pass reads the horizontally blurred rows clamp(y - half .. y + half),
-// kept as floats in a ring of taps2 rows; the gamma-mapped rows g are kept
-// in a ring beside them, as the weighting reads row y itself. A source row
-// is mapped and blurred before the output row of the same number is
+// kept as floats in a ring of taps2 rows; the gamma-mapped rows g, as
+// floats half a kernel wider on both sides for the horizontal pass, are
+// kept in a ring beside them, as the weighting reads row y itself. A
+// source row is mapped before the output row of the same number is
 // written, so the output may overwrite the source; the rows of the
 // neighbouring threads' shares then come from copies made before any
 // thread started.
 struct UnsharpScratch {
-  std::vector<float> padded;   // g of a source row, half a kernel wider on both sides
+  size_t padded;               // floats in a row of g: width + taps2 - 1
+  std::vector<float> levels;   // ring: taps2 padded rows of g
   std::vector<float> blurred;  // ring: taps2 rows of the horizontal pass
-  std::vector<uint8_t> levels;  // ring: taps2 rows of g
   std::vector<const float*> rowPointers;
   // In place: the source rows [aboveFrom, first) and [end, end + below rows).
   std::vector<uint8_t> above, below;
@@ -169,8 +157,8 @@ struct UnsharpScratch {
 
   UnsharpScratch(int64_t width, int taps2)
       : padded(static_cast<size_t>(width + taps2 - 1)),
+        levels(padded * static_cast<size_t>(taps2)),
         blurred(static_cast<size_t>(width) * static_cast<size_t>(taps2)),
-        levels(static_cast<size_t>(width) * static_cast<size_t>(taps2)),
         rowPointers(static_cast<size_t>(taps2)) {}
 };
 
@@ -178,7 +166,7 @@ struct UnsharpJob {
   const uint8_t* gray;
   int64_t width;
   int64_t height;
-  uint8_t table[256];  // g = table[gray]
+  float table[256];  // g = table[gray], as a float
   jvk::BlurTaps taps;
   float alpha, beta, gamma;
   uint8_t* out;
@@ -186,13 +174,20 @@ struct UnsharpJob {
   const jvk::Kernels* kernels;
 };
 
+// dst[i] = table[src[i]]: a load, a lookup and a store a pixel.
+void mapToFloats(const float* table, const uint8_t* src, size_t n, float* dst) {
+#pragma GCC unroll 8
+  for (size_t i = 0; i < n; ++i) dst[i] = table[src[i]];
+}
+
 void unsharpRows(const UnsharpJob& job, UnsharpScratch& s, int64_t ya, int64_t yb) {
   const int64_t w = job.width;
   const int64_t h = job.height;
   const int taps2 = job.taps.size;
   const int64_t half = job.taps.half;
   const size_t uw = static_cast<size_t>(w);
-  auto slot = [&](int64_t row) { return static_cast<size_t>(row % taps2) * uw; };
+  auto level = [&](int64_t row) { return &s.levels[static_cast<size_t>(row % taps2) * s.padded]; };
+  auto blurred = [&](int64_t row) { return &s.blurred[static_cast<size_t>(row % taps2) * uw]; };
   auto clampRow = [&](int64_t r) { return r < 0 ? 0 : (r > h - 1 ? h - 1 : r); };
   auto sourceRow = [&](int64_t r) -> const uint8_t* {
     if (job.inPlace && r < ya) return &s.above[static_cast<size_t>(r - s.aboveFrom) * uw];
@@ -200,23 +195,20 @@ void unsharpRows(const UnsharpJob& job, UnsharpScratch& s, int64_t ya, int64_t y
     return job.gray + r * w;
   };
 
-  float* p = s.padded.data();
   int64_t next = clampRow(ya - half);  // the next row to blur horizontally
   for (int64_t y = ya; y < yb; ++y) {
     for (const int64_t last = clampRow(y + half); next <= last; ++next) {
-      uint8_t* g = &s.levels[slot(next)];
-      mapBytes(job.table, sourceRow(next), uw, g);
-      job.kernels->bytesToFloats(g, uw, p + half);
+      float* p = level(next);
+      mapToFloats(job.table, sourceRow(next), uw, p + half);
       for (int64_t i = 0; i < half; ++i) {
         p[i] = p[half];
         p[half + w + i] = p[half + w - 1];
       }
-      job.kernels->blurRowFloats(p, job.taps, uw, &s.blurred[slot(next)]);
+      job.kernels->blurRowFloats(p, job.taps, uw, blurred(next));
     }
-    for (int k = 0; k < taps2; ++k)
-      s.rowPointers[static_cast<size_t>(k)] = &s.blurred[slot(clampRow(y - half + k))];
-    job.kernels->blurColumnWeighted(s.rowPointers.data(), job.taps, &s.levels[slot(y)], job.alpha, job.beta,
-                                    job.gamma, uw, job.out + y * w);
+    for (int k = 0; k < taps2; ++k) s.rowPointers[static_cast<size_t>(k)] = blurred(clampRow(y - half + k));
+    job.kernels->blurColumnWeighted(s.rowPointers.data(), job.taps, level(y) + half, job.alpha, job.beta, job.gamma,
+                                    uw, job.out + y * w);
   }
 }
 
@@ -229,7 +221,7 @@ void unsharpInto(const uint8_t* gray, int64_t width, int64_t height, const uint8
   job.gray = gray;
   job.width = width;
   job.height = height;
-  for (int v = 0; v < 256; ++v) job.table[v] = table != nullptr ? table[v] : static_cast<uint8_t>(v);
+  for (int v = 0; v < 256; ++v) job.table[v] = static_cast<float>(table != nullptr ? table[v] : v);
   job.taps = blurTapsFor(taps, taps2);
   job.alpha = 1.0f + weight;
   job.beta = -weight;

@@ -107,12 +107,10 @@ struct Kernels {
   // as blurHorizontal and blurVertical; see BlurTaps for how.
   // out[x] = the byte blurHorizontal gives, as a float.
   void (*blurRowFloats)(const float* padded, const BlurTaps& taps, size_t width, float* out);
-  // The byte v that blurVertical gives for rows[k][x], weighted with
-  // levels[x] as `weighted` does.
-  void (*blurColumnWeighted)(const float* const* rows, const BlurTaps& taps, const uint8_t* levels, float alpha,
+  // The byte v that blurVertical gives for rows[k][x], weighted with the
+  // level levels[x] (a whole number 0..255) as `weighted` does.
+  void (*blurColumnWeighted)(const float* const* rows, const BlurTaps& taps, const float* levels, float alpha,
                              float beta, float gamma, size_t width, uint8_t* out);
-  // out[i] = (float)in[i].
-  void (*bytesToFloats)(const uint8_t* in, size_t n, float* out);
   // out[i] = clamp(my_round((a[i] * alpha + b[i] * beta) + gamma), 0, 255).
   void (*weighted)(const uint8_t* a, const uint8_t* b, float alpha, float beta, float gamma, size_t n, uint8_t* out);
 };

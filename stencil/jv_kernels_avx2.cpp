@@ -55,6 +55,8 @@ struct VAvx2 {
   JVK_TARGET static I iand(I a, I b) { return _mm256_and_si256(a, b); }
   // Bit i set where lane i of a equals lane i of b.
   JVK_TARGET static int eqBits(I a, I b) { return _mm256_movemask_ps(_mm256_castsi256_ps(_mm256_cmpeq_epi32(a, b))); }
+  JVK_TARGET static I ieq(I a, I b) { return _mm256_cmpeq_epi32(a, b); }
+  JVK_TARGET static bool allOnes(I a) { return _mm256_movemask_ps(_mm256_castsi256_ps(a)) == 0xFF; }
   JVK_TARGET static void istore(int32_t* p, I v) { _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), v); }
   // Eight values clamped to 0..255 (saturating packs) as eight bytes.
   JVK_TARGET static void clampedBytes(I r, uint8_t* p) {
@@ -160,12 +162,11 @@ JVK_TARGET void blurRowFloatsAvx2(const float* p, const jvk::BlurTaps& taps, siz
   blurRowFloatsT<VAvx2>(p, taps, width, out);
 }
 
-JVK_TARGET void blurColumnWeightedAvx2(const float* const* rows, const jvk::BlurTaps& taps, const uint8_t* levels,
+JVK_TARGET void blurColumnWeightedAvx2(const float* const* rows, const jvk::BlurTaps& taps, const float* levels,
                                        float alpha, float beta, float gamma, size_t width, uint8_t* out) {
   blurColumnWeightedT<VAvx2>(rows, taps, levels, alpha, beta, gamma, width, out);
 }
 
-JVK_TARGET void bytesToFloatsAvx2(const uint8_t* in, size_t n, float* out) { bytesToFloatsT<VAvx2>(in, n, out); }
 
 // Eight bytes as eight floats.
 JVK_TARGET inline __m256 eightFloats(const uint8_t* p) {
@@ -198,7 +199,6 @@ const jvk::Kernels kAvx2 = {kJvSimdAvx2,
                             blurVerticalAvx2,
                             blurRowFloatsAvx2,
                             blurColumnWeightedAvx2,
-                            bytesToFloatsAvx2,
                             weightedAvx2};
 
 }  // namespace

@@ -110,11 +110,20 @@ JVK_TARGET JVK_INLINE void blurBytes(const jvk::BlurTaps& t, const float* const*
       s[u] = V::add(V::mul(V::add(V::load(a + u * W), V::load(b + u * W)), tap), s[u]);
   }
   const typename V::F low = V::set1(t.low), high = V::set1(t.high);
+  typename V::I agree = V::iset1(-1);
+  typename V::I lo[U];
   JVK_UNROLL for (int u = 0; u < U; ++u) {
-    const typename V::I lo = V::trunc(V::add(s[u], low));
-    const typename V::I hi = V::trunc(V::add(s[u], high));
-    bytes[u] = V::iand(hi, V::iset1(0xFF));
-    int unsure = ~V::eqBits(lo, hi) & ((1 << W) - 1);
+    lo[u] = V::trunc(V::add(s[u], low));
+    bytes[u] = V::trunc(V::add(s[u], high));
+    agree = V::iand(agree, V::ieq(lo[u], bytes[u]));
+  }
+  if (V::allOnes(agree)) {
+    JVK_UNROLL for (int u = 0; u < U; ++u) bytes[u] = V::iand(bytes[u], V::iset1(0xFF));
+    return;
+  }
+  for (int u = 0; u < U; ++u) {
+    int unsure = ~V::eqBits(lo[u], bytes[u]) & ((1 << W) - 1);
+    bytes[u] = V::iand(bytes[u], V::iset1(0xFF));
     if (unsure == 0) continue;
     alignas(32) int32_t lanes[W];
     V::istore(lanes, bytes[u]);
@@ -151,7 +160,7 @@ JVK_TARGET void blurRowFloatsT(const float* p, const jvk::BlurTaps& t, size_t wi
 // my_round's x - 0.5f below zero is x + -0.5f, and NaN gives INT32_MIN
 // either way.
 template <class V>
-JVK_TARGET void blurColumnWeightedT(const float* const* rows, const jvk::BlurTaps& t, const uint8_t* levels,
+JVK_TARGET void blurColumnWeightedT(const float* const* rows, const jvk::BlurTaps& t, const float* levels,
                                     float alpha, float beta, float gamma, size_t width, uint8_t* out) {
   constexpr int W = V::VW;
   constexpr int U = 4;
@@ -163,7 +172,7 @@ JVK_TARGET void blurColumnWeightedT(const float* const* rows, const jvk::BlurTap
       typename V::I bytes[U];
       blurBytes<V, U>(t, rows, x, bytes);
       JVK_UNROLL for (int u = 0; u < U; ++u) {
-        const typename V::F g = V::bytes(levels + x + u * W);
+        const typename V::F g = V::load(levels + x + u * W);
         const typename V::F sum = V::add(V::add(V::mul(g, a), V::mul(V::fromInt(bytes[u]), b)), c);
         const typename V::F below = V::cmpgt(zero, sum);
         V::clampedBytes(V::trunc(V::add(sum, V::select(below, minusHalf, plusHalf))), out + x + u * W);
@@ -172,16 +181,9 @@ JVK_TARGET void blurColumnWeightedT(const float* const* rows, const jvk::BlurTap
   }
   for (; x < width; ++x) {
     const uint8_t v = plainBlurByte(t, rows, x);
-    const int32_t r = kRound((static_cast<float>(levels[x]) * alpha + static_cast<float>(v) * beta) + gamma);
+    const int32_t r = kRound((levels[x] * alpha + static_cast<float>(v) * beta) + gamma);
     out[x] = static_cast<uint8_t>(r < 0 ? 0 : (r > 255 ? 255 : r));
   }
-}
-
-template <class V>
-JVK_TARGET void bytesToFloatsT(const uint8_t* in, size_t n, float* out) {
-  size_t i = 0;
-  for (; i + V::VW <= n; i += V::VW) V::store(out + i, V::bytes(in + i));
-  for (; i < n; ++i) out[i] = static_cast<float>(in[i]);
 }
 
 // ---- 8 x 8 byte blocks ----

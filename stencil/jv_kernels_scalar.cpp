@@ -53,6 +53,8 @@ struct VScalar {
   static F fromInt(I a) { return static_cast<float>(a); }
   static I iand(I a, I b) { return a & b; }
   static int eqBits(I a, I b) { return a == b ? 1 : 0; }
+  static I ieq(I a, I b) { return a == b ? -1 : 0; }
+  static bool allOnes(I a) { return a == -1; }
   static void istore(int32_t* p, I v) { *p = v; }
   static void clampedBytes(I r, uint8_t* p) { p[0] = static_cast<uint8_t>(r < 0 ? 0 : (r > 255 ? 255 : r)); }
 };
@@ -69,12 +71,11 @@ void blurRowFloats(const float* p, const jvk::BlurTaps& taps, size_t width, floa
   blurRowFloatsT<VScalar>(p, taps, width, out);
 }
 
-void blurColumnWeighted(const float* const* rows, const jvk::BlurTaps& taps, const uint8_t* levels, float alpha,
+void blurColumnWeighted(const float* const* rows, const jvk::BlurTaps& taps, const float* levels, float alpha,
                         float beta, float gamma, size_t width, uint8_t* out) {
   blurColumnWeightedT<VScalar>(rows, taps, levels, alpha, beta, gamma, width, out);
 }
 
-void bytesToFloats(const uint8_t* in, size_t n, float* out) { bytesToFloatsT<VScalar>(in, n, out); }
 
 void weighted(const uint8_t* a, const uint8_t* b, float alpha, float beta, float gamma, size_t n, uint8_t* out) {
   weightedScalar(a, b, alpha, beta, gamma, 0, n, out);
@@ -83,8 +84,7 @@ void weighted(const uint8_t* a, const uint8_t* b, float alpha, float beta, float
 void edfBandScalar(const jvk::EdfBand& band) { edfBand<VScalar, 8>(band); }
 
 const jvk::Kernels kScalar = {
-    kJvSimdScalar, 8, edfBandScalar, blurHorizontal, blurVertical, blurRowFloats, blurColumnWeighted, bytesToFloats,
-    weighted};
+    kJvSimdScalar, 8, edfBandScalar, blurHorizontal, blurVertical, blurRowFloats, blurColumnWeighted, weighted};
 
 }  // namespace
 

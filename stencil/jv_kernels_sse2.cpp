@@ -58,6 +58,8 @@ struct VSse2 {
   static I iand(I a, I b) { return _mm_and_si128(a, b); }
   // Bit i set where lane i of a equals lane i of b.
   static int eqBits(I a, I b) { return _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(a, b))); }
+  static I ieq(I a, I b) { return _mm_cmpeq_epi32(a, b); }
+  static bool allOnes(I a) { return _mm_movemask_ps(_mm_castsi128_ps(a)) == 0xF; }
   static void istore(int32_t* p, I v) { _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v); }
   // Four values clamped to 0..255 (saturating packs) as four bytes.
   static void clampedBytes(I r, uint8_t* p) {
@@ -176,12 +178,11 @@ void blurRowFloatsSse2(const float* p, const jvk::BlurTaps& taps, size_t width, 
   blurRowFloatsT<VSse2>(p, taps, width, out);
 }
 
-void blurColumnWeightedSse2(const float* const* rows, const jvk::BlurTaps& taps, const uint8_t* levels, float alpha,
+void blurColumnWeightedSse2(const float* const* rows, const jvk::BlurTaps& taps, const float* levels, float alpha,
                             float beta, float gamma, size_t width, uint8_t* out) {
   blurColumnWeightedT<VSse2>(rows, taps, levels, alpha, beta, gamma, width, out);
 }
 
-void bytesToFloatsSse2(const uint8_t* in, size_t n, float* out) { bytesToFloatsT<VSse2>(in, n, out); }
 
 inline __m128 fourFloats(const uint8_t* p) {
   const __m128i z = _mm_setzero_si128();
@@ -208,7 +209,6 @@ const jvk::Kernels kSse2 = {kJvSimdSse2,
                             blurVerticalSse2,
                             blurRowFloatsSse2,
                             blurColumnWeightedSse2,
-                            bytesToFloatsSse2,
                             weightedSse2};
 
 }  // namespace

@@ -35,7 +35,7 @@ void grayChainInto(const unsigned char* gray, int width, int height, Variant var
 
   jvUnsharpGrayInto(gray, width, height, table, 300.0f, 11, options, out);
   jvk::edfInPlace(out, width, height, t, jvk::kernelsFor(jvSimdLevelFor(options)),
-                  jvThreadsFor(options, static_cast<int64_t>(width) * height));
+                  jvDiffusionThreadsFor(options, static_cast<int64_t>(width) * height));
 }
 
 JVImage grayChain(const unsigned char* gray, int width, int height, Variant variant, bool guarded,
@@ -70,7 +70,8 @@ JVImage edf_cus(const JVImage& src, int threshold, const JVRunOptions& options) 
   }
   // One byte a pixel is read, whatever the record's layout.
   std::memcpy(out.data, src.data, static_cast<size_t>(w * h));
-  jvk::edfInPlace(out.data, w, h, threshold, jvk::kernelsFor(jvSimdLevelFor(options)), jvThreadsFor(options, w * h));
+  jvk::edfInPlace(out.data, w, h, threshold, jvk::kernelsFor(jvSimdLevelFor(options)),
+                  jvDiffusionThreadsFor(options, w * h));
   return out;
 }
 
