@@ -148,6 +148,11 @@ JVK_TARGET void blurRowFloatsT(const float* p, const jvk::BlurTaps& t, size_t wi
       blurBytes<V, U>(t, shifted, x, bytes);
       JVK_UNROLL for (int u = 0; u < U; ++u) V::store(out + x + u * W, V::fromInt(bytes[u]));
     }
+    for (; x + W <= width; x += W) {
+      typename V::I bytes[1];
+      blurBytes<V, 1>(t, shifted, x, bytes);
+      V::store(out + x, V::fromInt(bytes[0]));
+    }
   }
   for (; x < width; ++x) {
     double sum = 0.0;
@@ -160,23 +165,34 @@ JVK_TARGET void blurRowFloatsT(const float* p, const jvk::BlurTaps& t, size_t wi
 // my_round's x - 0.5f below zero is x + -0.5f, and NaN gives INT32_MIN
 // either way.
 template <class V>
+struct Weights {
+  typename V::F alpha, beta, gamma, zero, plusHalf, minusHalf;
+};
+
+template <class V>
+JVK_TARGET JVK_INLINE void weightedBytes(const Weights<V>& c, const float* g, typename V::I v, uint8_t* out) {
+  const typename V::F sum = V::add(V::add(V::mul(V::load(g), c.alpha), V::mul(V::fromInt(v), c.beta)), c.gamma);
+  const typename V::F below = V::cmpgt(c.zero, sum);
+  V::clampedBytes(V::trunc(V::add(sum, V::select(below, c.minusHalf, c.plusHalf))), out);
+}
+
+template <class V>
 JVK_TARGET void blurColumnWeightedT(const float* const* rows, const jvk::BlurTaps& t, const float* levels,
                                     float alpha, float beta, float gamma, size_t width, uint8_t* out) {
   constexpr int W = V::VW;
   constexpr int U = 4;
-  const typename V::F a = V::set1(alpha), b = V::set1(beta), c = V::set1(gamma), zero = V::zero();
-  const typename V::F plusHalf = V::set1(0.5f), minusHalf = V::set1(-0.5f);
+  const Weights<V> c{V::set1(alpha), V::set1(beta), V::set1(gamma), V::zero(), V::set1(0.5f), V::set1(-0.5f)};
   size_t x = 0;
   if (t.fast) {
     for (; x + U * W <= width; x += U * W) {
       typename V::I bytes[U];
       blurBytes<V, U>(t, rows, x, bytes);
-      JVK_UNROLL for (int u = 0; u < U; ++u) {
-        const typename V::F g = V::load(levels + x + u * W);
-        const typename V::F sum = V::add(V::add(V::mul(g, a), V::mul(V::fromInt(bytes[u]), b)), c);
-        const typename V::F below = V::cmpgt(zero, sum);
-        V::clampedBytes(V::trunc(V::add(sum, V::select(below, minusHalf, plusHalf))), out + x + u * W);
-      }
+      JVK_UNROLL for (int u = 0; u < U; ++u) weightedBytes<V>(c, levels + x + u * W, bytes[u], out + x + u * W);
+    }
+    for (; x + W <= width; x += W) {
+      typename V::I bytes[1];
+      blurBytes<V, 1>(t, rows, x, bytes);
+      weightedBytes<V>(c, levels + x, bytes[0], out + x);
     }
   }
   for (; x < width; ++x) {
