@@ -95,17 +95,20 @@ JVK_TARGET inline uint8_t plainBlurByte(const jvk::BlurTaps& t, const float* con
 // The bytes of U vectors of pixels from x on. The float sums add the middle
 // term first, then each pair of equal taps, in the order blurTapsFor
 // bounds; a lane whose rounding they do not decide is summed plainly.
-template <class V, int U>
+// Half: t.half when known at compile time (the loop over the taps is then
+// unrolled), 0 otherwise.
+template <class V, int U, int Half>
 JVK_TARGET JVK_INLINE void blurBytes(const jvk::BlurTaps& t, const float* const* rows, size_t x,
                                      typename V::I (&bytes)[U]) {
   constexpr int W = V::VW;
+  const int half = Half > 0 ? Half : t.half;
   typename V::F s[U];
-  const typename V::F middle = V::set1(t.paired[t.half]);
-  JVK_UNROLL for (int u = 0; u < U; ++u) s[u] = V::mul(V::load(rows[t.half] + x + u * W), middle);
-  for (int k = 0; k < t.half; ++k) {
+  const typename V::F middle = V::set1(t.paired[half]);
+  JVK_UNROLL for (int u = 0; u < U; ++u) s[u] = V::mul(V::load(rows[half] + x + u * W), middle);
+  JVK_UNROLL for (int k = 0; k < half; ++k) {
     const typename V::F tap = V::set1(t.paired[k]);
     const float* a = rows[k] + x;
-    const float* b = rows[t.size - 1 - k] + x;
+    const float* b = rows[2 * half - k] + x;
     JVK_UNROLL for (int u = 0; u < U; ++u)
       s[u] = V::add(V::mul(V::add(V::load(a + u * W), V::load(b + u * W)), tap), s[u]);
   }
@@ -135,25 +138,37 @@ JVK_TARGET JVK_INLINE void blurBytes(const jvk::BlurTaps& t, const float* const*
   }
 }
 
-template <class V>
-JVK_TARGET void blurRowFloatsT(const float* p, const jvk::BlurTaps& t, size_t width, float* out) {
+// The chain's blur has 11 taps; its passes get their own copy of the loops.
+constexpr int kChainHalf = 5;
+
+// The horizontal pass over whole vectors; returns where they end.
+template <class V, int Half>
+JVK_TARGET JVK_INLINE size_t blurRowVectors(const jvk::BlurTaps& t, const float* const* shifted, size_t width,
+                                            float* out) {
   constexpr int W = V::VW;
   constexpr int U = 4;
+  size_t x = 0;
+  for (; x + U * W <= width; x += U * W) {
+    typename V::I bytes[U];
+    blurBytes<V, U, Half>(t, shifted, x, bytes);
+    JVK_UNROLL for (int u = 0; u < U; ++u) V::store(out + x + u * W, V::fromInt(bytes[u]));
+  }
+  for (; x + W <= width; x += W) {
+    typename V::I bytes[1];
+    blurBytes<V, 1, Half>(t, shifted, x, bytes);
+    V::store(out + x, V::fromInt(bytes[0]));
+  }
+  return x;
+}
+
+template <class V>
+JVK_TARGET void blurRowFloatsT(const float* p, const jvk::BlurTaps& t, size_t width, float* out) {
   const float* shifted[2 * jvk::kMaxBlurHalf + 1];
   for (int k = 0; k < t.size && k <= 2 * jvk::kMaxBlurHalf; ++k) shifted[k] = p + k;
   size_t x = 0;
-  if (t.fast) {
-    for (; x + U * W <= width; x += U * W) {
-      typename V::I bytes[U];
-      blurBytes<V, U>(t, shifted, x, bytes);
-      JVK_UNROLL for (int u = 0; u < U; ++u) V::store(out + x + u * W, V::fromInt(bytes[u]));
-    }
-    for (; x + W <= width; x += W) {
-      typename V::I bytes[1];
-      blurBytes<V, 1>(t, shifted, x, bytes);
-      V::store(out + x, V::fromInt(bytes[0]));
-    }
-  }
+  if (t.fast)
+    x = t.half == kChainHalf ? blurRowVectors<V, kChainHalf>(t, shifted, width, out)
+                             : blurRowVectors<V, 0>(t, shifted, width, out);
   for (; x < width; ++x) {
     double sum = 0.0;
     for (int k = 0; k < t.size; ++k) sum = static_cast<double>(p[x + static_cast<size_t>(k)]) * t.taps[k] + sum;
@@ -176,25 +191,35 @@ JVK_TARGET JVK_INLINE void weightedBytes(const Weights<V>& c, const float* g, ty
   V::clampedBytes(V::trunc(V::add(sum, V::select(below, c.minusHalf, c.plusHalf))), out);
 }
 
+// The vertical pass and the weighting over whole vectors; returns where
+// they end.
+template <class V, int Half>
+JVK_TARGET JVK_INLINE size_t blurColumnVectors(const jvk::BlurTaps& t, const float* const* rows, const float* levels,
+                                               const Weights<V>& c, size_t width, uint8_t* out) {
+  constexpr int W = V::VW;
+  constexpr int U = 4;
+  size_t x = 0;
+  for (; x + U * W <= width; x += U * W) {
+    typename V::I bytes[U];
+    blurBytes<V, U, Half>(t, rows, x, bytes);
+    JVK_UNROLL for (int u = 0; u < U; ++u) weightedBytes<V>(c, levels + x + u * W, bytes[u], out + x + u * W);
+  }
+  for (; x + W <= width; x += W) {
+    typename V::I bytes[1];
+    blurBytes<V, 1, Half>(t, rows, x, bytes);
+    weightedBytes<V>(c, levels + x, bytes[0], out + x);
+  }
+  return x;
+}
+
 template <class V>
 JVK_TARGET void blurColumnWeightedT(const float* const* rows, const jvk::BlurTaps& t, const float* levels,
                                     float alpha, float beta, float gamma, size_t width, uint8_t* out) {
-  constexpr int W = V::VW;
-  constexpr int U = 4;
   const Weights<V> c{V::set1(alpha), V::set1(beta), V::set1(gamma), V::zero(), V::set1(0.5f), V::set1(-0.5f)};
   size_t x = 0;
-  if (t.fast) {
-    for (; x + U * W <= width; x += U * W) {
-      typename V::I bytes[U];
-      blurBytes<V, U>(t, rows, x, bytes);
-      JVK_UNROLL for (int u = 0; u < U; ++u) weightedBytes<V>(c, levels + x + u * W, bytes[u], out + x + u * W);
-    }
-    for (; x + W <= width; x += W) {
-      typename V::I bytes[1];
-      blurBytes<V, 1>(t, rows, x, bytes);
-      weightedBytes<V>(c, levels + x, bytes[0], out + x);
-    }
-  }
+  if (t.fast)
+    x = t.half == kChainHalf ? blurColumnVectors<V, kChainHalf>(t, rows, levels, c, width, out)
+                             : blurColumnVectors<V, 0>(t, rows, levels, c, width, out);
   for (; x < width; ++x) {
     const uint8_t v = plainBlurByte(t, rows, x);
     const int32_t r = kRound((levels[x] * alpha + static_cast<float>(v) * beta) + gamma);
