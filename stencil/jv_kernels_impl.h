@@ -382,7 +382,9 @@ struct EdfBlockIo {
   int64_t outLag;
 };
 
-template <class V, int K, int Step, bool Body, bool Capture>
+// Linked: the band has a band above and one below, and every position the
+// block hands over lies on the page, so none of them is checked.
+template <class V, int K, int Step, bool Body, bool Capture, bool Linked>
 JVK_TARGET JVK_INLINE void edfSteps(EdfRegs<V> (&g)[K], const EdfConsts<V>& c, const EdfBlockIo& io, int64_t t0,
                                     const uint8_t* levels, uint8_t* dots, float* captured) {
   const int64_t t = t0 + Step;
@@ -390,9 +392,16 @@ JVK_TARGET JVK_INLINE void edfSteps(EdfRegs<V> (&g)[K], const EdfConsts<V>& c, c
   // What lane 0 takes from the band above: its completed cell x + 2, and
   // whether its pixel x + 4 (used 4 steps from now) is 0.
   const int64_t cellPos = t + 2;
-  const float cellIn = (io.handIn != nullptr && cellPos >= 0 && cellPos < w) ? io.handIn[cellPos] : 0.0f;
   const int64_t dotPos = t + jvk::kEdfLag;
-  const bool zeroAbove = io.above != nullptr && dotPos >= 0 && dotPos < w && io.above[dotPos] == 0;
+  float cellIn;
+  bool zeroAbove;
+  if constexpr (Linked) {
+    cellIn = io.handIn[cellPos];
+    zeroAbove = io.above[dotPos] == 0;
+  } else {
+    cellIn = (io.handIn != nullptr && cellPos >= 0 && cellPos < w) ? io.handIn[cellPos] : 0.0f;
+    zeroAbove = io.above != nullptr && dotPos >= 0 && dotPos < w && io.above[dotPos] == 0;
+  }
   // As a mask by arithmetic: a `? :` here became a branch on the pixel.
   const uint32_t zeroBits = 0u - static_cast<uint32_t>(zeroAbove);
   float zeroMask;
@@ -400,9 +409,10 @@ JVK_TARGET JVK_INLINE void edfSteps(EdfRegs<V> (&g)[K], const EdfConsts<V>& c, c
   edfStepAll<V, K, 0, Step, Body, Capture>(g, c, levels, dots, captured);
   edfPassDown<V, K, 0, Step>(g, V::set1(cellIn), V::set1(zeroMask));
   const int64_t outPos = t - io.outLag;
-  if (io.handOut != nullptr && outPos >= 0 && outPos < w) io.handOut[outPos] = V::lane0(V::rot(g[K - 1].done));
+  if (Linked || (io.handOut != nullptr && outPos >= 0 && outPos < w))
+    io.handOut[outPos] = V::lane0(V::rot(g[K - 1].done));
   if constexpr (Step + 1 < jvk::kEdfBlock)
-    edfSteps<V, K, Step + 1, Body, Capture>(g, c, io, t0, levels, dots, captured);
+    edfSteps<V, K, Step + 1, Body, Capture, Linked>(g, c, io, t0, levels, dots, captured);
 }
 
 template <class V, int K, bool Capture>
@@ -482,32 +492,37 @@ JVK_TARGET void edfBandKernel(const jvk::EdfBand& a) {
     // no position masks and no clipping.
     const bool body = fullBand && t0 - int64_t{L} * (R - 1) >= 1 && t0 + B - 1 <= w - 2;
 
+    // Lane j reads and writes the eight pixels from x0 = t0 - L * j on.
     for (int gr = 0; gr < G; ++gr) {
       const uint8_t* src[8];
-      for (int l = 0; l < 8; ++l) {
-        const int j = gr * 8 + l;
-        const int64_t x0 = t0 - int64_t{L} * j;
-        src[l] = body ? rows[j] + x0 : clippedEight(rows[j], x0, w, scratch[l]);
+      if (body) {
+        JVK_UNROLL for (int l = 0; l < 8; ++l) src[l] = rows[gr * 8 + l] + (t0 - int64_t{L} * (gr * 8 + l));
+      } else {
+        for (int l = 0; l < 8; ++l)
+          src[l] = clippedEight(rows[gr * 8 + l], t0 - int64_t{L} * (gr * 8 + l), w, scratch[l]);
       }
       transpose8x8(src, levels + gr * 64);
     }
 
-    if (body)
-      edfSteps<V, K, 0, true, Capture>(g, c, io, t0, levels, dots, captured);
+    const bool linked = body && io.handIn != nullptr && io.above != nullptr && io.handOut != nullptr && t0 + 2 >= 0 &&
+                        t0 + B - 1 + L < w && t0 - io.outLag >= 0 && t0 + B - 1 - io.outLag < w;
+    if (linked)
+      edfSteps<V, K, 0, true, Capture, true>(g, c, io, t0, levels, dots, captured);
+    else if (body)
+      edfSteps<V, K, 0, true, Capture, false>(g, c, io, t0, levels, dots, captured);
     else
-      edfSteps<V, K, 0, false, Capture>(g, c, io, t0, levels, dots, captured);
+      edfSteps<V, K, 0, false, Capture, false>(g, c, io, t0, levels, dots, captured);
 
     for (int gr = 0; gr < G; ++gr) {
       const uint8_t* src[8];
-      for (int s = 0; s < 8; ++s) src[s] = dots + gr * 64 + s * 8;
+      JVK_UNROLL for (int s = 0; s < 8; ++s) src[s] = dots + gr * 64 + s * 8;
       transpose8x8(src, byLane);
-      for (int l = 0; l < 8; ++l) {
-        const int j = gr * 8 + l;
-        const int64_t x0 = t0 - int64_t{L} * j;
-        if (body)
-          std::memcpy(rows[j] + x0, byLane + l * 8, 8);
-        else
-          storeClippedEight(rows[j], x0, w, byLane + l * 8);
+      if (body) {
+        JVK_UNROLL for (int l = 0; l < 8; ++l)
+          std::memcpy(rows[gr * 8 + l] + (t0 - int64_t{L} * (gr * 8 + l)), byLane + l * 8, 8);
+      } else {
+        for (int l = 0; l < 8; ++l)
+          storeClippedEight(rows[gr * 8 + l], t0 - int64_t{L} * (gr * 8 + l), w, byLane + l * 8);
       }
     }
     if constexpr (Capture) {
