@@ -1,5 +1,6 @@
 #include "support/page_buffer.h"
 
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 
@@ -24,6 +25,10 @@ int64_t threadCpuNs() {
   return static_cast<int64_t>(t.tv_sec) * 1000000000 + t.tv_nsec;
 }
 
+// Set once a huge page came slowly: the host takes free memory back all the
+// time, so later buffers of this process take ordinary pages throughout.
+std::atomic<bool> hugePagesCold{false};
+
 // Faults the buffer's huge pages in one by one; from the first that comes
 // slowly on, the rest of the buffer takes ordinary pages.
 void takeHugePagesWhileWarm(unsigned char* p, size_t bytes) {
@@ -31,6 +36,7 @@ void takeHugePagesWhileWarm(unsigned char* p, size_t bytes) {
     const int64_t start = threadCpuNs();
     *static_cast<volatile unsigned char*>(p + at) = 0;
     if (threadCpuNs() - start > kColdHugePageNs) {
+      hugePagesCold.store(true, std::memory_order_relaxed);
       if (at + kHugePage < bytes) madvise(p + at + kHugePage, bytes - at - kHugePage, MADV_NOHUGEPAGE);
       return;
     }
@@ -48,7 +54,8 @@ void* kelvoPageBuffer(size_t bytes) {
   if (posix_memalign(&p, kHugePage, rounded) != 0) return nullptr;
 #if defined(__linux__) && defined(MADV_HUGEPAGE)
   // Advice only: where it fails, the faults below are ordinary ones.
-  if (madvise(p, rounded, MADV_HUGEPAGE) == 0) takeHugePagesWhileWarm(static_cast<unsigned char*>(p), rounded);
+  if (!hugePagesCold.load(std::memory_order_relaxed) && madvise(p, rounded, MADV_HUGEPAGE) == 0)
+    takeHugePagesWhileWarm(static_cast<unsigned char*>(p), rounded);
 #endif
   return p;
 }

@@ -14,5 +14,6 @@
 // ten to forty times as much as an ordinary page's share; ordinary pages
 // come from memory freed a moment ago. So the huge pages are faulted in
 // here, one after the other, and from the first that comes slowly on the
-// rest of the buffer takes ordinary pages.
+// rest of the buffer, and every later buffer of the process, takes
+// ordinary pages.
 void* kelvoPageBuffer(size_t bytes);
