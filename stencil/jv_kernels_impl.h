@@ -141,34 +141,47 @@ JVK_TARGET JVK_INLINE void blurBytes(const jvk::BlurTaps& t, const float* const*
 // The chain's blur has 11 taps; its passes get their own copy of the loops.
 constexpr int kChainHalf = 5;
 
-// The horizontal pass over whole vectors; returns where they end.
-template <class V, int Half>
-JVK_TARGET JVK_INLINE size_t blurRowVectors(const jvk::BlurTaps& t, const float* const* shifted, size_t width,
-                                            float* out) {
+// A pass over whole vectors, each vector of bytes handed to sink(bytes, x);
+// returns where the vectors end.
+template <class V, int Half, class Sink>
+JVK_TARGET JVK_INLINE size_t blurVectors(const jvk::BlurTaps& t, const float* const* rows, size_t width,
+                                         const Sink& sink) {
   constexpr int W = V::VW;
   constexpr int U = 4;
   size_t x = 0;
   for (; x + U * W <= width; x += U * W) {
     typename V::I bytes[U];
-    blurBytes<V, U, Half>(t, shifted, x, bytes);
-    JVK_UNROLL for (int u = 0; u < U; ++u) V::store(out + x + u * W, V::fromInt(bytes[u]));
+    blurBytes<V, U, Half>(t, rows, x, bytes);
+    JVK_UNROLL for (int u = 0; u < U; ++u) sink(bytes[u], x + u * W);
   }
   for (; x + W <= width; x += W) {
     typename V::I bytes[1];
-    blurBytes<V, 1, Half>(t, shifted, x, bytes);
-    V::store(out + x, V::fromInt(bytes[0]));
+    blurBytes<V, 1, Half>(t, rows, x, bytes);
+    sink(bytes[0], x);
   }
   return x;
 }
+
+template <class V, class Sink>
+JVK_TARGET JVK_INLINE size_t blurVectors(const jvk::BlurTaps& t, const float* const* rows, size_t width,
+                                         const Sink& sink) {
+  if (!t.fast) return 0;
+  return t.half == kChainHalf ? blurVectors<V, kChainHalf>(t, rows, width, sink)
+                              : blurVectors<V, 0>(t, rows, width, sink);
+}
+
+// The horizontal pass keeps its bytes as floats for the vertical one.
+template <class V>
+struct FloatSink {
+  float* out;
+  JVK_TARGET JVK_INLINE void operator()(typename V::I bytes, size_t x) const { V::store(out + x, V::fromInt(bytes)); }
+};
 
 template <class V>
 JVK_TARGET void blurRowFloatsT(const float* p, const jvk::BlurTaps& t, size_t width, float* out) {
   const float* shifted[2 * jvk::kMaxBlurHalf + 1];
   for (int k = 0; k < t.size && k <= 2 * jvk::kMaxBlurHalf; ++k) shifted[k] = p + k;
-  size_t x = 0;
-  if (t.fast)
-    x = t.half == kChainHalf ? blurRowVectors<V, kChainHalf>(t, shifted, width, out)
-                             : blurRowVectors<V, 0>(t, shifted, width, out);
+  size_t x = blurVectors<V>(t, shifted, width, FloatSink<V>{out});
   for (; x < width; ++x) {
     double sum = 0.0;
     for (int k = 0; k < t.size; ++k) sum = static_cast<double>(p[x + static_cast<size_t>(k)]) * t.taps[k] + sum;
@@ -176,50 +189,29 @@ JVK_TARGET void blurRowFloatsT(const float* p, const jvk::BlurTaps& t, size_t wi
   }
 }
 
+// The vertical pass weights its bytes v with the levels g:
 // out = clamp(my_round((g * alpha + v * beta) + gamma)), as weightedScalar;
 // my_round's x - 0.5f below zero is x + -0.5f, and NaN gives INT32_MIN
 // either way.
 template <class V>
-struct Weights {
+struct WeightedSink {
   typename V::F alpha, beta, gamma, zero, plusHalf, minusHalf;
+  const float* levels;
+  uint8_t* out;
+  JVK_TARGET JVK_INLINE void operator()(typename V::I bytes, size_t x) const {
+    const typename V::F g = V::load(levels + x);
+    const typename V::F sum = V::add(V::add(V::mul(g, alpha), V::mul(V::fromInt(bytes), beta)), gamma);
+    const typename V::F below = V::cmpgt(zero, sum);
+    V::clampedBytes(V::trunc(V::add(sum, V::select(below, minusHalf, plusHalf))), out + x);
+  }
 };
-
-template <class V>
-JVK_TARGET JVK_INLINE void weightedBytes(const Weights<V>& c, const float* g, typename V::I v, uint8_t* out) {
-  const typename V::F sum = V::add(V::add(V::mul(V::load(g), c.alpha), V::mul(V::fromInt(v), c.beta)), c.gamma);
-  const typename V::F below = V::cmpgt(c.zero, sum);
-  V::clampedBytes(V::trunc(V::add(sum, V::select(below, c.minusHalf, c.plusHalf))), out);
-}
-
-// The vertical pass and the weighting over whole vectors; returns where
-// they end.
-template <class V, int Half>
-JVK_TARGET JVK_INLINE size_t blurColumnVectors(const jvk::BlurTaps& t, const float* const* rows, const float* levels,
-                                               const Weights<V>& c, size_t width, uint8_t* out) {
-  constexpr int W = V::VW;
-  constexpr int U = 4;
-  size_t x = 0;
-  for (; x + U * W <= width; x += U * W) {
-    typename V::I bytes[U];
-    blurBytes<V, U, Half>(t, rows, x, bytes);
-    JVK_UNROLL for (int u = 0; u < U; ++u) weightedBytes<V>(c, levels + x + u * W, bytes[u], out + x + u * W);
-  }
-  for (; x + W <= width; x += W) {
-    typename V::I bytes[1];
-    blurBytes<V, 1, Half>(t, rows, x, bytes);
-    weightedBytes<V>(c, levels + x, bytes[0], out + x);
-  }
-  return x;
-}
 
 template <class V>
 JVK_TARGET void blurColumnWeightedT(const float* const* rows, const jvk::BlurTaps& t, const float* levels,
                                     float alpha, float beta, float gamma, size_t width, uint8_t* out) {
-  const Weights<V> c{V::set1(alpha), V::set1(beta), V::set1(gamma), V::zero(), V::set1(0.5f), V::set1(-0.5f)};
-  size_t x = 0;
-  if (t.fast)
-    x = t.half == kChainHalf ? blurColumnVectors<V, kChainHalf>(t, rows, levels, c, width, out)
-                             : blurColumnVectors<V, 0>(t, rows, levels, c, width, out);
+  const WeightedSink<V> sink{V::set1(alpha), V::set1(beta),  V::set1(gamma), V::zero(),
+                             V::set1(0.5f),  V::set1(-0.5f), levels,         out};
+  size_t x = blurVectors<V>(t, rows, width, sink);
   for (; x < width; ++x) {
     const uint8_t v = plainBlurByte(t, rows, x);
     const int32_t r = kRound((levels[x] * alpha + static_cast<float>(v) * beta) + gamma);
