@@ -106,7 +106,7 @@ BlurTaps blurTapsFor(const double* taps, int size) {
     sum += taps[k];
   }
   // u: the relative rounding of a float operation. Terms in the order
-  // pairedSums (jv_kernels_impl.h) adds them, the middle one first; a term
+  // blurBytes (jv_kernels_impl.h) adds them, the middle one first; a term
   // is a level (at most 255) or the sum of two (at most 510) times a tap.
   const double u = std::ldexp(1.0, -24);
   double tapError = 0.0, roundings = 0.0, partial = 0.0;

@@ -214,7 +214,8 @@ TEST(StencilEquivalence, GrayAndThreshold) {
 
 // Both chains on every shape, path and thread count, colour layouts (which
 // go through cvtGray first), flat pages the unguarded chains never finish,
-// and large pages whose bands keep the threads apart for long stretches.
+// and large pages whose bands keep the threads apart for long stretches;
+// gray pages also in place.
 TEST(StencilEquivalence, BothChainsEveryPathAndThreadCount) {
   std::mt19937 rng(99);
   std::vector<Shape> pages = shapes(rng);
@@ -236,6 +237,13 @@ TEST(StencilEquivalence, BothChainsEveryPathAndThreadCount) {
                                : jvTattooDitheringGuarded(src, run(level, threads));
         ASSERT_EQ(difference(got, want), "") << s.w << "x" << s.h << " layout " << color << (x8 ? " X8" : " Tattoo")
                                              << ", path " << level << ", " << threads << " threads";
+        if (color != JV_IMG_GRAY) continue;
+        // The page sharpened and diffused in place, each thread's share
+        // reading the rows around it that its neighbours overwrite.
+        JVImage page(src);
+        ASSERT_TRUE(jvTattooStencilInPlace(page.data, s.w, s.h, x8, run(level, threads)));
+        ASSERT_EQ(difference(page, want), "") << s.w << "x" << s.h << (x8 ? " X8" : " Tattoo") << " in place, path "
+                                              << level << ", " << threads << " threads";
       }
   }
 }
