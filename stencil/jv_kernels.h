@@ -2,9 +2,11 @@
 // Inner loops of the stencil chain, one table of them per vector path
 // (portable scalar, SSE2, AVX2), all built from jv_kernels_impl.h. Every
 // path gives the same bytes: each output is computed with exactly the float
-// and double operations of the plain definitions, in the same order; a
-// vector only ever holds independent outputs (neighbouring pixels of a row,
-// or pixels of different rows), never the terms of one sum.
+// and double operations of the plain definitions, in the same order, or, in
+// the unsharp mask's blur passes, decided by a float sum only where its
+// error bound proves the plain sum's byte (BlurTaps) and otherwise summed
+// plainly; a vector only ever holds independent outputs (neighbouring
+// pixels of a row, or pixels of different rows), never the terms of one sum.
 #include <cstddef>
 #include <cstdint>
 

@@ -13,7 +13,9 @@
 // intrinsics used here are separate multiplies and adds). A vector holds
 // several independent outputs, one per lane, each lane doing exactly the
 // scalar sequence. IEEE arithmetic gives the same result for the same
-// operands in the same order whatever the lane, so all paths agree.
+// operands in the same order whatever the lane, so all paths agree. The
+// one exception, the unsharp mask's blur sums, keeps the bytes by proof
+// instead: see BlurTaps in jv_kernels.h.
 
 #include <cstddef>
 #include <cstdint>
