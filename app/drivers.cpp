@@ -296,6 +296,19 @@ const KelvoChoice* kelvoChoices(int* count) {
   return kChoices;
 }
 
+const char* kelvoChoiceWords(const char* name, const char* keyword) {
+  for (const KelvoChoice& choice : kChoices)
+    for (int i = 0; keyword != nullptr && std::strcmp(choice.name, name) == 0 && i < choice.numWords; ++i)
+      if (std::strcmp(choice.words[i].keyword, keyword) == 0) return choice.words[i].text;
+  return nullptr;
+}
+
+const char* kelvoMediaText(const KelvoModel& model, const char* pwgName) {
+  for (int i = 0; pwgName != nullptr && i < model.numMedia; ++i)
+    if (std::strcmp(model.media[i].pwgName, pwgName) == 0) return model.media[i].text;
+  return nullptr;
+}
+
 DitherType kelvoHalftoneFromKeyword(const char* keyword) {
   const char* word = ppdWordOf(choiceNamed("kelvo-halftone"), keyword);
   return word != nullptr ? kelvoHalftoneTypeFromStr(word) : None;

@@ -57,6 +57,14 @@ struct KelvoChoice {
 // The choices, in the order the web interface shows them.
 const KelvoChoice* kelvoChoices(int* count);
 
+// The words of choice `name`'s value `keyword` ("Barcode and text"); null
+// for an old keyword still taken and for a value the choice lacks.
+const char* kelvoChoiceWords(const char* name, const char* keyword);
+
+// The words of the model's size named `pwgName` ("4 x 6 in"); null for a
+// name that is not one of its sizes.
+const char* kelvoMediaText(const KelvoModel& model, const char* pwgName);
+
 // The drivers, in the order "drivers" lists them.
 extern pappl_pr_driver_t kelvoDrivers[];
 extern const int kelvoNumDrivers;

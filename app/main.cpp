@@ -13,6 +13,7 @@
 #include "app/job.h"
 #include "app/printer_status.h"
 #include "app/web_labels.h"
+#include "app/studio.h"
 
 namespace {
 
@@ -80,6 +81,7 @@ pappl_system_t* createSystem(int count, cups_option_t* options, void* /*data*/) 
   papplSystemSetSaveCallback(system, reinterpret_cast<pappl_save_cb_t>(papplSystemSaveState),
                              const_cast<char*>(strdup(state.c_str())));
   papplSystemLoadState(system, state.c_str());
+  kelvoStudioRegister(system, spool.c_str());
   return system;
 }
 

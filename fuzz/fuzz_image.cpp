@@ -216,8 +216,9 @@ void pagePipeline(Reader& in) {
     std::memset(header.cupsPageSizeName, 'A', sizeof header.cupsPageSizeName);  // unterminated
   printer.setPageHeader(&header);
   const std::string page = kfuzz::fill(in.rest(), in.restSize(), static_cast<size_t>(stride) * height);
+  std::string scratch = page;  // printImage may overwrite it
 
-  printer.printImage(reinterpret_cast<const unsigned char*>(page.data()), stride, height, width);
+  printer.printImage(reinterpret_cast<unsigned char*>(&scratch[0]), stride, height, width);
 
   PaletteImage* image = printer.processed();
   if (image == nullptr || !image->IsValid()) fail("no processed image");

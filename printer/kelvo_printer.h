@@ -108,9 +108,12 @@ class KelvoPrinter {
   int printFormat(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
   // --- page pipeline ---
+  // Processes and prints one page. The page's bytes are the printer's to
+  // overwrite: a stencil is made in place, without a page-sized buffer of
+  // its own, and stays there (processedImage() reads it from that page).
   // False when the page could not be processed (memory ran out): nothing
   // of it was sent, and an error line says so.
-  bool printImage(const unsigned char* data, unsigned long bytesPerLine, unsigned long height, unsigned long width);
+  bool printImage(unsigned char* data, unsigned long bytesPerLine, unsigned long height, unsigned long width);
   // Writes one debug picture into the debug folder, named after `kind`.
   void saveImage(const unsigned char* data, unsigned long bytesPerLine, unsigned long height, unsigned long width,
                  unsigned short bitsPerPixel, const char* kind);
@@ -129,17 +132,25 @@ class KelvoPrinter {
   int GrayToMono(int bpl, int h, unsigned char* data);
 
  protected:
-  // The stencil chain on a gray page without row padding; the result is
-  // held for printing (or put into `pimage` for the frame and the debug
+  // The stencil chain on a gray page without row padding, in place when
+  // the page is `writable` (the page itself, or null); the result is held
+  // for printing (or put into `pimage` for the frame and the debug
   // picture), then finishPage().
-  bool stencilPage(const unsigned char* gray, int width, int height);
+  bool stencilPage(const unsigned char* gray, unsigned char* writable, int width, int height);
   // Negative printing and the anti-wrinkle frame on `pimage`.
   bool finishPage();
 
   PaletteImage workImage_;
   PaletteImage stencilImage_;
+  // The held stencil: stencilWidth_ x stencilHeight_ bytes at stencilBits_,
+  // in stencilOut_ or in the page printImage was given.
   JVImage stencilOut_{0, 0, JV_IMG_GRAY};
+  unsigned char* stencilBits_ = nullptr;
+  int stencilWidth_ = 0;
+  int stencilHeight_ = 0;
   bool stencilHeld_ = false;
+  // The page printImage is working on, which the pipeline may overwrite.
+  unsigned char* writablePage_ = nullptr;
   PaletteImage* pimage;
   std::list<FILE*> outputStreams_;
   cups_page_header2_t* pageHdr_;

@@ -105,7 +105,7 @@ void KelvoPrinter::setDebugImages(bool on, const std::string& folder, const std:
   debugTag_ = fileNamePart(tag);
 }
 
-bool KelvoPrinter::printImage(const unsigned char* data, unsigned long bytesPerLine, unsigned long height,
+bool KelvoPrinter::printImage(unsigned char* data, unsigned long bytesPerLine, unsigned long height,
                               unsigned long width) {
   kelvoLogCommon(LogDebug, "printImage: Start processing image, input width: %zu, height: %zu, bytes per line: %zu",
                  width, height, bytesPerLine);
@@ -126,9 +126,11 @@ bool KelvoPrinter::printImage(const unsigned char* data, unsigned long bytesPerL
 
   if (debugImages_) saveImage(data, bytesPerLine, height, width, 8, "origin");
 
-  if (!PageProcess(halftoneType_, data, static_cast<int>(bytesPerLine), static_cast<int>(width),
-                   static_cast<int>(height)) ||
-      (!stencilHeld_ && (pimage == nullptr || !pimage->IsValid()))) {
+  writablePage_ = data;
+  const bool processed = PageProcess(halftoneType_, data, static_cast<int>(bytesPerLine), static_cast<int>(width),
+                                     static_cast<int>(height));
+  writablePage_ = nullptr;
+  if (!processed || (!stencilHeld_ && (pimage == nullptr || !pimage->IsValid()))) {
     // An image left empty by a failed creation has no pixels to save or print.
     kelvoLogCommon(LogError, "printImage: pimage is NULL, unable to print the image");
     return false;
@@ -153,8 +155,8 @@ bool KelvoPrinter::printImage(const unsigned char* data, unsigned long bytesPerL
 
 void KelvoPrinter::printProcessed() {
   if (stencilHeld_) {
-    doPrintImage(stencilOut_.data, static_cast<unsigned long>(stencilOut_.width),
-                 static_cast<unsigned long>(stencilOut_.height), static_cast<unsigned long>(stencilOut_.width));
+    doPrintImage(stencilBits_, static_cast<unsigned long>(stencilWidth_), static_cast<unsigned long>(stencilHeight_),
+                 static_cast<unsigned long>(stencilWidth_));
   } else if (pimage->GetNumColors() == 2) {
     doPrintPackedImage(pimage->GetBits(0), pimage->GetEffWidth(), pimage->GetHeight(), pimage->GetWidth());
   } else {
@@ -165,8 +167,8 @@ void KelvoPrinter::printProcessed() {
 PaletteImage* KelvoPrinter::processedImage() {
   if (stencilHeld_) {
     stencilHeld_ = false;
-    const int w = stencilOut_.width, h = stencilOut_.height;
-    pimage = stencilImage_.CreateFromArray(stencilOut_.data, w, h, 8, w, false) ? &stencilImage_ : nullptr;
+    const int w = stencilWidth_, h = stencilHeight_;
+    pimage = stencilImage_.CreateFromArray(stencilBits_, w, h, 8, w, false) ? &stencilImage_ : nullptr;
     // Negative printing inverts a stencil image's row padding as well.
     if (pimage != nullptr && negativePrint_)
       for (int y = 0; y < h; ++y) std::memset(pimage->GetBits(y) + w, 0xFF, pimage->GetEffWidth() - w);
@@ -184,12 +186,14 @@ bool KelvoPrinter::PageProcess(DitherType type, const unsigned char* data, int s
   // raster, its rows unpadded first where they are not: no page image.
   const bool transformed = brightness_ != 0 || contrast_ != 0 || rotate180Print_ || mirrorPrint_;
   if (useJVDithering_ && !transformed) {
-    if (stride == width) return stencilPage(data, width, height);
-    JVImage src(width, height, JV_IMG_GRAY);
+    if (stride == width) return stencilPage(data, data == writablePage_ ? writablePage_ : nullptr, width, height);
+    // Padded rows: unpadded into the stencil's own copy, which the chain
+    // then makes the stencil in.
+    stencilOut_ = JVImage(width, height, JV_IMG_GRAY);
     for (int y = 0; y < height; ++y)
-      std::memcpy(src.data + static_cast<size_t>(y) * width, data + static_cast<size_t>(y) * stride,
+      std::memcpy(stencilOut_.data + static_cast<size_t>(y) * width, data + static_cast<size_t>(y) * stride,
                   static_cast<size_t>(width));
-    return stencilPage(src.data, width, height);
+    return stencilPage(stencilOut_.data, stencilOut_.data, width, height);
   }
   if (!workImage_.CreateFromArray(const_cast<unsigned char*>(data), width, height, 8, stride, false)) {
     kelvoLogCommon(LogCrit, "image.CreateFromArray with grey failed!");
@@ -213,14 +217,15 @@ bool KelvoPrinter::PageProcess(DitherType type, const unsigned char* data, int s
   }
 
   if (useJVDithering_) {
-    // The chain takes the page without row padding. (A turn that ran out
-    // of memory leaves no image.)
+    // The chain takes the page without row padding; it is made in this
+    // copy, which is then kept as the stencil. (A turn that ran out of
+    // memory leaves no image.)
     if (!workImage_.IsValid()) return false;
-    JVImage src(width, height, JV_IMG_GRAY);
+    stencilOut_ = JVImage(width, height, JV_IMG_GRAY);
     for (int y = 0; y < height; ++y)
-      std::memcpy(src.data + static_cast<size_t>(y) * width, workImage_.GetBits(y), static_cast<size_t>(width));
+      std::memcpy(stencilOut_.data + static_cast<size_t>(y) * width, workImage_.GetBits(y), static_cast<size_t>(width));
     workImage_.Destroy();  // the chain needs only its own copy
-    return stencilPage(src.data, width, height);
+    return stencilPage(stencilOut_.data, stencilOut_.data, width, height);
   }
   {
     // The type goes to Dither unchanged: the method numbers sit one place off
@@ -240,23 +245,32 @@ bool KelvoPrinter::PageProcess(DitherType type, const unsigned char* data, int s
   return finishPage();
 }
 
-bool KelvoPrinter::stencilPage(const unsigned char* gray, int width, int height) {
+bool KelvoPrinter::stencilPage(const unsigned char* gray, unsigned char* writable, int width, int height) {
   // The guarded chain gives the chain's bytes for every page and also
   // finishes on blank and two-level pages.
-  JVImage stencil = jvTattooStencilOfGray(gray, width, height, halftoneType_ == Tattoo_X8);
-  if (stencil.byteCount() == 0) return false;
-  kelvoLogCommon(LogDebug, "PageProcess: Applied JV dithering, width %d", stencil.width);
+  const bool x8 = halftoneType_ == Tattoo_X8;
+  if (writable != nullptr) {
+    if (!jvTattooStencilInPlace(writable, width, height, x8)) return false;
+    stencilBits_ = writable;
+  } else {
+    stencilOut_ = jvTattooStencilOfGray(gray, width, height, x8);
+    if (stencilOut_.byteCount() == 0) return false;
+    stencilBits_ = stencilOut_.data;
+  }
+  stencilWidth_ = width;
+  stencilHeight_ = height;
+  kelvoLogCommon(LogDebug, "PageProcess: Applied JV dithering, width %d", width);
   if (antiWrinkle_ == 0 && !debugImages_) {
-    // Printed from the chain's own record: no page-sized copy into an image.
+    // Printed from where the chain made it: no page-sized copy into an image.
     if (negativePrint_) {
       kelvoLogCommon(LogDebug, "PageProcess: Inverting the image for negative print");
-      for (int64_t i = 0; i < stencil.byteCount(); ++i) stencil.data[i] = static_cast<unsigned char>(~stencil.data[i]);
+      const size_t n = static_cast<size_t>(width) * static_cast<size_t>(height);
+      for (size_t i = 0; i < n; ++i) stencilBits_[i] = static_cast<unsigned char>(~stencilBits_[i]);
     }
-    stencilOut_ = std::move(stencil);
     stencilHeld_ = true;
     return true;
   }
-  if (!stencilImage_.CreateFromArray(stencil.data, stencil.width, stencil.height, 8, stencil.width, false)) {
+  if (!stencilImage_.CreateFromArray(stencilBits_, width, height, 8, width, false)) {
     kelvoLogCommon(LogError, "PageProcess: Failed to create a new PaletteImage from JV dithered data");
     return false;
   }

@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "printer/kelvo_printer.h"
-#include "tools/page_layout.h"
-#include "tools/png_io.h"
+#include "printer/page_layout.h"
+#include "printer/png_io.h"
 
 namespace {
 
@@ -26,12 +26,14 @@ class PreviewPrinter : public KelvoPrinter {
   // Processes one page of ink amounts (0 = paper) and returns the page as it
   // will print: 0 where a dot goes, 255 for bare paper.
   bool process(const std::vector<unsigned char>& ink, int width, int height, GrayPage& out) {
-    if (!PageProcess(getHalftoneType(), ink.data(), width, width, height)) return false;
-    out.width = pimage->GetWidth();
-    out.height = pimage->GetHeight();
+    // A stencil is held as the chain made it until it is asked for.
+    PaletteImage* image = PageProcess(getHalftoneType(), ink.data(), width, width, height) ? processedImage() : nullptr;
+    if (image == nullptr) return false;
+    out.width = image->GetWidth();
+    out.height = image->GetHeight();
     out.pixels.resize(static_cast<size_t>(out.width) * out.height);
     for (uint32_t y = 0; y < out.height; ++y) {
-      const unsigned char* row = pimage->GetBits(y);
+      const unsigned char* row = image->GetBits(y);
       for (uint32_t x = 0; x < out.width; ++x) out.pixels[static_cast<size_t>(y) * out.width + x] = row[x] ? 0 : 255;
     }
     return true;

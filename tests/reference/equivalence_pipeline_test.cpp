@@ -114,7 +114,8 @@ TEST(PipelineEquivalence, MultiPageJobs) {
       const int width = 8 + static_cast<int>(rng() % 300);
       const int height = 1 + static_cast<int>(rng() % 40);
       const std::vector<uint8_t> data = kref::randomPage(width, height, width, rng());
-      p.printImage(data.data(), width, height, width);
+      std::vector<uint8_t> scratch = data;  // printImage may overwrite it
+      p.printImage(scratch.data(), width, height, width);
       got += p.take();
       const kref::Page page = kref::processPage(data.data(), width, width, height, o);
       want += kref::zplGraphic(page.px.data(), page.eff, width, height, 2, 0);
