@@ -1,62 +1,179 @@
 #include "app/drivers.h"
 
 #include <cmath>
+#include <cstdlib>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <string>
 
 #include "app/job.h"
+#include "app/printer_status.h"
+#include "support/halftone_type.h"
 #include "support/kelvo_string.h"
 
 namespace {
 
-// The PPDs' sizes. Label widths are a whole multiple of 4 dots at the
-// model's resolution (the graphic sender needs that), so most of them are a
-// fraction of a millimetre narrower than their name.
-KelvoMedia sLabels203[] = {
-    {"2x1", 143.29f, 72, {}},  {"2.25x1.25", 161.73f, 90, {}}, {"3x2", 215.65f, 144, {}},
-    {"4x2", 288, 144, {}},     {"4x3", 288, 216, {}},          {"4x4", 288, 288, {}},
-    {"4x6", 288, 432, {}},     {"4x8", 288, 576, {}},
+// A size as the PPDs give it: their word, their words, points.
+struct PpdSize {
+  const char* name;
+  const char* text;
+  float widthPt, heightPt;
 };
-KelvoMedia sLabels300[] = {
-    {"2x1", 144, 72, {}},  {"2.25x1.25", 161.28f, 90, {}}, {"3x2", 216, 144, {}}, {"4x2", 288, 144, {}},
-    {"4x3", 288, 216, {}}, {"4x4", 288, 288, {}},          {"4x6", 288, 432, {}}, {"4x8", 288, 576, {}},
+
+// The label printers' sizes, as kelvo203.ppd and kelvo300.ppd list them:
+// the labels of 0.5 to 4 inches wide that shops use, in inches and in
+// millimetres.
+const PpdSize kLabelSizes[] = {
+    {"1x0.5", "1 x 0.5 in", 72, 36}, {"1x1", "1 x 1 in", 72, 72}, {"1.25x1", "1.25 x 1 in", 90, 72},
+    {"1.25x2.25", "1.25 x 2.25 in", 90, 162}, {"1.5x0.5", "1.5 x 0.5 in", 108, 36}, {"1.5x1", "1.5 x 1 in", 108, 72},
+    {"1.5x2", "1.5 x 2 in", 108, 144}, {"2x0.5", "2 x 0.5 in", 144, 36}, {"2x0.75", "2 x 0.75 in", 144, 54},
+    {"2x1", "2 x 1 in", 144, 72}, {"2x1.25", "2 x 1.25 in", 144, 90}, {"2x2", "2 x 2 in", 144, 144},
+    {"2x3", "2 x 3 in", 144, 216}, {"2x4", "2 x 4 in", 144, 288}, {"2x5.5", "2 x 5.5 in", 144, 396},
+    {"40x30mm", "40 x 30 mm", 113.39, 85.04}, {"50x25mm", "50 x 25 mm", 141.73, 70.87},
+    {"50x30mm", "50 x 30 mm", 141.73, 85.04}, {"50x80mm", "50 x 80 mm", 141.73, 226.77},
+    {"2.25x0.5", "2.25 x 0.5 in", 162, 36}, {"2.25x1.25", "2.25 x 1.25 in", 162, 90},
+    {"2.25x4", "2.25 x 4 in", 162, 288}, {"2.25x5.5", "2.25 x 5.5 in", 162, 396},
+    {"2.375x5.5", "2.375 x 5.5 in", 171, 396}, {"2.5x1", "2.5 x 1 in", 180, 72}, {"2.5x2", "2.5 x 2 in", 180, 144},
+    {"2.75x1.25", "2.75 x 1.25 in", 198, 90}, {"3x1", "3 x 1 in", 216, 72}, {"3x1.25", "3 x 1.25 in", 216, 90},
+    {"3x2", "3 x 2 in", 216, 144}, {"3x3", "3 x 3 in", 216, 216}, {"3x4", "3 x 4 in", 216, 288},
+    {"3x5", "3 x 5 in", 216, 360}, {"3x6", "3 x 6 in", 216, 432}, {"3x8", "3 x 8 in", 216, 576},
+    {"3.25x2", "3.25 x 2 in", 234, 144}, {"3.25x5", "3.25 x 5 in", 234, 360}, {"3.25x5.5", "3.25 x 5.5 in", 234, 396},
+    {"3.25x5.83", "3.25 x 5.83 in", 234, 419.76}, {"3.25x7.83", "3.25 x 7.83 in", 234, 563.76},
+    {"3.5x1", "3.5 x 1 in", 252, 72}, {"4x1", "4 x 1 in", 288, 72}, {"4x2", "4 x 2 in", 288, 144},
+    {"4x2.5", "4 x 2.5 in", 288, 180}, {"4x3", "4 x 3 in", 288, 216}, {"4x4", "4 x 4 in", 288, 288},
+    {"4x5", "4 x 5 in", 288, 360}, {"4x6", "4 x 6 in", 288, 432}, {"4x6.5", "4 x 6.5 in", 288, 468},
+    {"4x8", "4 x 8 in", 288, 576}, {"4x13", "4 x 13 in", 288, 936}, {"57x32mm", "57 x 32 mm", 161.57, 90.71},
+    {"100x50mm", "100 x 50 mm", 283.46, 141.73}, {"100x100mm", "100 x 100 mm", 283.46, 283.46},
+    {"100x150mm", "100 x 150 mm", 283.46, 425.2},
 };
-KelvoMedia sSheets[] = {
-    {"A4", 595.28f, 841.89f, {}},
-    {"Letter", 611.52f, 792, {}},
-    {"Tattoo_A5", 595.28f, 420, {}},
-    {"Tattoo_A6", 297.64f, 420, {}},
+// The stencil printer's sheets (kelvotat.ppd).
+const PpdSize kSheetSizes[] = {
+    {"A4", "A4", 595.28f, 841.89f},
+    {"Letter", "Letter", 612, 792},
+    {"Tattoo_A5", "Tattoo A5 (Landscape)", 595.28f, 420},
+    {"Tattoo_A6", "Tattoo A6", 297.64f, 420},
 };
+constexpr int kNumLabelSizes = sizeof kLabelSizes / sizeof kLabelSizes[0];
+constexpr int kNumSheetSizes = sizeof kSheetSizes / sizeof kSheetSizes[0];
+
+KelvoMedia sLabels203[kNumLabelSizes];
+KelvoMedia sLabels300[kNumLabelSizes];
+KelvoMedia sSheets[kNumSheetSizes];
 
 const KelvoModel kModels[] = {
     // Speeds as the PPDs offer them.
-    {"kelvo_203", "Kelvo ZPL Label Printer 203dpi", 203, kDialectStandard, false, 1, 12, sLabels203, 8, 6},
-    {"kelvo_300", "Kelvo ZPL Label Printer 300dpi", 300, kDialectStandard, false, 1, 8, sLabels300, 8, 6},
-    {"kelvo_tattoo", "Kelvo ZPL Tattoo Stencil 300dpi", 300, kDialectKelvo, true, 1, 4, sSheets, 4, 0},
+    {"kelvo_203", "Kelvo ZPL Label Printer 203dpi", 203, kDialectStandard, false, 1, 12, sLabels203, kNumLabelSizes,
+     "4x6"},
+    {"kelvo_300", "Kelvo ZPL Label Printer 300dpi", 300, kDialectStandard, false, 1, 8, sLabels300, kNumLabelSizes,
+     "4x6"},
+    {"kelvo_tattoo", "Kelvo ZPL Tattoo Stencil 300dpi", 300, kDialectKelvo, true, 1, 4, sSheets, kNumSheetSizes, "A4"},
+};
+const PpdSize* const kModelSizes[] = {kLabelSizes, kLabelSizes, kSheetSizes};
+
+// Custom label sizes: from the PPDs' smallest to the print head's width
+// and the PPDs' longest label.
+const char kCustomMin[] = "custom_min_0.5x0.5in";
+const char kCustomMax[] = "custom_max_4.09x39in";
+
+// The halftone keywords say what each method runs; each stands for the PPD
+// word that runs it, so a job prints what the filter prints for that word.
+// The PPD's words are one method off their methods ("FloydSteinberg" runs
+// the ordered dither), and the app's first keywords copied them: those are
+// still taken, for saved defaults and scripts, and run what they ran.
+const KelvoWord kHalftones[] = {
+    {"threshold", "Threshold (text and barcodes)", "None"},
+    {"ordered-4x4", "Ordered dither 4x4", "FloydSteinberg"},
+    {"burkes-diffusion", "Burkes diffusion", "Ordered"},
+    {"stucki-diffusion", "Stucki diffusion", "Burkes"},
+    {"jarvis-judice-ninke-diffusion", "Jarvis, Judice and Ninke diffusion", "Stucki"},
+    {"sierra-diffusion", "Sierra diffusion", "JarvisJudiceNinke"},
+    {"stevenson-arce-diffusion", "Stevenson and Arce diffusion", "Sierra"},
+    {"bayer-ordered", "Bayer ordered dither", "StevensonArce"},
+    {"tattoo", "Tattoo stencil", "Tattoo"},
+    {"tattoo-x8", "Tattoo stencil X8", "Tattoo_X8"},
+    {"barcode-text", "Barcode and text", "BarcodeText"},
+    {"none", nullptr, "None"},
+    {"floyd-steinberg", nullptr, "FloydSteinberg"},
+    {"ordered", nullptr, "Ordered"},
+    {"burkes", nullptr, "Burkes"},
+    {"stucki", nullptr, "Stucki"},
+    {"jarvis-judice-ninke", nullptr, "JarvisJudiceNinke"},
+    {"sierra", nullptr, "Sierra"},
+    {"stevenson-arce", nullptr, "StevensonArce"},
+};
+// "After printing" on the label printers; "auto" takes the printer's label
+// mode (printer-label-mode-configured).
+const KelvoWord kPostActions[] = {
+    {"auto", "As the label mode says", nullptr}, {"tear-off", "Tear off", "TearOff"},
+    {"peel-off", "Peel off", "PeelOff"},         {"cut", "Cut", "Cut"},
+    {"partial-cut", "Partial cut", "PartialCut"}, {"none", "Printer setting", "None"},
 };
 
-// IPP keywords of the halftone methods, in DitherType order. Each stands for
-// the PPD word of the same value, so a job prints what the filter prints
-// for that word.
-const char* const kHalftones[] = {"none",   "floyd-steinberg", "ordered",        "burkes",    "stucki",
-                                  "jarvis-judice-ninke", "sierra", "stevenson-arce", "tattoo", "tattoo-x8",
-                                  "barcode-text"};
-// The label printers' "after printing" choices and the PPD word of each;
-// "auto" takes the printer's label mode (printer-label-mode-configured).
-const char* const kPostActions[][2] = {{"auto", nullptr},           {"tear-off", "TearOff"}, {"peel-off", "PeelOff"},
-                                       {"cut", "Cut"},              {"partial-cut", "PartialCut"},
-                                       {"none", "None"}};
-const int kNumPostActions = sizeof kPostActions / sizeof kPostActions[0];
-// The graphic transfer, as the PPDs' GraphicEncoding offers it: hex (any
-// printer), the Z64 download, Z64 inline in the format (^GFA).
-const char* const kEncodings[] = {"hex", "z64", "inline-z64"};
-const GraphicEncoding kEncodingValues[] = {kEncodingHex, kEncodingZ64, kEncodingInlineZ64};
-const int kNumEncodings = sizeof kEncodings / sizeof kEncodings[0];
+// The graphic transfer, as the PPDs' GraphicEncoding offers it.
+const KelvoWord kEncodings[] = {
+    {"hex", "ASCII hex (any printer)", "Hex"},
+    {"z64", "Compressed Z64 (fewest bytes)", "Z64"},
+    {"inline-z64", "Compressed Z64 in the label format (^GFA)", "InlineZ64"},
+};
 
-// What the PPDs default to: barcodes and text on labels, the stencil chain
+#define KELVO_WORDS(words) words, static_cast<int>(sizeof words / sizeof words[0])
+// The Kelvo choices, in the order the web interface shows them. Defaults:
+// the PPDs'; the halftone is barcodes and text on labels, the stencil chain
 // on the stencil printer.
-const char* defaultHalftone(bool stencil) { return stencil ? "tattoo" : "barcode-text"; }
+const KelvoChoice kChoices[] = {
+    {"kelvo-halftone", "Halftone", KelvoChoice::kKeyword, KELVO_WORDS(kHalftones), 0, 0, "barcode-text", "tattoo"},
+    // The filter adds five times the number to every pixel's ink.
+    {"kelvo-brightness", "Lighter (-) or darker (+)", KelvoChoice::kRange, nullptr, 0, -100, 100, "0", "0"},
+    {"kelvo-mirror", "Mirror image", KelvoChoice::kBoolean, nullptr, 0, 0, 0, "false", "false"},
+    {"kelvo-negative", "Negative image", KelvoChoice::kBoolean, nullptr, 0, 0, 0, "false", "false"},
+    // The PPDs' Orientation: the printer turns the label (^POI).
+    {"kelvo-rotate-180", "Rotate 180 degrees", KelvoChoice::kBoolean, nullptr, 0, 0, 0, "false", "false"},
+    {"kelvo-graphic-encoding", "Graphic transfer", KelvoChoice::kKeyword, KELVO_WORDS(kEncodings), 0, 0, "hex",
+     "hex"},
+    {"kelvo-gap-height", "Gap between labels (mm)", KelvoChoice::kRange, nullptr, 0, 0, 10, "3", nullptr},
+    {"kelvo-post-action", "After printing", KelvoChoice::kKeyword, KELVO_WORDS(kPostActions), 0, 0, "auto",
+     nullptr},
+};
+#undef KELVO_WORDS
+constexpr int kNumChoices = sizeof kChoices / sizeof kChoices[0];
+
+const KelvoChoice& choiceNamed(const char* name) {
+  for (const KelvoChoice& choice : kChoices)
+    if (std::strcmp(choice.name, name) == 0) return choice;
+  std::abort();  // a name of this file's own
+}
+
+// The value of a keyword choice's PPD word for `keyword`; null for keywords
+// it does not have.
+const char* ppdWordOf(const KelvoChoice& choice, const char* keyword) {
+  for (int i = 0; keyword != nullptr && i < choice.numWords; ++i)
+    if (std::strcmp(choice.words[i].keyword, keyword) == 0) return choice.words[i].ppd;
+  return nullptr;
+}
+
+// The choice's "-supported" and "-default" attributes.
+void addChoice(ipp_t* attrs, const KelvoChoice& choice, const char* value) {
+  const std::string supported = std::string(choice.name) + "-supported";
+  const std::string fallback = std::string(choice.name) + "-default";
+  switch (choice.kind) {
+    case KelvoChoice::kKeyword: {
+      ipp_attribute_t* attr = ippAddStrings(attrs, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), supported.c_str(),
+                                            choice.numWords, nullptr, nullptr);
+      for (int i = 0; i < choice.numWords; ++i) ippSetString(attrs, &attr, i, choice.words[i].keyword);
+      ippAddString(attrs, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), fallback.c_str(), nullptr, value);
+      break;
+    }
+    case KelvoChoice::kRange:
+      ippAddRange(attrs, IPP_TAG_PRINTER, supported.c_str(), choice.min, choice.max);
+      ippAddInteger(attrs, IPP_TAG_PRINTER, IPP_TAG_INTEGER, fallback.c_str(), std::atoi(value));
+      break;
+    case KelvoChoice::kBoolean:
+      ippAddBoolean(attrs, IPP_TAG_PRINTER, supported.c_str(), 1);
+      ippAddBoolean(attrs, IPP_TAG_PRINTER, fallback.c_str(), std::strcmp(value, "true") == 0);
+      break;
+  }
+}
 
 int dotsOf(float points, int dpi) { return static_cast<int>(std::lround(points * dpi / 72.0)); }
 // PAPPL makes a page of size*dpi/2540 dots, rounded down.
@@ -70,12 +187,24 @@ std::string formatMm(int hundredths) {
   return text;
 }
 
+// A PPD size at the model's resolution. Label widths are a whole multiple
+// of 4 dots (the graphic sender needs that), so most of them are a
+// fraction of a millimetre narrower than their name.
+void sizeMedia(KelvoMedia& media, const PpdSize& size, int dpi) {
+  media.ppdName = size.name;
+  media.text = size.text;
+  media.widthDots = dotsOf(size.widthPt, dpi) / 4 * 4;
+  media.heightDots = dotsOf(size.heightPt, dpi);
+  media.widthPt = media.widthDots * 72.0 / dpi;
+  media.heightPt = media.heightDots * 72.0 / dpi;
+}
+
 // The PWG name clients see for a size. The standard name when PAPPL makes
 // the PPD's page from it (same width, at most a row shorter or longer);
 // otherwise a self-describing name in millimetres that does.
 void nameMedia(KelvoMedia& media, const KelvoModel& model) {
-  const int width = dotsOf(media.widthPt, model.dpi);
-  const int height = dotsOf(media.heightPt, model.dpi);
+  const int width = media.widthDots;
+  const int height = media.heightDots;
   std::string standard;
   if (model.stencil) {
     const std::string word = media.ppdName;
@@ -84,10 +213,17 @@ void nameMedia(KelvoMedia& media, const KelvoModel& model) {
                : word == "Tattoo_A5" ? "iso_a5_210x148mm"
                                      : "iso_a6_105x148mm";
   } else {
-    // A size name has no dots: "2.25x1.25" is named "2-25x1-25".
+    // A size name has no dots: "2.25x1.25" is named "2-25x1-25", and
+    // "40x30mm" "40x30".
     std::string word = media.ppdName;
-    for (char& c : word) c = c == '.' ? '-' : c;
-    standard = "oe_" + word + "-label_" + media.ppdName + "in";
+    std::string units = "in";
+    if (word.size() > 2 && word.compare(word.size() - 2, 2, "mm") == 0) {
+      word.resize(word.size() - 2);
+      units = "mm";
+    }
+    std::string name = word;
+    for (char& c : name) c = c == '.' ? '-' : c;
+    standard = (units == "mm" ? "om_" : "oe_") + name + "-label_" + word + units;
   }
   // Sizes in millimetres take the "om" class; the rest of the name stays.
   std::string prefix = standard.substr(0, standard.rfind('_'));
@@ -103,12 +239,24 @@ void nameMedia(KelvoMedia& media, const KelvoModel& model) {
   kelvoStrCpy(media.pwgName, name.c_str(), sizeof media.pwgName);
 }
 
+// Once, before any thread reads the tables.
 void nameAllMedia() {
-  static bool named = false;
-  if (named) return;
-  for (const KelvoModel& model : kModels)
-    for (int i = 0; i < model.numMedia; ++i) nameMedia(model.media[i], model);
-  named = true;
+  static std::once_flag named;
+  std::call_once(named, [] {
+    for (size_t m = 0; m < sizeof kModels / sizeof kModels[0]; ++m) {
+      const KelvoModel& model = kModels[m];
+      for (int i = 0; i < model.numMedia; ++i) {
+        sizeMedia(model.media[i], kModelSizes[m][i], model.dpi);
+        nameMedia(model.media[i], model);
+      }
+    }
+  });
+}
+
+const KelvoMedia& defaultMedia(const KelvoModel& model) {
+  for (int i = 0; i < model.numMedia; ++i)
+    if (std::strcmp(model.media[i].ppdName, model.defaultMedia) == 0) return model.media[i];
+  return model.media[0];
 }
 
 void setMediaCol(pappl_media_col_t& col, const KelvoMedia& media, const char* source, const char* type,
@@ -143,11 +291,27 @@ const KelvoModel* kelvoFindModel(const char* driverName) {
   return nullptr;
 }
 
+const KelvoChoice* kelvoChoices(int* count) {
+  *count = kNumChoices;
+  return kChoices;
+}
+
+const char* kelvoChoiceWords(const char* name, const char* keyword) {
+  for (const KelvoChoice& choice : kChoices)
+    for (int i = 0; keyword != nullptr && std::strcmp(choice.name, name) == 0 && i < choice.numWords; ++i)
+      if (std::strcmp(choice.words[i].keyword, keyword) == 0) return choice.words[i].text;
+  return nullptr;
+}
+
+const char* kelvoMediaText(const KelvoModel& model, const char* pwgName) {
+  for (int i = 0; pwgName != nullptr && i < model.numMedia; ++i)
+    if (std::strcmp(model.media[i].pwgName, pwgName) == 0) return model.media[i].text;
+  return nullptr;
+}
+
 DitherType kelvoHalftoneFromKeyword(const char* keyword) {
-  if (keyword != nullptr)
-    for (int i = 0; i < static_cast<int>(sizeof kHalftones / sizeof kHalftones[0]); ++i)
-      if (std::strcmp(kHalftones[i], keyword) == 0) return static_cast<DitherType>(i);
-  return None;
+  const char* word = ppdWordOf(choiceNamed("kelvo-halftone"), keyword);
+  return word != nullptr ? kelvoHalftoneTypeFromStr(word) : None;
 }
 
 bool kelvoDriverCallback(pappl_system_t* /*system*/, const char* driverName, const char* /*deviceUri*/,
@@ -162,6 +326,8 @@ bool kelvoDriverCallback(pappl_system_t* /*system*/, const char* driverName, con
   data->rwriteline_cb = kelvoWriteLine;
   data->rendpage_cb = kelvoEndPage;
   data->rendjob_cb = kelvoEndJob;
+  data->status_cb = kelvoStatusCallback;
+  data->delete_cb = kelvoStatusForget;
   data->format = kKelvoZplFormat;
   kelvoStrCpy(data->make_and_model, model->description, sizeof data->make_and_model);
   data->ppm = model->stencil ? 2 : 20;
@@ -185,8 +351,12 @@ bool kelvoDriverCallback(pappl_system_t* /*system*/, const char* driverName, con
   data->left_right = 0;
   data->bottom_top = 0;
 
-  data->num_media = model->numMedia;
-  for (int i = 0; i < model->numMedia; ++i) data->media[i] = model->media[i].pwgName;
+  data->num_media = 0;
+  for (int i = 0; i < model->numMedia; ++i) data->media[data->num_media++] = model->media[i].pwgName;
+  if (!model->stencil) {
+    data->media[data->num_media++] = kCustomMin;
+    data->media[data->num_media++] = kCustomMax;
+  }
   data->num_source = 1;
   data->source[0] = model->stencil ? "main" : "main-roll";
   data->num_type = model->stencil ? 1 : 2;
@@ -196,7 +366,7 @@ bool kelvoDriverCallback(pappl_system_t* /*system*/, const char* driverName, con
                                             : PAPPL_MEDIA_TRACKING_GAP | PAPPL_MEDIA_TRACKING_MARK |
                                                   PAPPL_MEDIA_TRACKING_CONTINUOUS;
   const pappl_media_tracking_t tracking = model->stencil ? PAPPL_MEDIA_TRACKING_WEB : PAPPL_MEDIA_TRACKING_GAP;
-  setMediaCol(data->media_default, model->media[model->defaultMedia], data->source[0], "direct-thermal", tracking);
+  setMediaCol(data->media_default, defaultMedia(*model), data->source[0], "direct-thermal", tracking);
   data->media_ready[0] = data->media_default;
 
   if (!model->stencil) {
@@ -213,49 +383,26 @@ bool kelvoDriverCallback(pappl_system_t* /*system*/, const char* driverName, con
   data->darkness_default = 0;
 
   data->num_vendor = 0;
-  data->vendor[data->num_vendor++] = "kelvo-halftone";
-  data->vendor[data->num_vendor++] = "kelvo-brightness";
-  data->vendor[data->num_vendor++] = "kelvo-mirror";
-  data->vendor[data->num_vendor++] = "kelvo-negative";
-  data->vendor[data->num_vendor++] = "kelvo-rotate-180";
-  data->vendor[data->num_vendor++] = "kelvo-graphic-encoding";
-  if (!model->stencil) {
-    data->vendor[data->num_vendor++] = "kelvo-gap-height";
-    data->vendor[data->num_vendor++] = "kelvo-post-action";
-  }
-
   ipp_t* vendor = ippNew();
-  ippAddStrings(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "kelvo-halftone-supported",
-                static_cast<int>(sizeof kHalftones / sizeof kHalftones[0]), nullptr, kHalftones);
-  ippAddString(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "kelvo-halftone-default", nullptr,
-               defaultHalftone(model->stencil));
-  ippAddRange(vendor, IPP_TAG_PRINTER, "kelvo-brightness-supported", -100, 100);
-  ippAddInteger(vendor, IPP_TAG_PRINTER, IPP_TAG_INTEGER, "kelvo-brightness-default", 0);
-  ippAddBoolean(vendor, IPP_TAG_PRINTER, "kelvo-mirror-supported", 1);
-  ippAddBoolean(vendor, IPP_TAG_PRINTER, "kelvo-mirror-default", 0);
-  ippAddBoolean(vendor, IPP_TAG_PRINTER, "kelvo-negative-supported", 1);
-  ippAddBoolean(vendor, IPP_TAG_PRINTER, "kelvo-negative-default", 0);
-  // The PPDs' Orientation: the printer turns the label (^POI).
-  ippAddBoolean(vendor, IPP_TAG_PRINTER, "kelvo-rotate-180-supported", 1);
-  ippAddBoolean(vendor, IPP_TAG_PRINTER, "kelvo-rotate-180-default", 0);
-  ippAddStrings(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "kelvo-graphic-encoding-supported",
-                kNumEncodings, nullptr, kEncodings);
-  ippAddString(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "kelvo-graphic-encoding-default", nullptr,
-               kEncodings[0]);
-  if (!model->stencil) {
-    ippAddRange(vendor, IPP_TAG_PRINTER, "kelvo-gap-height-supported", 0, 10);
-    ippAddInteger(vendor, IPP_TAG_PRINTER, IPP_TAG_INTEGER, "kelvo-gap-height-default", 3);
-    ipp_attribute_t* post = ippAddString(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD),
-                                         "kelvo-post-action-supported", nullptr, kPostActions[0][0]);
-    for (int i = 1; i < kNumPostActions; ++i) ippSetString(vendor, &post, i, kPostActions[i][0]);
-    ippAddString(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "kelvo-post-action-default", nullptr,
-                 kPostActions[0][0]);
+  for (const KelvoChoice& choice : kChoices) {
+    const char* value = model->stencil ? choice.stencilDefault : choice.labelDefault;
+    if (value == nullptr) continue;
+    data->vendor[data->num_vendor++] = choice.name;
+    addChoice(vendor, choice, value);
   }
   // Grey pages have no colour rendering to choose.
   ippAddString(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "print-rendering-intent-supported", nullptr,
                "auto");
   ippAddString(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "print-rendering-intent-default", nullptr,
                "auto");
+  // A host can make a ZPL printer neither show a message nor flash or sound;
+  // PAPPL says "none" for the default, and this says it for the choices.
+  ippAddString(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "identify-actions-supported", nullptr,
+               "none");
+  // One-sided printers print no back sides; a client that asks gets the
+  // orientation that turns nothing.
+  ippAddString(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "pwg-raster-document-sheet-back", nullptr,
+               "normal");
   // Clients may send every attribute with the job; none is preferred.
   ippAddBoolean(vendor, IPP_TAG_PRINTER, "preferred-attributes-supported", 0);
   *attrs = vendor;
@@ -280,9 +427,12 @@ void kelvoSettingsFromOptions(const KelvoModel& model, const pappl_pr_options_t&
   kelvoStrCpy(settings->Occurrence, "EveryLabel", sizeof settings->Occurrence);
   settings->dialect = model.dialect;
   settings->encoding = kEncodingHex;
-  const char* encoding = vendorOption(options, "kelvo-graphic-encoding");
-  for (int i = 0; encoding != nullptr && i < kNumEncodings; ++i)
-    if (std::strcmp(encoding, kEncodings[i]) == 0) settings->encoding = kEncodingValues[i];
+  // As the filter reads the PPD's word.
+  if (const char* word = ppdWordOf(choiceNamed("kelvo-graphic-encoding"),
+                                   vendorOption(options, "kelvo-graphic-encoding")))
+    settings->encoding = std::strcmp(word, "Z64") == 0         ? kEncodingZ64
+                         : std::strcmp(word, "InlineZ64") == 0 ? kEncodingInlineZ64
+                                                               : kEncodingHex;
 
   kelvoStrCpy(settings->MediaMethod, !model.stencil && std::strcmp(options.media.type, "thermal-transfer") == 0
                                          ? "Transfer"
@@ -303,9 +453,8 @@ void kelvoSettingsFromOptions(const KelvoModel& model, const pappl_pr_options_t&
   const char* post = "None";
   if (!model.stencil) {
     post = mode == PAPPL_LABEL_MODE_PEEL_OFF ? "PeelOff" : mode == PAPPL_LABEL_MODE_CUTTER ? "Cut" : "TearOff";
-    const char* chosen = vendorOption(options, "kelvo-post-action");
-    for (int i = 1; chosen != nullptr && i < kNumPostActions; ++i)
-      if (std::strcmp(chosen, kPostActions[i][0]) == 0) post = kPostActions[i][1];
+    if (const char* chosen = ppdWordOf(choiceNamed("kelvo-post-action"), vendorOption(options, "kelvo-post-action")))
+      post = chosen;
   }
   kelvoStrCpy(settings->PostAction, post, sizeof settings->PostAction);
 
@@ -322,10 +471,11 @@ void kelvoSettingsFromOptions(const KelvoModel& model, const pappl_pr_options_t&
   darkness = darkness < 0 ? 0 : darkness > 100 ? 100 : darkness;
   settings->Darkness = (darkness * 30 + 50) / 100;
 
-  settings->halftoneType =
-      kelvoHalftoneFromKeyword(vendorOption(options, "kelvo-halftone") != nullptr
-                                   ? vendorOption(options, "kelvo-halftone")
-                                   : defaultHalftone(model.stencil));
+  const KelvoChoice& halftone = choiceNamed("kelvo-halftone");
+  const char* chosen = vendorOption(options, "kelvo-halftone");
+  settings->halftoneType = kelvoHalftoneFromKeyword(chosen != nullptr ? chosen
+                                                    : model.stencil ? halftone.stencilDefault
+                                                                    : halftone.labelDefault);
   const char* brightness = vendorOption(options, "kelvo-brightness");
   settings->Brightness = brightness != nullptr ? std::atoi(brightness) : 0;
   const char* mirror = vendorOption(options, "kelvo-mirror");

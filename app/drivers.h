@@ -6,12 +6,17 @@
 
 #include "printer/job_settings.h"
 
-// One label or sheet size: the PPD's word for it and its size in dots.
+// One label or sheet size: the PPD's word for it and its words ("4 x 6
+// in"), and, filled in at start-up, its size as printed at the model's
+// resolution, in dots and in points, and the PWG name clients see.
 struct KelvoMedia {
   const char* ppdName;
-  float widthPt;  // the PPD's size, in points
-  float heightPt;
-  char pwgName[64];  // filled in at start-up
+  const char* text;
+  int widthDots;
+  int heightDots;
+  double widthPt;
+  double heightPt;
+  char pwgName[64];
 };
 
 struct KelvoModel {
@@ -24,8 +29,41 @@ struct KelvoModel {
   int speedMax;
   KelvoMedia* media;
   int numMedia;
-  int defaultMedia;
+  const char* defaultMedia;  // the PPD's word for it
 };
+
+// One value of a keyword choice: its IPP keyword, its words for people
+// (null for an old keyword still taken) and the PPD's word for it.
+struct KelvoWord {
+  const char* keyword;
+  const char* text;
+  const char* ppd;
+};
+
+// A choice of the Kelvo drivers beyond standard IPP ("kelvo-halftone"), in
+// words ("Halftone"), with its values and the defaults of the label and the
+// stencil printers (as IPP strings; null where a printer lacks the choice).
+struct KelvoChoice {
+  const char* name;
+  const char* text;
+  enum Kind { kKeyword, kRange, kBoolean } kind;
+  const KelvoWord* words;  // kKeyword
+  int numWords;
+  int min, max;  // kRange
+  const char* labelDefault;
+  const char* stencilDefault;
+};
+
+// The choices, in the order the web interface shows them.
+const KelvoChoice* kelvoChoices(int* count);
+
+// The words of choice `name`'s value `keyword` ("Barcode and text"); null
+// for an old keyword still taken and for a value the choice lacks.
+const char* kelvoChoiceWords(const char* name, const char* keyword);
+
+// The words of the model's size named `pwgName` ("4 x 6 in"); null for a
+// name that is not one of its sizes.
+const char* kelvoMediaText(const KelvoModel& model, const char* pwgName);
 
 // The drivers, in the order "drivers" lists them.
 extern pappl_pr_driver_t kelvoDrivers[];
@@ -47,8 +85,9 @@ const char* kelvoDetectFormat(const unsigned char* header, size_t size, void* da
 void kelvoSettingsFromOptions(const KelvoModel& model, const pappl_pr_options_t& options, pappl_label_mode_t mode,
                               Settings* settings);
 
-// The PPD's halftone word of an IPP keyword ("jarvis-judice-ninke" ->
-// JarvisJudiceNinke); unknown keywords give None.
+// The halftone of an IPP keyword: the PPD word it stands for
+// ("jarvis-judice-ninke-diffusion" -> Stucki, which runs that kernel; the old
+// "stucki" -> Stucki too); unknown keywords give None.
 DitherType kelvoHalftoneFromKeyword(const char* keyword);
 
 // The MIME type of ZPL documents.
