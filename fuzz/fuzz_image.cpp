@@ -15,8 +15,8 @@
 
 #include "fuzz_util.h"
 #include "stencil/jv_tattoo.h"
-#include "tests/common/memory_printer.h"
-#include "tests/reference/reference.h"
+#include "test_support/memory_printer.h"
+#include "test_support/reference.h"
 
 namespace {
 

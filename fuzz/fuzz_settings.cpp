@@ -15,7 +15,7 @@
 #include "printer/label_setup.h"
 #include "filter/settings.h"
 #include "fuzz_util.h"
-#include "tests/common/memory_printer.h"
+#include "test_support/memory_printer.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "fuzz_util.h"
-#include "tests/common/memory_printer.h"
-#include "tests/reference/reference.h"
+#include "test_support/memory_printer.h"
+#include "test_support/reference.h"
 #include "tools/zpl_decode.h"
 
 namespace {

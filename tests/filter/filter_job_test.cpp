@@ -3,7 +3,7 @@
 
 #include "filter/filter_main.h"
 #include "job_runner.h"
-#include "tests/reference/reference.h"
+#include "test_support/reference.h"
 
 namespace {
 

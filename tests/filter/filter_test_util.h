@@ -9,7 +9,7 @@
 #include <functional>
 #include <string>
 
-#include "tests/common/memory_printer.h"
+#include "test_support/memory_printer.h"
 
 // What `write` sends through the printer it is given.
 inline std::string printed(const std::function<void(KelvoPrinter&)>& write) {

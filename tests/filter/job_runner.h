@@ -24,7 +24,7 @@
 #include <vector>
 
 #include "filter_test_util.h"
-#include "tests/common/read_file.h"
+#include "test_support/read_file.h"
 #include "tools/zpl_decode.h"
 
 inline const std::string kLineFeeds(64, '\n');

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "image_test_util.h"
-#include "tests/common/enlarged_symbol.h"
+#include "test_support/enlarged_symbol.h"
 
 namespace {
 

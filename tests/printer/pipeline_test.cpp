@@ -1,6 +1,6 @@
 // The printer object and its page pipeline: clamps, the debug BMP files, the
 // anti-wrinkle frame and the blank-row counters. The halftone dispatch is held
-// to the plain definitions in tests/reference.
+// to the plain definitions in test_support/.
 #include <glob.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -12,8 +12,8 @@
 #include <ctime>
 #include <vector>
 
-#include "tests/common/memory_printer.h"
-#include "tests/common/read_file.h"
+#include "test_support/memory_printer.h"
+#include "test_support/read_file.h"
 
 namespace {
 

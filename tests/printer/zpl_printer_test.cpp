@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/common/memory_printer.h"
-#include "tests/reference/reference.h"
+#include "test_support/memory_printer.h"
+#include "test_support/reference.h"
 #include "tools/zpl_decode.h"
 
 namespace {

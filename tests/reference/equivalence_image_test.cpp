@@ -9,9 +9,9 @@
 #include "image/palette_barcode.h"
 #include "image/palette_dither.h"
 #include "image/palette_image.h"
-#include "tests/common/memory_printer.h"
-#include "tests/reference/random_pages.h"
-#include "tests/reference/reference.h"
+#include "test_support/memory_printer.h"
+#include "test_support/random_pages.h"
+#include "test_support/reference.h"
 
 namespace {
 

@@ -4,9 +4,9 @@
 
 #include <string>
 
-#include "tests/common/memory_printer.h"
-#include "tests/reference/random_pages.h"
-#include "tests/reference/reference.h"
+#include "test_support/memory_printer.h"
+#include "test_support/random_pages.h"
+#include "test_support/reference.h"
 
 namespace {
 

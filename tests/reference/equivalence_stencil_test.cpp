@@ -14,8 +14,8 @@
 #include "stencil/jv_kernels.h"
 #include "stencil/jv_run.h"
 #include "stencil/jv_tattoo.h"
-#include "tests/reference/random_pages.h"
-#include "tests/reference/reference.h"
+#include "test_support/random_pages.h"
+#include "test_support/reference.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/common/read_file.h"
+#include "test_support/read_file.h"
 #include "tools/png_io.h"
 
 namespace {

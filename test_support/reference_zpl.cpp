@@ -1,5 +1,5 @@
 // Plain 1-bit packing and row encoding: one output byte at a time.
-#include "tests/reference/reference.h"
+#include "test_support/reference.h"
 
 namespace kref {
 namespace {

@@ -5,7 +5,7 @@
 #include <cmath>
 
 #include "stencil/jv_math.h"
-#include "tests/reference/reference.h"
+#include "test_support/reference.h"
 
 namespace kref {
 

@@ -1,7 +1,7 @@
 // Plain page operations: one pixel at a time, bounds tested on every access.
 #include <cstring>
 
-#include "tests/reference/reference.h"
+#include "test_support/reference.h"
 
 namespace kref {
 namespace {
