@@ -43,7 +43,7 @@ KD_TARGET inline void spread(Lanes::V error, Lanes::V& right1, Lanes::V& right2,
 
 #define BLOCK_TARGET KD_TARGET
 #define BLOCK_SSE2 1
-#include "image/byte_blocks_impl.h"
+#include "support/byte_blocks_impl.h"
 #undef BLOCK_SSE2
 #undef BLOCK_TARGET
 

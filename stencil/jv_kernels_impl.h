@@ -104,7 +104,7 @@ JVK_TARGET inline void weightedScalar(const uint8_t* a, const uint8_t* b, float 
 #if defined(JVK_SSE2_TRANSPOSE)
 #define BLOCK_SSE2 1
 #endif
-#include "image/byte_blocks_impl.h"
+#include "support/byte_blocks_impl.h"
 #undef BLOCK_SSE2
 #undef BLOCK_TARGET
 
