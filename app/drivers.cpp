@@ -5,7 +5,6 @@
 #include <cstring>
 #include <string>
 
-#include "app/job.h"
 #include "support/kelvo_string.h"
 
 namespace {
@@ -31,27 +30,30 @@ KelvoMedia sSheets[] = {
 
 const KelvoModel kModels[] = {
     // Speeds as the PPDs offer them.
-    {"kelvo_203", "Kelvo ZPL Label Printer 203dpi", 203, kDialectStandard, false, 1, 12, sLabels203, 8, 6},
-    {"kelvo_300", "Kelvo ZPL Label Printer 300dpi", 300, kDialectStandard, false, 1, 8, sLabels300, 8, 6},
-    {"kelvo_tattoo", "Kelvo ZPL Tattoo Stencil 300dpi", 300, kDialectKelvo, true, 1, 4, sSheets, 4, 0},
+    {"kelvo_203", "Kelvo ZPL Label Printer 203dpi", 203, ZplDialect::kStandard, false, 1, 12, sLabels203, 8, 6},
+    {"kelvo_300", "Kelvo ZPL Label Printer 300dpi", 300, ZplDialect::kStandard, false, 1, 8, sLabels300, 8, 6},
+    {"kelvo_tattoo", "Kelvo ZPL Tattoo Stencil 300dpi", 300, ZplDialect::kKelvo, true, 1, 4, sSheets, 4, 0},
 };
 
-// IPP keywords of the halftone methods, in DitherType order. Each stands for
-// the PPD word of the same value, so a job prints what the filter prints
-// for that word.
+// IPP keywords of the halftone methods, in the order of the PPD's words.
+// Each stands for the PPD word of the same place, so a job prints what the
+// filter prints for that word.
 const char* const kHalftones[] = {"none",   "floyd-steinberg", "ordered",        "burkes",    "stucki",
                                   "jarvis-judice-ninke", "sierra", "stevenson-arce", "tattoo", "tattoo-x8",
                                   "barcode-text"};
-// The label printers' "after printing" choices and the PPD word of each;
-// "auto" takes the printer's label mode (printer-label-mode-configured).
-const char* const kPostActions[][2] = {{"auto", nullptr},           {"tear-off", "TearOff"}, {"peel-off", "PeelOff"},
-                                       {"cut", "Cut"},              {"partial-cut", "PartialCut"},
-                                       {"none", "None"}};
+// The label printers' "after printing" choices; "auto" takes the printer's
+// label mode (printer-label-mode-configured).
+const struct {
+  const char* keyword;
+  PostAction action;
+} kPostActions[] = {{"auto", PostAction::kTearOff},     {"tear-off", PostAction::kTearOff},
+                    {"peel-off", PostAction::kPeelOff}, {"cut", PostAction::kCut},
+                    {"partial-cut", PostAction::kCut},  {"none", PostAction::kPrinterSetting}};
 const int kNumPostActions = sizeof kPostActions / sizeof kPostActions[0];
 // The graphic transfer, as the PPDs' GraphicEncoding offers it: hex (any
 // printer), the Z64 download, Z64 inline in the format (^GFA).
 const char* const kEncodings[] = {"hex", "z64", "inline-z64"};
-const GraphicEncoding kEncodingValues[] = {kEncodingHex, kEncodingZ64, kEncodingInlineZ64};
+const GraphicEncoding kEncodingValues[] = {GraphicEncoding::kHex, GraphicEncoding::kZ64, GraphicEncoding::kInlineZ64};
 const int kNumEncodings = sizeof kEncodings / sizeof kEncodings[0];
 
 // What the PPDs default to: barcodes and text on labels, the stencil chain
@@ -143,25 +145,27 @@ const KelvoModel* kelvoFindModel(const char* driverName) {
   return nullptr;
 }
 
-DitherType kelvoHalftoneFromKeyword(const char* keyword) {
+KelvoHalftone kelvoHalftoneFromKeyword(const char* keyword) {
+  static_assert(sizeof kHalftones / sizeof kHalftones[0] == kKelvoHalftoneCount, "a keyword for every halftone");
   if (keyword != nullptr)
-    for (int i = 0; i < static_cast<int>(sizeof kHalftones / sizeof kHalftones[0]); ++i)
-      if (std::strcmp(kHalftones[i], keyword) == 0) return static_cast<DitherType>(i);
-  return None;
+    for (int i = 0; i < kKelvoHalftoneCount; ++i)
+      if (std::strcmp(kHalftones[i], keyword) == 0) return static_cast<KelvoHalftone>(i);
+  return KelvoHalftone::kThreshold;
 }
 
 bool kelvoDriverCallback(pappl_system_t* /*system*/, const char* driverName, const char* /*deviceUri*/,
-                         const char* /*deviceId*/, pappl_pr_driver_data_t* data, ipp_t** attrs, void* /*cbdata*/) {
+                         const char* /*deviceId*/, pappl_pr_driver_data_t* data, ipp_t** attrs, void* cbdata) {
   const KelvoModel* model = kelvoFindModel(driverName);
-  if (model == nullptr) return false;
+  const auto* jobs = static_cast<const KelvoJobCallbacks*>(cbdata);
+  if (model == nullptr || jobs == nullptr) return false;
 
   data->extension = const_cast<KelvoModel*>(model);
-  data->printfile_cb = kelvoPrintFile;
-  data->rstartjob_cb = kelvoStartJob;
-  data->rstartpage_cb = kelvoStartPage;
-  data->rwriteline_cb = kelvoWriteLine;
-  data->rendpage_cb = kelvoEndPage;
-  data->rendjob_cb = kelvoEndJob;
+  data->printfile_cb = jobs->printFile;
+  data->rstartjob_cb = jobs->startJob;
+  data->rstartpage_cb = jobs->startPage;
+  data->rwriteline_cb = jobs->writeLine;
+  data->rendpage_cb = jobs->endPage;
+  data->rendjob_cb = jobs->endJob;
   data->format = kKelvoZplFormat;
   kelvoStrCpy(data->make_and_model, model->description, sizeof data->make_and_model);
   data->ppm = model->stencil ? 2 : 20;
@@ -222,6 +226,8 @@ bool kelvoDriverCallback(pappl_system_t* /*system*/, const char* driverName, con
   if (!model->stencil) {
     data->vendor[data->num_vendor++] = "kelvo-gap-height";
     data->vendor[data->num_vendor++] = "kelvo-post-action";
+  } else {
+    data->vendor[data->num_vendor++] = "kelvo-anti-wrinkle";
   }
 
   ipp_t* vendor = ippNew();
@@ -246,10 +252,15 @@ bool kelvoDriverCallback(pappl_system_t* /*system*/, const char* driverName, con
     ippAddRange(vendor, IPP_TAG_PRINTER, "kelvo-gap-height-supported", 0, 10);
     ippAddInteger(vendor, IPP_TAG_PRINTER, IPP_TAG_INTEGER, "kelvo-gap-height-default", 3);
     ipp_attribute_t* post = ippAddString(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD),
-                                         "kelvo-post-action-supported", nullptr, kPostActions[0][0]);
-    for (int i = 1; i < kNumPostActions; ++i) ippSetString(vendor, &post, i, kPostActions[i][0]);
+                                         "kelvo-post-action-supported", nullptr, kPostActions[0].keyword);
+    for (int i = 1; i < kNumPostActions; ++i) ippSetString(vendor, &post, i, kPostActions[i].keyword);
     ippAddString(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "kelvo-post-action-default", nullptr,
-                 kPostActions[0][0]);
+                 kPostActions[0].keyword);
+  } else {
+    // The frame around the sheet that keeps thin stencil paper flat, in
+    // millimetres; 0: none.
+    ippAddRange(vendor, IPP_TAG_PRINTER, "kelvo-anti-wrinkle-supported", 0, 3);
+    ippAddInteger(vendor, IPP_TAG_PRINTER, IPP_TAG_INTEGER, "kelvo-anti-wrinkle-default", 0);
   }
   // Grey pages have no colour rendering to choose.
   ippAddString(vendor, IPP_TAG_PRINTER, IPP_CONST_TAG(IPP_TAG_KEYWORD), "print-rendering-intent-supported", nullptr,
@@ -273,67 +284,60 @@ const char* kelvoDetectFormat(const unsigned char* header, size_t size, void* /*
   return nullptr;
 }
 
-void kelvoSettingsFromOptions(const KelvoModel& model, const pappl_pr_options_t& options, pappl_label_mode_t mode,
-                              Settings* settings) {
-  std::memset(settings, 0, sizeof *settings);
-  std::snprintf(settings->Resolution, sizeof settings->Resolution, "%ddpi", model.dpi);
-  kelvoStrCpy(settings->Occurrence, "EveryLabel", sizeof settings->Occurrence);
-  settings->dialect = model.dialect;
-  settings->encoding = kEncodingHex;
+KelvoJobSettings kelvoSettingsFromOptions(const KelvoModel& model, const pappl_pr_options_t& options,
+                                          pappl_label_mode_t mode) {
+  KelvoJobSettings settings;
+  settings.dialect = model.dialect;
   const char* encoding = vendorOption(options, "kelvo-graphic-encoding");
   for (int i = 0; encoding != nullptr && i < kNumEncodings; ++i)
-    if (std::strcmp(encoding, kEncodings[i]) == 0) settings->encoding = kEncodingValues[i];
+    if (std::strcmp(encoding, kEncodings[i]) == 0) settings.encoding = kEncodingValues[i];
 
-  kelvoStrCpy(settings->MediaMethod, !model.stencil && std::strcmp(options.media.type, "thermal-transfer") == 0
-                                         ? "Transfer"
-                                         : "Direct",
-              sizeof settings->MediaMethod);
-  const char* paper = "LabelGaps";
-  if (model.stencil)
-    paper = options.media.tracking == PAPPL_MEDIA_TRACKING_CONTINUOUS ? "Continue" : "Normal";
-  else if (options.media.tracking == PAPPL_MEDIA_TRACKING_MARK)
-    paper = "LabelMark";
-  else if (options.media.tracking == PAPPL_MEDIA_TRACKING_CONTINUOUS)
-    paper = "Continue";
-  kelvoStrCpy(settings->PaperType, paper, sizeof settings->PaperType);
+  settings.printMethod = !model.stencil && std::strcmp(options.media.type, "thermal-transfer") == 0
+                             ? PrintMethod::kThermalTransfer
+                             : PrintMethod::kDirectThermal;
+  const pappl_media_tracking_t tracking = options.media.tracking;
+  if (tracking == PAPPL_MEDIA_TRACKING_CONTINUOUS)
+    settings.tracking = MediaTracking::kContinuous;
+  else if (model.stencil)
+    settings.tracking = MediaTracking::kPrinterSetting;
+  else
+    settings.tracking = tracking == PAPPL_MEDIA_TRACKING_MARK ? MediaTracking::kMarks : MediaTracking::kGaps;
 
   const char* gap = vendorOption(options, "kelvo-gap-height");
-  settings->GapsHeight = model.stencil ? 0 : gap != nullptr ? std::atoi(gap) : 3;
+  settings.gapMm = model.stencil ? 0 : gap != nullptr ? std::atoi(gap) : 3;
 
-  const char* post = "None";
+  settings.postAction = PostAction::kPrinterSetting;
   if (!model.stencil) {
-    post = mode == PAPPL_LABEL_MODE_PEEL_OFF ? "PeelOff" : mode == PAPPL_LABEL_MODE_CUTTER ? "Cut" : "TearOff";
+    settings.postAction = mode == PAPPL_LABEL_MODE_PEEL_OFF ? PostAction::kPeelOff
+                          : mode == PAPPL_LABEL_MODE_CUTTER ? PostAction::kCut
+                                                            : PostAction::kTearOff;
     const char* chosen = vendorOption(options, "kelvo-post-action");
     for (int i = 1; chosen != nullptr && i < kNumPostActions; ++i)
-      if (std::strcmp(chosen, kPostActions[i][0]) == 0) post = kPostActions[i][1];
+      if (std::strcmp(chosen, kPostActions[i].keyword) == 0) settings.postAction = kPostActions[i].action;
   }
-  kelvoStrCpy(settings->PostAction, post, sizeof settings->PostAction);
 
-  if (options.print_speed <= 0) {
-    kelvoStrCpy(settings->PrintSpeed, "Normal", sizeof settings->PrintSpeed);
-  } else {
-    int inches = (options.print_speed + 1270) / 2540;
-    inches = inches < model.speedMin ? model.speedMin : inches > model.speedMax ? model.speedMax : inches;
-    std::snprintf(settings->PrintSpeed, sizeof settings->PrintSpeed, "%d", inches);
+  if (options.print_speed > 0) {
+    const int inches = (options.print_speed + 1270) / 2540;
+    settings.speed = inches < model.speedMin ? model.speedMin : inches > model.speedMax ? model.speedMax : inches;
   }
   // printer-darkness-configured (0-100) moved by the job's print-darkness
   // (-100-100), in ZPL's 31 steps.
   int darkness = options.darkness_configured + options.print_darkness;
   darkness = darkness < 0 ? 0 : darkness > 100 ? 100 : darkness;
-  settings->Darkness = (darkness * 30 + 50) / 100;
+  settings.darkness = (darkness * 30 + 50) / 100;
 
-  settings->halftoneType =
-      kelvoHalftoneFromKeyword(vendorOption(options, "kelvo-halftone") != nullptr
-                                   ? vendorOption(options, "kelvo-halftone")
-                                   : defaultHalftone(model.stencil));
+  const char* halftone = vendorOption(options, "kelvo-halftone");
+  settings.halftone = kelvoHalftoneFromKeyword(halftone != nullptr ? halftone : defaultHalftone(model.stencil));
   const char* brightness = vendorOption(options, "kelvo-brightness");
-  settings->Brightness = brightness != nullptr ? std::atoi(brightness) : 0;
+  settings.brightness = brightness != nullptr ? std::atoi(brightness) : 0;
   const char* mirror = vendorOption(options, "kelvo-mirror");
-  settings->MirrorImage = mirror != nullptr && std::strcmp(mirror, "true") == 0 ? 1 : 0;
+  settings.mirror = mirror != nullptr && std::strcmp(mirror, "true") == 0;
   const char* negative = vendorOption(options, "kelvo-negative");
-  settings->NegativeImage = negative != nullptr && std::strcmp(negative, "true") == 0 ? 1 : 0;
+  settings.negative = negative != nullptr && std::strcmp(negative, "true") == 0;
   const char* rotate = vendorOption(options, "kelvo-rotate-180");
-  kelvoStrCpy(settings->Origin, rotate != nullptr && std::strcmp(rotate, "true") == 0 ? "Rotation180" : "Normal",
-              sizeof settings->Origin);
-  settings->DebugImages = 0;
+  settings.turnLabel = rotate != nullptr && std::strcmp(rotate, "true") == 0;
+  const char* frame = vendorOption(options, "kelvo-anti-wrinkle");
+  const int frameMm = model.stencil && frame != nullptr ? std::atoi(frame) : 0;
+  settings.antiWrinkleMm = frameMm < 0 ? 0 : frameMm > 3 ? 3 : frameMm;
+  return settings;
 }

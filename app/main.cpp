@@ -70,7 +70,7 @@ pappl_system_t* createSystem(int count, cups_option_t* options, void* /*data*/) 
     return nullptr;
   }
   papplSystemSetPrinterDrivers(system, kelvoNumDrivers, kelvoDrivers, nullptr, nullptr, kelvoDriverCallback,
-                               nullptr);
+                               const_cast<KelvoJobCallbacks*>(&kelvoJobCallbacks));
   papplSystemSetMIMECallback(system, kelvoDetectFormat, nullptr);
   papplSystemSetFooterHTML(system, "Kelvo ZPL printer application " "3.13.13");
   papplSystemSetSaveCallback(system, reinterpret_cast<pappl_save_cb_t>(papplSystemSaveState),
@@ -83,5 +83,5 @@ pappl_system_t* createSystem(int count, cups_option_t* options, void* /*data*/) 
 
 int main(int argc, char* argv[]) {
   return papplMainloop(argc, argv, kVersion, nullptr, kelvoNumDrivers, kelvoDrivers, nullptr, kelvoDriverCallback,
-                       nullptr, nullptr, createSystem, nullptr, nullptr);
+                       nullptr, nullptr, createSystem, nullptr, const_cast<KelvoJobCallbacks*>(&kelvoJobCallbacks));
 }

@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "image/palette_barcode.h"
+#include "image/barcode_text.h"
 #include "test_support/enlarged_symbol.h"
 
 int main(int argc, char** argv) {

@@ -20,8 +20,7 @@
 
 #include "filter/ppd_helpers.h"
 #include "filter/settings.h"
-#include "printer/label_setup.h"
-#include "printer/zpl_printer.h"
+#include "printer/page_engine.h"
 #include "support/kelvo_log.h"
 #include "support/kelvo_string.h"
 #include "support/page_buffer.h"
@@ -39,7 +38,7 @@ namespace {
 const char sVersion[] = "3.13.13";
 
 // Set when the spooler cancels the job (SIGTERM). The filter runs one job per
-// process, so the flag lives here; the printer is handed a pointer to it.
+// process, so the flag lives here; the engine's sink is handed a pointer to it.
 volatile std::sig_atomic_t sJobCancelled = 0;
 
 // A cancelled job finishes the row it is sending and ends the download; that
@@ -215,12 +214,10 @@ struct RasterSource {
 };
 
 // Reads and prints pages until the stream ends; returns the exit status.
-int pageLoop(cups_raster_t* raster, RasterSource& source, Settings& settings, const KelvoPrintableArea& area,
-             KelvoPrinter& printer, unsigned char*& buffer) {
+int pageLoop(cups_raster_t* raster, RasterSource& source, KelvoEngine& engine, unsigned char*& buffer) {
   size_t bufferBytes = 0;
   cups_page_header2_t header;
   int pageCount = 0;
-  FILE* out = printer.getOutputStreams().front();
   source.markPageEnd();
   while (!sJobCancelled) {
     if (!cupsRasterReadHeader2(raster, &header)) {
@@ -233,17 +230,12 @@ int pageLoop(cups_raster_t* raster, RasterSource& source, Settings& settings, co
                      pageCount);
       return 1;
     }
-    if (header.cupsBitsPerPixel != 8) {
-      kelvoLogCommon(LogError, "Unsupported bits per pixel : %d ! Requires 8 bits per pixel!",
-                     header.cupsBitsPerPixel);
-      return 1;
-    }
     // An empty page ends the whole job successfully: the spooler sends one
     // after the last real page on some printers.
-    if (header.cupsHeight == 0 || header.cupsBytesPerLine == 0) return 0;
+    if (header.cupsBitsPerPixel == 8 && (header.cupsHeight == 0 || header.cupsBytesPerLine == 0)) return 0;
     // A page the printer could not print is refused before anything is
     // allocated for it: its cost would be for nobody.
-    const std::string refusal = kelvoPageRefusal(area, header, static_cast<unsigned>(pageCount) + 1);
+    const std::string refusal = engine.checkPage(header, static_cast<unsigned>(pageCount) + 1);
     if (!refusal.empty()) {
       kelvoLogCommon(LogError, "%s", refusal.c_str());
       return 1;
@@ -261,36 +253,25 @@ int pageLoop(cups_raster_t* raster, RasterSource& source, Settings& settings, co
       }
     }
 
-    // From here on the raster's own size is the page size of the job.
-    settings.pageWidth = static_cast<float>(header.cupsWidth * 25.4 / header.HWResolution[0]);
-    settings.pageHeight = static_cast<float>(header.cupsHeight * 25.4 / header.HWResolution[1]);
-    settings.pageWidthDots = header.cupsWidth;
-    settings.pageHeightDots = header.cupsHeight;
-    kelvoLogCommon(LogDebug, "pageWidth: %f,pageHeight: %f", settings.pageWidth, settings.pageHeight);
-
-    jobSetup(printer, &settings);
-    printer.setPageHeader(&header);
-    printer.setBrightness(settings.Brightness);
-    printer.setHalftoneType(static_cast<DitherType>(settings.halftoneType));
-    printer.setMirrorPrint(settings.MirrorImage != 0);
-    printer.setNegativePrint(settings.NegativeImage != 0);
-    setCls(printer);
+    // The page's copies and size name come with its header; the printer
+    // repeats the page itself.
+    KelvoJobSettings& settings = engine.settings();
+    settings.copies = header.NumCopies;
+    settings.sheet.assign(header.cupsPageSizeName, strnlen(header.cupsPageSizeName, sizeof header.cupsPageSizeName));
+    engine.startPage(header);
 
     ++pageCount;
     logHeader(pageCount, header);
 
     const bool whole = cupsRasterReadPixels(raster, buffer, pageBytes) != 0;
     source.markPageEnd();
-    if (whole && !sJobCancelled) {
-      printer.startPage();
-      if (!printer.printImage(buffer, header.cupsBytesPerLine, header.cupsHeight, header.cupsWidth)) {
-        kelvoLogCommon(LogError, "Page %d: out of memory while processing it; the job stops here", pageCount);
-        return 1;
-      }
+    if (whole && !sJobCancelled && !engine.finishPage(buffer)) {
+      kelvoLogCommon(LogError, "Page %d: out of memory while processing it; the job stops here", pageCount);
+      return 1;
     }
     // Stop at the first page the printer could not receive; the rest would
     // be rendered for nobody.
-    if (outputFailed(out)) return sJobCancelled ? 0 : 1;
+    if (outputFailed(stdout)) return sJobCancelled ? 0 : 1;
   }
   // Cancelling is the spooler's decision, not a failure of the job.
   if (sJobCancelled) kelvoLogCommon(LogDebug, "Job cancelled after %d pages", pageCount);
@@ -439,7 +420,6 @@ int filterMain(int argc, char** argv) {
   sJobCancelled = 0;
   JobSignals signals;
   int status = 1;
-  std::unique_ptr<ZplPrinter> printer(new ZplPrinter());
   Settings settings{};
   unsigned char* buffer = nullptr;
   cups_raster_t* raster = nullptr;
@@ -448,21 +428,24 @@ int filterMain(int argc, char** argv) {
 
   KelvoPrintableArea area;
   parseSettings(&settings, options, &area);
-  printer->setCancelFlag(&sJobCancelled);
-  printer->setDialect(settings.dialect);
-  printer->setGraphicEncoding(settings.encoding);
-  const char* tmp = std::getenv("TMPDIR");
-  printer->setDebugImages(settings.DebugImages != 0, tmp != nullptr && *tmp != '\0' ? tmp : KELVO_DEBUG_IMAGE_DIR,
-                          jobId);
+  KelvoJobSettings job = kelvoEngineSettings(settings);
+  if (settings.DebugImages != 0) {
+    const char* tmp = std::getenv("TMPDIR");
+    job.debugFolder = tmp != nullptr && *tmp != '\0' ? tmp : KELVO_DEBUG_IMAGE_DIR;
+    job.debugTag = jobId;
+  }
+  KelvoSink sink(stdout);
+  sink.setCancelFlag(&sJobCancelled);
 
   std::unique_ptr<Recording> recording;
   if (settings.outputFile[0] != '\0') {
     recording.reset(new Recording(settings.outputFile));
     if (FILE* stream = recording->open()) {
       kelvoLogCommon(LogDebug, "Filter data output to: %s", settings.outputFile);
-      printer->getOutputStreams().push_back(stream);
+      sink.addStream(stream);
     }
   }
+  KelvoEngine engine(job, area, sink);
 
   // Only a missing or vanishing size is refused, whatever the message says;
   // the text is what support staff search the logs for.
@@ -471,11 +454,10 @@ int filterMain(int argc, char** argv) {
                  settings.pageHeight);
     explainMissingPageSize(settings);
   } else {
-    // Line feeds wake the printer and flush anything left in its parser.
-    for (int i = 0; i < 64; ++i) printer->printByte('\n');
+    engine.wakePrinter();
     raster = cupsRasterOpenIO(RasterSource::read, &source, CUPS_RASTER_READ);
     try {
-      status = raster != nullptr ? pageLoop(raster, source, settings, area, *printer, buffer) : 0;
+      status = raster != nullptr ? pageLoop(raster, source, engine, buffer) : 0;
     } catch (const std::bad_alloc&) {
       kelvoLogCommon(LogError, "A page could not be printed: out of memory; the job stops here");
       status = 1;

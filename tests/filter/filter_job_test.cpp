@@ -132,8 +132,7 @@ TEST(FilterJob, EveryHalftoneAndPageOptionPrintsItsPlainPage) {
         wrong += ((graphics[0].rows[y * graphics[0].bytesPerRow + x / 8] & (0x80 >> (x % 8))) != 0) !=
                  (want.px[static_cast<size_t>(y) * want.eff + x] != 0);
     EXPECT_EQ(wrong, 0) << row.options;
-    // A stencil with its debug pictures on takes another way to the printer
-    // (through a page image); what it prints stays the same.
+    // A stencil prints the same with its debug pictures on.
     if (row.o.type >= 8) {
       const JobResult debug = runJob(raster, row.options + " DebugImages=True", debugPpd.path);
       EXPECT_EQ(debug.tempFiles.size(), 2u) << row.options;

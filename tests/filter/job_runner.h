@@ -54,7 +54,6 @@ struct MemoryLimit {
   ~MemoryLimit() { gMemoryLimit = 0; }
 };
 
-inline bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 // An 8-bit K page, 0 = no ink; `pixels` are written as they are, however
 // many there are.
