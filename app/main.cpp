@@ -11,6 +11,7 @@
 
 #include "app/drivers.h"
 #include "app/job.h"
+#include "app/studio.h"
 
 namespace {
 
@@ -76,6 +77,7 @@ pappl_system_t* createSystem(int count, cups_option_t* options, void* /*data*/) 
   papplSystemSetSaveCallback(system, reinterpret_cast<pappl_save_cb_t>(papplSystemSaveState),
                              const_cast<char*>(strdup(state.c_str())));
   papplSystemLoadState(system, state.c_str());
+  kelvoStudioRegister(system, spool.c_str());
   return system;
 }
 

@@ -2,24 +2,27 @@
 # Whole-process comparison with CUPS's own label filter (rastertolabel) on
 # the same content: CUPS's filter gets 1-bit pages, ours the 8-bit ink pages
 # it is given in a real job. The two are run alternately, several times per
-# case, and the medians are printed as a Markdown table.
+# case, and the results are printed as a Markdown table: CPU time as
+# minimum / median / maximum, the ratio of the medians, how much the
+# slowest of our runs took over our median, and medians of the rest.
 #
-#   bench/compare.sh [runs]      (default 7 runs per filter and case)
+#   bench/compare.sh [runs]      (default 21 runs per filter and case)
 #
 # Builds what it needs (release build in build/bench) and installs the Debian
 # packages it needs when they are missing. CPU time is user + system time of
 # the filter process (all its threads), which is what matters on a busy print
 # server; wall time also counts waiting for a shared core. Our filter runs the
-# stencil chain of a large page on every core it may use (at most 8);
-# KELVO_THREADS=1 bench/compare.sh measures it on one thread. The load
-# average printed at the end tells whether the machine was idle.
+# unsharp mask of a large stencil page on every core it may use (at most 8)
+# and the rest on one; KELVO_THREADS=1 bench/compare.sh measures it all on
+# one thread. The load average printed at the end tells whether the machine
+# was idle.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . tools/scripts/packages.sh
 # shellcheck disable=SC2086
 kelvo_ensure_packages $KELVO_BUILD_PACKAGES cups cups-ppdc
 
-runs=${1:-7}
+runs=${1:-21}
 build=build/bench
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$build" -j2 --target rastertokelvozpl kelvo_ppds kelvo-bench-raster kelvo-bench-measure >/dev/null
@@ -50,12 +53,12 @@ zpl_ppd=$(grep -l '^\*ModelName: ".*ZPL' "$work"/ppd/*.ppd | head -1)
 # the PPD, the job options).
 : >"$work/empty.ras"
 
-# Our filter saves two debug BMPs per page into the spooler's folder by
-# design; they are part of its cost, but the ones these runs made go again.
+# Debug pictures are off in the shipped PPDs; should a run save any into
+# the spooler's folder, they go again.
 before_run() { ls "$spool" 2>/dev/null | sort >"$work/spool.before" || true; }
 after_run() {
   ls "$spool" 2>/dev/null | sort | comm -13 "$work/spool.before" - | while read -r f; do
-    case $f in origin_*.bmp | dithered_*.bmp) rm -f "$spool/$f" ;; esac
+    case $f in kelvozpl-debug-*.bmp) rm -f "$spool/$f" ;; esac
   done
 }
 
@@ -75,6 +78,9 @@ run_one() {
 }
 
 median() { sort -g | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
+smallest() { sort -g | head -1; }
+largest() { sort -g | tail -1; }
+cpu() { awk '{ print ($1 + $2) * 1000 }' "$1"; }
 
 # name | our PPD | our options | our raster | their raster
 cases=(
@@ -87,8 +93,8 @@ cases=(
 )
 
 load_start=$(cut -d' ' -f1 /proc/loadavg)
-printf '| Case | CPU ms ours | CPU ms theirs | CPU ratio | wall ms ours | wall ms theirs | max RSS MB ours | max RSS MB theirs | bytes ours | bytes theirs |\n'
-printf '|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n'
+printf '| Case | CPU ms ours, min / median / max | CPU ms theirs, min / median / max | CPU ratio | slowest / median, ours | wall ms ours | wall ms theirs | max RSS MB ours | max RSS MB theirs | bytes ours | bytes theirs |\n'
+printf '|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n'
 n=0
 for c in "${cases[@]}"; do
   IFS='|' read -r name ppd options ours_raster theirs_raster <<<"$c"
@@ -99,19 +105,17 @@ for c in "${cases[@]}"; do
     run_one "t$n" "$zpl_ppd" "" "$work/$theirs_raster" "$theirs"
     run_one "o$n" "$build/ppd/ppd/$ppd" "$options" "$work/$ours_raster" "$ours"
   done
-  cpu_o=$(awk '{ print ($1 + $2) * 1000 }' "$work/o$n.txt" | median)
-  cpu_t=$(awk '{ print ($1 + $2) * 1000 }' "$work/t$n.txt" | median)
-  wall_o=$(awk '{ print $3 * 1000 }' "$work/o$n.txt" | median)
-  wall_t=$(awk '{ print $3 * 1000 }' "$work/t$n.txt" | median)
-  rss_o=$(awk '{ print $4 / 1024 }' "$work/o$n.txt" | median)
-  rss_t=$(awk '{ print $4 / 1024 }' "$work/t$n.txt" | median)
-  bytes_o=$(awk '{ print $5 }' "$work/o$n.txt" | median)
-  bytes_t=$(awk '{ print $5 }' "$work/t$n.txt" | median)
-  awk -v n="$name" -v co="$cpu_o" -v ct="$cpu_t" -v wo="$wall_o" -v wt="$wall_t" -v ro="$rss_o" -v rt="$rss_t" \
-    -v bo="$bytes_o" -v bt="$bytes_t" 'BEGIN {
-      printf "| %s | %.1f | %.1f | %.2f | %.1f | %.1f | %.1f | %.1f | %d | %d |\n",
-        n, co, ct, (ct > 0 ? co / ct : 0), wo, wt, ro, rt, bo, bt }'
+  o=$work/o$n.txt
+  t=$work/t$n.txt
+  awk -v n="$name" \
+    -v o1="$(cpu "$o" | smallest)" -v o2="$(cpu "$o" | median)" -v o3="$(cpu "$o" | largest)" \
+    -v t1="$(cpu "$t" | smallest)" -v t2="$(cpu "$t" | median)" -v t3="$(cpu "$t" | largest)" \
+    -v wo="$(awk '{ print $3 * 1000 }' "$o" | median)" -v wt="$(awk '{ print $3 * 1000 }' "$t" | median)" \
+    -v ro="$(awk '{ print $4 / 1024 }' "$o" | median)" -v rt="$(awk '{ print $4 / 1024 }' "$t" | median)" \
+    -v bo="$(awk '{ print $5 }' "$o" | median)" -v bt="$(awk '{ print $5 }' "$t" | median)" 'BEGIN {
+      printf "| %s | %.1f / %.1f / %.1f | %.1f / %.1f / %.1f | %.2f | %.2f | %.1f | %.1f | %.1f | %.1f | %d | %d |\n",
+        n, o1, o2, o3, t1, t2, t3, (t2 > 0 ? o2 / t2 : 0), (o2 > 0 ? o3 / o2 : 0), wo, wt, ro, rt, bo, bt }'
 done
 echo
-echo "Medians of $runs alternating runs each; $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //'), $(nproc) cores, $(date -u +%Y-%m-%d);" \
+echo "$runs alternating runs each; $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //'), $(nproc) cores, $(date -u +%Y-%m-%d);" \
   "load average $load_start at the start, $(cut -d' ' -f1 /proc/loadavg) at the end${KELVO_THREADS:+; KELVO_THREADS=$KELVO_THREADS}."

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "bench/pages.h"
-#include "tools/png_io.h"
+#include "printer/png_io.h"
 #include "tools/raster_header.h"
 #include "tools/zpl_decode.h"
 

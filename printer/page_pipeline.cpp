@@ -35,16 +35,15 @@ void adjust(uint8_t* page, size_t stride, unsigned width, unsigned height, const
   }
 }
 
-// The stencil chain on the page, its rows first moved together where they
-// are padded: the chain reads them without gaps.
+// The stencil chain made in the page itself, its rows first moved together
+// where they are padded (the chain reads them without gaps), then packed.
+// The chain gives its bytes for every page and also finishes on blank and
+// two-level pages.
 bool stencil(uint8_t* page, size_t stride, unsigned width, unsigned height, bool x8, KelvoDots& dots) {
   if (stride != width)
     for (unsigned y = 1; y < height; ++y) std::memmove(page + static_cast<size_t>(width) * y, page + stride * y, width);
-  // The guarded chain gives the chain's bytes for every page and also
-  // finishes on blank and two-level pages.
-  const JVImage made = jvTattooStencilOfGray(page, static_cast<int>(width), static_cast<int>(height), x8);
-  if (made.byteCount() == 0) return false;
-  for (unsigned y = 0; y < height; ++y) kelvoPackNonZero(made.data + static_cast<size_t>(width) * y, width, dots.row(y));
+  if (!jvTattooStencilInPlace(page, static_cast<int>(width), static_cast<int>(height), x8)) return false;
+  for (unsigned y = 0; y < height; ++y) kelvoPackNonZero(page + static_cast<size_t>(width) * y, width, dots.row(y));
   return true;
 }
 

@@ -93,43 +93,72 @@ void gammaTable(int pivot, float gammaLow, float gammaHigh, bool guarded, uint8_
 
 // ---- unsharp mask, streamed by rows ----
 
-namespace {
-
-// One thread's rows, in strips of columns narrow enough for the strip's
-// ring of taps2 horizontally blurred rows to stay in the first-level cache
-// as doubles (11 x 256 x 8 bytes): each blurred byte is converted to a
-// double once, not once per tap. For output row y the vertical pass reads
-// the blurred rows clamp(y - half .. y + half); the gamma-mapped rows are
-// kept in a ring beside them, as the weighting reads row y itself.
-const int64_t kStrip = 256;
-
-// dst[i] = table[src[i]], four at a time.
-void mapBytes(const uint8_t* table, const uint8_t* src, size_t n, uint8_t* dst) {
-  size_t i = 0;
-  for (; i + 4 <= n; i += 4) {
-    const uint8_t a = table[src[i]], b = table[src[i + 1]], c = table[src[i + 2]], d = table[src[i + 3]];
-    dst[i] = a;
-    dst[i + 1] = b;
-    dst[i + 2] = c;
-    dst[i + 3] = d;
+BlurTaps blurTapsFor(const double* taps, int size) {
+  BlurTaps t{};
+  t.taps = taps;
+  t.size = size;
+  t.half = size / 2;
+  t.fast = false;
+  if (size < 1 || size % 2 == 0 || t.half > kMaxBlurHalf) return t;
+  double sum = 0.0;
+  for (int k = 0; k < size; ++k) {
+    if (!(taps[k] > 0.0) || !std::isfinite(taps[k]) || taps[k] != taps[size - 1 - k]) return t;
+    sum += taps[k];
   }
-  for (; i < n; ++i) dst[i] = table[src[i]];
+  // u: the relative rounding of a float operation. Terms in the order
+  // blurBytes (jv_kernels_impl.h) adds them, the middle one first; a term
+  // is a level (at most 255) or the sum of two (at most 510) times a tap.
+  const double u = std::ldexp(1.0, -24);
+  double tapError = 0.0, roundings = 0.0, partial = 0.0;
+  for (int i = 0; i <= t.half; ++i) {
+    const int k = i == 0 ? t.half : i - 1;
+    const float f = static_cast<float>(taps[k]);
+    t.paired[k] = f;
+    const double most = k == t.half ? 255.0 : 510.0;
+    tapError += most * std::fabs(static_cast<double>(f) - taps[k]);
+    const double term = most * static_cast<double>(f) * (1.0 + 4.0 * u);
+    partial += term;
+    roundings += u * term;               // the product
+    if (i > 0) roundings += u * partial;  // the addition
+  }
+  // S bounds the float sum and the double sum D alike.
+  const double s = std::max(partial, 255.0 * sum) * (1.0 + 1e-6);
+  const double doubleError = 4.0 * size * std::ldexp(1.0, -53) * s;  // D against the exact sum
+  const double roundingOfD = u * (2.0 * s + 1.0);                    // (float)D, then + 0.5f
+  const double check = 2.0 * u * (s + 2.0);                           // A + low, A + high, low and high as floats
+  const double bound = (tapError + roundings + doubleError + roundingOfD + check) * 1.01 + 1e-6;
+  if (bound > 0.01) return t;
+  t.low = static_cast<float>(0.5 - bound);
+  t.high = static_cast<float>(0.5 + bound);
+  t.bound = bound;
+  t.fast = true;
+  return t;
 }
 
+namespace {
+
+// One thread's rows, whole rows at a time. For output row y the vertical
+// pass reads the horizontally blurred rows clamp(y - half .. y + half),
+// kept as floats in a ring of taps2 rows; the gamma-mapped rows g, as
+// floats half a kernel wider on both sides for the horizontal pass, are
+// kept in a ring beside them, as the weighting reads row y itself. A
+// source row is mapped before the output row of the same number is
+// written, so the output may overwrite the source; the rows of the
+// neighbouring threads' shares then come from copies made before any
+// thread started.
 struct UnsharpScratch {
-  int64_t strip;
-  std::vector<double> padded;       // the strip's source row, half a kernel wider on both sides
-  std::vector<double> blurredRows;  // ring: taps2 rows of the horizontal pass
-  std::vector<uint8_t> levelRows;   // ring: taps2 rows of g
-  std::vector<uint8_t> blurredRow;  // the vertical pass of one row
-  std::vector<const double*> rowPointers;
+  size_t padded;               // floats in a row of g: width + taps2 - 1
+  std::vector<float> levels;   // ring: taps2 padded rows of g
+  std::vector<float> blurred;  // ring: taps2 rows of the horizontal pass
+  std::vector<const float*> rowPointers;
+  // In place: the source rows [aboveFrom, first) and [end, end + below rows).
+  std::vector<uint8_t> above, below;
+  int64_t aboveFrom = 0;
 
   UnsharpScratch(int64_t width, int taps2)
-      : strip(width < kStrip ? width : kStrip),
-        padded(static_cast<size_t>(strip + taps2 - 1)),
-        blurredRows(static_cast<size_t>(strip) * static_cast<size_t>(taps2)),
-        levelRows(static_cast<size_t>(strip) * static_cast<size_t>(taps2)),
-        blurredRow(static_cast<size_t>(strip)),
+      : padded(static_cast<size_t>(width + taps2 - 1)),
+        levels(padded * static_cast<size_t>(taps2)),
+        blurred(static_cast<size_t>(width) * static_cast<size_t>(taps2)),
         rowPointers(static_cast<size_t>(taps2)) {}
 };
 
@@ -137,51 +166,49 @@ struct UnsharpJob {
   const uint8_t* gray;
   int64_t width;
   int64_t height;
-  uint8_t table[256];    // g = table[gray]
-  double asDouble[256];  // (double)g
-  const double* taps;
-  int taps2;
+  float table[256];  // g = table[gray], as a float
+  jvk::BlurTaps taps;
   float alpha, beta, gamma;
   uint8_t* out;
-  const Kernels* kernels;
+  bool inPlace;
+  const jvk::Kernels* kernels;
 };
+
+// dst[i] = table[src[i]]: a load, a lookup and a store a pixel.
+void mapToFloats(const float* table, const uint8_t* src, size_t n, float* dst) {
+#pragma GCC unroll 8
+  for (size_t i = 0; i < n; ++i) dst[i] = table[src[i]];
+}
 
 void unsharpRows(const UnsharpJob& job, UnsharpScratch& s, int64_t ya, int64_t yb) {
   const int64_t w = job.width;
   const int64_t h = job.height;
-  const int64_t half = job.taps2 / 2;
-  const int64_t strip = s.strip;
-  auto slot = [&](int64_t row) { return static_cast<size_t>(row % job.taps2) * static_cast<size_t>(strip); };
+  const int taps2 = job.taps.size;
+  const int64_t half = job.taps.half;
+  const size_t uw = static_cast<size_t>(w);
+  auto level = [&](int64_t row) { return &s.levels[static_cast<size_t>(row % taps2) * s.padded]; };
+  auto blurred = [&](int64_t row) { return &s.blurred[static_cast<size_t>(row % taps2) * uw]; };
   auto clampRow = [&](int64_t r) { return r < 0 ? 0 : (r > h - 1 ? h - 1 : r); };
+  auto sourceRow = [&](int64_t r) -> const uint8_t* {
+    if (job.inPlace && r < ya) return &s.above[static_cast<size_t>(r - s.aboveFrom) * uw];
+    if (job.inPlace && r >= yb) return &s.below[static_cast<size_t>(r - yb) * uw];
+    return job.gray + r * w;
+  };
 
-  for (int64_t xs = 0; xs < w; xs += strip) {
-    const int64_t n = w - xs < strip ? w - xs : strip;
-    const size_t un = static_cast<size_t>(n);
-    int64_t next = clampRow(ya - half);  // the next row to blur horizontally
-    for (int64_t y = ya; y < yb; ++y) {
-      const int64_t last = clampRow(y + half);
-      for (; next <= last; ++next) {
-        const uint8_t* src = job.gray + next * w;
-        uint8_t* g = &s.levelRows[slot(next)];
-        mapBytes(job.table, src + xs, un, g);
-        // The strip's source columns xs - half .. xs + n + half - 1 as
-        // doubles, clamped to the page: the clamped index of every tap,
-        // looked up once.
-        double* p = s.padded.data();
-        job.kernels->bytesToDoubles(g, un, p + half);
-        for (int64_t i = 0; i < half; ++i) {
-          const int64_t left = xs - half + i, right = xs + n + i;
-          p[i] = job.asDouble[src[left < 0 ? 0 : left]];
-          p[half + n + i] = job.asDouble[src[right > w - 1 ? w - 1 : right]];
-        }
-        job.kernels->blurHorizontalToDoubles(p, job.taps, job.taps2, un, &s.blurredRows[slot(next)]);
+  int64_t next = clampRow(ya - half);  // the next row to blur horizontally
+  for (int64_t y = ya; y < yb; ++y) {
+    for (const int64_t last = clampRow(y + half); next <= last; ++next) {
+      float* p = level(next);
+      mapToFloats(job.table, sourceRow(next), uw, p + half);
+      for (int64_t i = 0; i < half; ++i) {
+        p[i] = p[half];
+        p[half + w + i] = p[half + w - 1];
       }
-      for (int k = 0; k < job.taps2; ++k)
-        s.rowPointers[static_cast<size_t>(k)] = &s.blurredRows[slot(clampRow(y - half + k))];
-      job.kernels->blurVerticalDoubles(s.rowPointers.data(), job.taps, job.taps2, un, s.blurredRow.data());
-      job.kernels->weighted(&s.levelRows[slot(y)], s.blurredRow.data(), job.alpha, job.beta, job.gamma, un,
-                            job.out + y * w + xs);
+      job.kernels->blurRowFloats(p, job.taps, uw, blurred(next));
     }
+    for (int k = 0; k < taps2; ++k) s.rowPointers[static_cast<size_t>(k)] = blurred(clampRow(y - half + k));
+    job.kernels->blurColumnWeighted(s.rowPointers.data(), job.taps, level(y) + half, job.alpha, job.beta, job.gamma,
+                                    uw, job.out + y * w);
   }
 }
 
@@ -194,28 +221,37 @@ void unsharpInto(const uint8_t* gray, int64_t width, int64_t height, const uint8
   job.gray = gray;
   job.width = width;
   job.height = height;
-  for (int v = 0; v < 256; ++v) {
-    job.table[v] = table != nullptr ? table[v] : static_cast<uint8_t>(v);
-    job.asDouble[v] = static_cast<double>(job.table[v]);
-  }
-  job.taps = taps;
-  job.taps2 = taps2;
+  for (int v = 0; v < 256; ++v) job.table[v] = static_cast<float>(table != nullptr ? table[v] : v);
+  job.taps = blurTapsFor(taps, taps2);
   job.alpha = 1.0f + weight;
   job.beta = -weight;
   job.gamma = 0.0f;
   job.out = out;
+  job.inPlace = out == gray;
   job.kernels = &kernels;
-  const int64_t n = threads < height ? threads : height;
-  // Every thread's buffers are made here, before any thread starts, so
-  // that no worker allocates (or throws).
+  const int64_t n = std::max<int64_t>(1, std::min<int64_t>(threads, height));
+  const int64_t half = taps2 / 2;
+  // Every share's buffers are made here, before any thread starts, so
+  // that no worker allocates (or throws); so are the copies of the rows
+  // around each share, which the neighbouring thread may overwrite.
   std::vector<std::unique_ptr<UnsharpScratch>> scratch;
-  for (int64_t i = 0; i < (n > 1 ? n : 1); ++i) scratch.push_back(std::make_unique<UnsharpScratch>(width, taps2));
-  // Each thread writes only its own rows of `out` and reads `gray`, which
-  // nothing writes: no shared mutable data; join makes the rows visible.
+  for (int64_t i = 0; i < n; ++i) {
+    scratch.push_back(std::make_unique<UnsharpScratch>(width, taps2));
+    if (!job.inPlace || n == 1) continue;
+    UnsharpScratch& s = *scratch.back();
+    const int64_t ya = height * i / n, yb = height * (i + 1) / n;
+    s.aboveFrom = std::max<int64_t>(ya - half, 0);
+    const int64_t belowEnd = std::min<int64_t>(yb + half, height);
+    s.above.assign(gray + s.aboveFrom * width, gray + ya * width);
+    s.below.assign(gray + yb * width, gray + belowEnd * width);
+  }
+  // The page is cut into n shares whatever number of threads starts. Each
+  // share writes only its own rows of `out` and reads rows of `gray` that
+  // no other share writes (or their copies): no shared mutable data; join
+  // makes the rows visible.
   runWorkers(static_cast<int>(n), [&](int index, int count) {
-    const int64_t ya = height * index / count;
-    const int64_t yb = height * (index + 1) / count;
-    unsharpRows(job, *scratch[static_cast<size_t>(index)], ya, yb);
+    for (int64_t i = index; i < n; i += count)
+      unsharpRows(job, *scratch[static_cast<size_t>(i)], height * i / n, height * (i + 1) / n);
   });
 }
 

@@ -18,7 +18,8 @@ void gammaTable(int pivot, float gammaLow, float gammaHigh, bool guarded, uint8_
 // for g = table[gray], as taps2 = 2 * (size / 2) + 1 taps from
 // generateGaussianKernel1D: one pass over the rows, each thread taking a
 // run of whole rows, without the page-sized intermediate images. `table`
-// may be null (g = gray). `out` must not overlap `gray`.
+// may be null (g = gray). `out` may be `gray` itself (the page is then
+// sharpened in place) but must not overlap it otherwise.
 void unsharpInto(const uint8_t* gray, int64_t width, int64_t height, const uint8_t* table, const double* taps,
                  int taps2, float weight, uint8_t* out, const Kernels& kernels, int threads);
 

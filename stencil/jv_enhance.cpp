@@ -235,11 +235,16 @@ JVImage enh_unsharp_mask(const JVImage& src, float amount, int size, const JVRun
 
 JVImage jvUnsharpGray(const unsigned char* gray, int width, int height, const unsigned char* table, float amount,
                       int size, const JVRunOptions& options) {
-  const std::vector<double> taps = gaussianTaps(size, 3.0);
   JVImage out(width, height, JV_IMG_GRAY);
-  const int64_t n = static_cast<int64_t>(width) * height;
-  if (n <= 0) return out;
-  jvk::unsharpInto(gray, width, height, table, taps.data(), static_cast<int>(taps.size()), amount / 100.0f, out.data,
-                   jvk::kernelsFor(jvSimdLevelFor(options)), jvThreadsFor(options, n));
+  jvUnsharpGrayInto(gray, width, height, table, amount, size, options, out.data);
   return out;
+}
+
+void jvUnsharpGrayInto(const unsigned char* gray, int width, int height, const unsigned char* table, float amount,
+                       int size, const JVRunOptions& options, unsigned char* out) {
+  const std::vector<double> taps = gaussianTaps(size, 3.0);
+  const int64_t n = static_cast<int64_t>(width) * height;
+  if (width <= 0 || height <= 0) return;
+  jvk::unsharpInto(gray, width, height, table, taps.data(), static_cast<int>(taps.size()), amount / 100.0f, out,
+                   jvk::kernelsFor(jvSimdLevelFor(options)), jvThreadsFor(options, n));
 }

@@ -60,6 +60,9 @@ JVImage enh_unsharp_mask(const JVImage& src, float amount, int size, const JVRun
 // intermediate images: the same bytes, much less memory.
 JVImage jvUnsharpGray(const unsigned char* gray, int width, int height, const unsigned char* table, float amount,
                       int size, const JVRunOptions& options);
+// The same into `out` (width * height bytes), which may be `gray` itself.
+void jvUnsharpGrayInto(const unsigned char* gray, int width, int height, const unsigned char* table, float amount,
+                       int size, const JVRunOptions& options, unsigned char* out);
 
 // The default vector path of every stencil stage (jv_run.h): kJvSimdScalar
 // (-1, portable C++), kJvSimdSse2 (0, the x86-64 baseline) or kJvSimdAvx2

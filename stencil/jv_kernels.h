@@ -2,9 +2,11 @@
 // Inner loops of the stencil chain, one table of them per vector path
 // (portable scalar, SSE2, AVX2), all built from jv_kernels_impl.h. Every
 // path gives the same bytes: each output is computed with exactly the float
-// and double operations of the plain definitions, in the same order; a
-// vector only ever holds independent outputs (neighbouring pixels of a row,
-// or pixels of different rows), never the terms of one sum.
+// and double operations of the plain definitions, in the same order, or, in
+// the unsharp mask's blur passes, decided by a float sum only where its
+// error bound proves the plain sum's byte (BlurTaps) and otherwise summed
+// plainly; a vector only ever holds independent outputs (neighbouring
+// pixels of a row, or pixels of different rows), never the terms of one sum.
 #include <cstddef>
 #include <cstdint>
 
@@ -65,6 +67,34 @@ struct EdfBand {
   float* values;
 };
 
+// The taps of a blur pass, ready for the unsharp mask's kernels.
+//
+// Each output of a pass is the low byte of my_round((float)D), D the double
+// sum of the plain definition. Where the taps allow it (`fast`: an odd
+// count up to 2 * kMaxBlurHalf + 1, positive, the same on both sides of
+// the middle) a kernel first sums in float, the two terms of equal taps
+// added before they are multiplied: A, within `bound` of D for inputs of
+// 0..255 (blurTapsFor adds up every rounding and the difference of the
+// float taps from the double ones). It then rounds A + low and A + high,
+// low and high being 0.5 -/+ that bound widened by the roundings of
+// (float)D, of my_round's own + 0.5 and of these two additions. When both
+// truncate to the same j, D + 0.5 lies at least those roundings away from
+// either whole number around it, so my_round((float)D) is j as well; when
+// they differ, which happens for a few pixels in ten thousand, the pixel
+// is summed again as the plain definition sums it. Without `fast` every
+// pixel is.
+constexpr int kMaxBlurHalf = 15;
+struct BlurTaps {
+  const double* taps;  // all `size` of them
+  int size;
+  int half;                      // size / 2
+  bool fast;
+  float paired[kMaxBlurHalf + 1];  // (float)taps[k], k = 0 .. half
+  float low, high;
+  double bound;
+};
+BlurTaps blurTapsFor(const double* taps, int size);
+
 struct Kernels {
   int level;    // kJvSimdScalar, kJvSimdSse2 or kJvSimdAvx2
   int edfRows;  // rows per diffusion band
@@ -74,12 +104,15 @@ struct Kernels {
   void (*blurHorizontal)(const double* padded, const double* taps, int size, size_t width, uint8_t* out);
   // The same along a column: the k-th term reads rows[k][x].
   void (*blurVertical)(const uint8_t* const* rows, const double* taps, int size, size_t width, uint8_t* out);
-  // blurHorizontal with each output byte stored as a double, ready for ...
-  void (*blurHorizontalToDoubles)(const double* padded, const double* taps, int size, size_t width, double* out);
-  // ... blurVertical over rows held as doubles (whole numbers 0..255).
-  void (*blurVerticalDoubles)(const double* const* rows, const double* taps, int size, size_t width, uint8_t* out);
-  // out[i] = (double)in[i].
-  void (*bytesToDoubles)(const uint8_t* in, size_t n, double* out);
+  // The unsharp mask's two passes over float rows that hold whole numbers
+  // 0..255 (levels, then horizontally blurred bytes), with the same bytes
+  // as blurHorizontal and blurVertical; see BlurTaps for how.
+  // out[x] = the byte blurHorizontal gives, as a float.
+  void (*blurRowFloats)(const float* padded, const BlurTaps& taps, size_t width, float* out);
+  // The byte v that blurVertical gives for rows[k][x], weighted with the
+  // level levels[x] (a whole number 0..255) as `weighted` does.
+  void (*blurColumnWeighted)(const float* const* rows, const BlurTaps& taps, const float* levels, float alpha,
+                             float beta, float gamma, size_t width, uint8_t* out);
   // out[i] = clamp(my_round((a[i] * alpha + b[i] * beta) + gamma), 0, 255).
   void (*weighted)(const uint8_t* a, const uint8_t* b, float alpha, float beta, float gamma, size_t n, uint8_t* out);
 };

@@ -49,6 +49,20 @@ struct VAvx2 {
   // [b0, a1, ..., a7]
   JVK_TARGET static F lane0From(F a, F b) { return _mm256_blend_ps(a, b, 1); }
   JVK_TARGET static float lane0(F c) { return _mm256_cvtss_f32(c); }
+  // The truncating conversion: INT32_MIN for NaN and out-of-range values.
+  JVK_TARGET static I trunc(F a) { return _mm256_cvttps_epi32(a); }
+  JVK_TARGET static F fromInt(I a) { return _mm256_cvtepi32_ps(a); }
+  JVK_TARGET static I iand(I a, I b) { return _mm256_and_si256(a, b); }
+  // Bit i set where lane i of a equals lane i of b.
+  JVK_TARGET static int eqBits(I a, I b) { return _mm256_movemask_ps(_mm256_castsi256_ps(_mm256_cmpeq_epi32(a, b))); }
+  JVK_TARGET static I ieq(I a, I b) { return _mm256_cmpeq_epi32(a, b); }
+  JVK_TARGET static bool allOnes(I a) { return _mm256_movemask_ps(_mm256_castsi256_ps(a)) == 0xFF; }
+  JVK_TARGET static void istore(int32_t* p, I v) { _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), v); }
+  // Eight values clamped to 0..255 (saturating packs) as eight bytes.
+  JVK_TARGET static void clampedBytes(I r, uint8_t* p) {
+    const __m128i v = _mm_packs_epi32(_mm256_castsi256_si128(r), _mm256_extracti128_si256(r, 1));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(p), _mm_packus_epi16(v, v));
+  }
 };
 
 // my_round of four floats, as in the SSE2 file.
@@ -144,74 +158,15 @@ JVK_TARGET void blurVerticalAvx2(const uint8_t* const* rows, const double* taps,
   blurVerticalScalar(rows, taps, size, x, width, out);
 }
 
-JVK_TARGET void blurHorizontalToDoublesAvx2(const double* p, const double* taps, int size, size_t width, double* out) {
-  size_t x = 0;
-  for (; x + 32 <= width; x += 32) {
-    __m256d s0 = _mm256_setzero_pd(), s1 = s0, s2 = s0, s3 = s0, s4 = s0, s5 = s0, s6 = s0, s7 = s0;
-    for (int k = 0; k < size; ++k) {
-      const __m256d t = _mm256_set1_pd(taps[k]);
-      const double* q = p + x + k;
-      s0 = _mm256_add_pd(_mm256_mul_pd(_mm256_loadu_pd(q), t), s0);
-      s1 = _mm256_add_pd(_mm256_mul_pd(_mm256_loadu_pd(q + 4), t), s1);
-      s2 = _mm256_add_pd(_mm256_mul_pd(_mm256_loadu_pd(q + 8), t), s2);
-      s3 = _mm256_add_pd(_mm256_mul_pd(_mm256_loadu_pd(q + 12), t), s3);
-      s4 = _mm256_add_pd(_mm256_mul_pd(_mm256_loadu_pd(q + 16), t), s4);
-      s5 = _mm256_add_pd(_mm256_mul_pd(_mm256_loadu_pd(q + 20), t), s5);
-      s6 = _mm256_add_pd(_mm256_mul_pd(_mm256_loadu_pd(q + 24), t), s6);
-      s7 = _mm256_add_pd(_mm256_mul_pd(_mm256_loadu_pd(q + 28), t), s7);
-    }
-    _mm256_storeu_pd(out + x, _mm256_cvtepi32_pd(roundedLowBytes(s0)));
-    _mm256_storeu_pd(out + x + 4, _mm256_cvtepi32_pd(roundedLowBytes(s1)));
-    _mm256_storeu_pd(out + x + 8, _mm256_cvtepi32_pd(roundedLowBytes(s2)));
-    _mm256_storeu_pd(out + x + 12, _mm256_cvtepi32_pd(roundedLowBytes(s3)));
-    _mm256_storeu_pd(out + x + 16, _mm256_cvtepi32_pd(roundedLowBytes(s4)));
-    _mm256_storeu_pd(out + x + 20, _mm256_cvtepi32_pd(roundedLowBytes(s5)));
-    _mm256_storeu_pd(out + x + 24, _mm256_cvtepi32_pd(roundedLowBytes(s6)));
-    _mm256_storeu_pd(out + x + 28, _mm256_cvtepi32_pd(roundedLowBytes(s7)));
-  }
-  blurHorizontalToDoublesScalar(p, taps, size, x, width, out);
+JVK_TARGET void blurRowFloatsAvx2(const float* p, const jvk::BlurTaps& taps, size_t width, float* out) {
+  blurRowFloatsT<VAvx2>(p, taps, width, out);
 }
 
-JVK_TARGET void blurVerticalDoublesAvx2(const double* const* rows, const double* taps, int size, size_t width,
-                                        uint8_t* out) {
-  size_t x = 0;
-  for (; x + 32 <= width; x += 32) {
-    __m256d s0 = _mm256_setzero_pd(), s1 = s0, s2 = s0, s3 = s0, s4 = s0, s5 = s0, s6 = s0, s7 = s0;
-    for (int k = 0; k < size; ++k) {
-      const __m256d t = _mm256_set1_pd(taps[k]);
-      const double* q = rows[k] + x;
-      s0 = _mm256_add_pd(_mm256_mul_pd(_mm256_loadu_pd(q), t), s0);
-      s1 = _mm256_add_pd(_mm256_mul_pd(_mm256_loadu_pd(q + 4), t), s1);
-      s2 = _mm256_add_pd(_mm256_mul_pd(_mm256_loadu_pd(q + 8), t), s2);
-      s3 = _mm256_add_pd(_mm256_mul_pd(_mm256_loadu_pd(q + 12), t), s3);
-      s4 = _mm256_add_pd(_mm256_mul_pd(_mm256_loadu_pd(q + 16), t), s4);
-      s5 = _mm256_add_pd(_mm256_mul_pd(_mm256_loadu_pd(q + 20), t), s5);
-      s6 = _mm256_add_pd(_mm256_mul_pd(_mm256_loadu_pd(q + 24), t), s6);
-      s7 = _mm256_add_pd(_mm256_mul_pd(_mm256_loadu_pd(q + 28), t), s7);
-    }
-    storeSixteen(roundedLowBytes(s0), roundedLowBytes(s1), roundedLowBytes(s2), roundedLowBytes(s3), out + x);
-    storeSixteen(roundedLowBytes(s4), roundedLowBytes(s5), roundedLowBytes(s6), roundedLowBytes(s7), out + x + 16);
-  }
-  for (; x + 4 <= width; x += 4) {
-    __m256d s0 = _mm256_setzero_pd();
-    for (int k = 0; k < size; ++k)
-      s0 = _mm256_add_pd(_mm256_mul_pd(_mm256_loadu_pd(rows[k] + x), _mm256_set1_pd(taps[k])), s0);
-    const __m128i r = _mm_packs_epi32(roundedLowBytes(s0), _mm_setzero_si128());
-    const int32_t word = _mm_cvtsi128_si32(_mm_packus_epi16(r, r));
-    std::memcpy(out + x, &word, 4);
-  }
-  blurVerticalDoublesScalar(rows, taps, size, x, width, out);
+JVK_TARGET void blurColumnWeightedAvx2(const float* const* rows, const jvk::BlurTaps& taps, const float* levels,
+                                       float alpha, float beta, float gamma, size_t width, uint8_t* out) {
+  blurColumnWeightedT<VAvx2>(rows, taps, levels, alpha, beta, gamma, width, out);
 }
 
-JVK_TARGET void bytesToDoublesAvx2(const uint8_t* in, size_t n, double* out) {
-  size_t i = 0;
-  for (; i + 8 <= n; i += 8) {
-    const __m256i v = _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(in + i)));
-    _mm256_storeu_pd(out + i, _mm256_cvtepi32_pd(_mm256_castsi256_si128(v)));
-    _mm256_storeu_pd(out + i + 4, _mm256_cvtepi32_pd(_mm256_extracti128_si256(v, 1)));
-  }
-  bytesToDoublesScalar(in, i, n, out);
-}
 
 // Eight bytes as eight floats.
 JVK_TARGET inline __m256 eightFloats(const uint8_t* p) {
@@ -242,9 +197,8 @@ const jvk::Kernels kAvx2 = {kJvSimdAvx2,
                             edfBandAvx2,
                             blurHorizontalAvx2,
                             blurVerticalAvx2,
-                            blurHorizontalToDoublesAvx2,
-                            blurVerticalDoublesAvx2,
-                            bytesToDoublesAvx2,
+                            blurRowFloatsAvx2,
+                            blurColumnWeightedAvx2,
                             weightedAvx2};
 
 }  // namespace

@@ -13,7 +13,9 @@
 // intrinsics used here are separate multiplies and adds). A vector holds
 // several independent outputs, one per lane, each lane doing exactly the
 // scalar sequence. IEEE arithmetic gives the same result for the same
-// operands in the same order whatever the lane, so all paths agree.
+// operands in the same order whatever the lane, so all paths agree. The
+// one exception, the unsharp mask's blur sums, keeps the bytes by proof
+// instead: see BlurTaps in jv_kernels.h.
 
 #include <cstddef>
 #include <cstdint>
@@ -29,6 +31,8 @@
 // arguments; inlining them lets the compiler keep the lanes' state in
 // registers.
 #define JVK_INLINE inline __attribute__((always_inline))
+// Loops over a few vectors, unrolled so that the vectors stay in registers.
+#define JVK_UNROLL _Pragma("GCC unroll 8")
 
 namespace {
 
@@ -66,33 +70,154 @@ JVK_TARGET inline void blurVerticalScalar(const uint8_t* const* rows, const doub
   }
 }
 
-JVK_TARGET inline void blurHorizontalToDoublesScalar(const double* p, const double* taps, int size, size_t from,
-                                                     size_t to, double* out) {
-  for (size_t x = from; x < to; ++x) {
-    double sum = 0.0;
-    for (int k = 0; k < size; ++k) sum = p[x + static_cast<size_t>(k)] * taps[k] + sum;
-    out[x] = static_cast<double>(kRoundToByte(sum));
-  }
-}
-
-JVK_TARGET inline void blurVerticalDoublesScalar(const double* const* rows, const double* taps, int size, size_t from,
-                                                 size_t to, uint8_t* out) {
-  for (size_t x = from; x < to; ++x) {
-    double sum = 0.0;
-    for (int k = 0; k < size; ++k) sum = rows[k][x] * taps[k] + sum;
-    out[x] = kRoundToByte(sum);
-  }
-}
-
-JVK_TARGET inline void bytesToDoublesScalar(const uint8_t* in, size_t from, size_t to, double* out) {
-  for (size_t i = from; i < to; ++i) out[i] = static_cast<double>(in[i]);
-}
-
 JVK_TARGET inline void weightedScalar(const uint8_t* a, const uint8_t* b, float alpha, float beta, float gamma,
                                       size_t from, size_t to, uint8_t* out) {
   for (size_t i = from; i < to; ++i) {
     const int32_t r = kRound((static_cast<float>(a[i]) * alpha + static_cast<float>(b[i]) * beta) + gamma);
     out[i] = static_cast<uint8_t>(r < 0 ? 0 : (r > 255 ? 255 : r));
+  }
+}
+
+// ---- the unsharp mask's passes over float rows (BlurTaps, jv_kernels.h) ----
+//
+// A vector holds neighbouring pixels of one row. The fast path's float sums
+// only decide which pixels are certain (see BlurTaps); a pixel that is not
+// gets the plain double sum, plainBlurByte.
+
+// Both passes read term k of pixel x at rows[k][x]: the vertical pass from
+// taps2 rows, the horizontal one from the padded row shifted by k.
+
+// The plain sum of one pixel.
+JVK_TARGET inline uint8_t plainBlurByte(const jvk::BlurTaps& t, const float* const* rows, size_t x) {
+  double sum = 0.0;
+  for (int k = 0; k < t.size; ++k) sum = static_cast<double>(rows[k][x]) * t.taps[k] + sum;
+  return kRoundToByte(sum);
+}
+
+// The bytes of U vectors of pixels from x on. The float sums add the middle
+// term first, then each pair of equal taps, in the order blurTapsFor
+// bounds; a lane whose rounding they do not decide is summed plainly.
+// Half: t.half when known at compile time (the loop over the taps is then
+// unrolled), 0 otherwise.
+template <class V, int U, int Half>
+JVK_TARGET JVK_INLINE void blurBytes(const jvk::BlurTaps& t, const float* const* rows, size_t x,
+                                     typename V::I (&bytes)[U]) {
+  constexpr int W = V::VW;
+  const int half = Half > 0 ? Half : t.half;
+  typename V::F s[U];
+  const typename V::F middle = V::set1(t.paired[half]);
+  JVK_UNROLL for (int u = 0; u < U; ++u) s[u] = V::mul(V::load(rows[half] + x + u * W), middle);
+  JVK_UNROLL for (int k = 0; k < half; ++k) {
+    const typename V::F tap = V::set1(t.paired[k]);
+    const float* a = rows[k] + x;
+    const float* b = rows[2 * half - k] + x;
+    JVK_UNROLL for (int u = 0; u < U; ++u)
+      s[u] = V::add(V::mul(V::add(V::load(a + u * W), V::load(b + u * W)), tap), s[u]);
+  }
+  const typename V::F low = V::set1(t.low), high = V::set1(t.high);
+  typename V::I agree = V::iset1(-1);
+  typename V::I lo[U];
+  JVK_UNROLL for (int u = 0; u < U; ++u) {
+    lo[u] = V::trunc(V::add(s[u], low));
+    bytes[u] = V::trunc(V::add(s[u], high));
+    agree = V::iand(agree, V::ieq(lo[u], bytes[u]));
+  }
+  if (V::allOnes(agree)) {
+    JVK_UNROLL for (int u = 0; u < U; ++u) bytes[u] = V::iand(bytes[u], V::iset1(0xFF));
+    return;
+  }
+  for (int u = 0; u < U; ++u) {
+    int unsure = ~V::eqBits(lo[u], bytes[u]) & ((1 << W) - 1);
+    bytes[u] = V::iand(bytes[u], V::iset1(0xFF));
+    if (unsure == 0) continue;
+    alignas(32) int32_t lanes[W];
+    V::istore(lanes, bytes[u]);
+    for (; unsure != 0; unsure &= unsure - 1) {
+      const int i = __builtin_ctz(static_cast<unsigned>(unsure));
+      lanes[i] = plainBlurByte(t, rows, x + static_cast<size_t>(u * W + i));
+    }
+    bytes[u] = V::iload(lanes);
+  }
+}
+
+// The chain's blur has 11 taps; its passes get their own copy of the loops.
+constexpr int kChainHalf = 5;
+
+// A pass over whole vectors, each vector of bytes handed to sink(bytes, x);
+// returns where the vectors end.
+template <class V, int Half, class Sink>
+JVK_TARGET JVK_INLINE size_t blurVectors(const jvk::BlurTaps& t, const float* const* rows, size_t width,
+                                         const Sink& sink) {
+  constexpr int W = V::VW;
+  constexpr int U = 4;
+  size_t x = 0;
+  for (; x + U * W <= width; x += U * W) {
+    typename V::I bytes[U];
+    blurBytes<V, U, Half>(t, rows, x, bytes);
+    JVK_UNROLL for (int u = 0; u < U; ++u) sink(bytes[u], x + u * W);
+  }
+  for (; x + W <= width; x += W) {
+    typename V::I bytes[1];
+    blurBytes<V, 1, Half>(t, rows, x, bytes);
+    sink(bytes[0], x);
+  }
+  return x;
+}
+
+template <class V, class Sink>
+JVK_TARGET JVK_INLINE size_t blurVectors(const jvk::BlurTaps& t, const float* const* rows, size_t width,
+                                         const Sink& sink) {
+  if (!t.fast) return 0;
+  return t.half == kChainHalf ? blurVectors<V, kChainHalf>(t, rows, width, sink)
+                              : blurVectors<V, 0>(t, rows, width, sink);
+}
+
+// The horizontal pass keeps its bytes as floats for the vertical one.
+template <class V>
+struct FloatSink {
+  float* out;
+  JVK_TARGET JVK_INLINE void operator()(typename V::I bytes, size_t x) const { V::store(out + x, V::fromInt(bytes)); }
+};
+
+template <class V>
+JVK_TARGET void blurRowFloatsT(const float* p, const jvk::BlurTaps& t, size_t width, float* out) {
+  const float* shifted[2 * jvk::kMaxBlurHalf + 1];
+  for (int k = 0; k < t.size && k <= 2 * jvk::kMaxBlurHalf; ++k) shifted[k] = p + k;
+  size_t x = blurVectors<V>(t, shifted, width, FloatSink<V>{out});
+  for (; x < width; ++x) {
+    double sum = 0.0;
+    for (int k = 0; k < t.size; ++k) sum = static_cast<double>(p[x + static_cast<size_t>(k)]) * t.taps[k] + sum;
+    out[x] = kRoundToByte(sum);
+  }
+}
+
+// The vertical pass weights its bytes v with the levels g:
+// out = clamp(my_round((g * alpha + v * beta) + gamma)), as weightedScalar;
+// my_round's x - 0.5f below zero is x + -0.5f, and NaN gives INT32_MIN
+// either way.
+template <class V>
+struct WeightedSink {
+  typename V::F alpha, beta, gamma, zero, plusHalf, minusHalf;
+  const float* levels;
+  uint8_t* out;
+  JVK_TARGET JVK_INLINE void operator()(typename V::I bytes, size_t x) const {
+    const typename V::F g = V::load(levels + x);
+    const typename V::F sum = V::add(V::add(V::mul(g, alpha), V::mul(V::fromInt(bytes), beta)), gamma);
+    const typename V::F below = V::cmpgt(zero, sum);
+    V::clampedBytes(V::trunc(V::add(sum, V::select(below, minusHalf, plusHalf))), out + x);
+  }
+};
+
+template <class V>
+JVK_TARGET void blurColumnWeightedT(const float* const* rows, const jvk::BlurTaps& t, const float* levels,
+                                    float alpha, float beta, float gamma, size_t width, uint8_t* out) {
+  const WeightedSink<V> sink{V::set1(alpha), V::set1(beta),  V::set1(gamma), V::zero(),
+                             V::set1(0.5f),  V::set1(-0.5f), levels,         out};
+  size_t x = blurVectors<V>(t, rows, width, sink);
+  for (; x < width; ++x) {
+    const uint8_t v = plainBlurByte(t, rows, x);
+    const int32_t r = kRound((levels[x] * alpha + static_cast<float>(v) * beta) + gamma);
+    out[x] = static_cast<uint8_t>(r < 0 ? 0 : (r > 255 ? 255 : r));
   }
 }
 
@@ -251,7 +376,9 @@ struct EdfBlockIo {
   int64_t outLag;
 };
 
-template <class V, int K, int Step, bool Body, bool Capture>
+// Linked: the band has a band above and one below, and every position the
+// block hands over lies on the page, so none of them is checked.
+template <class V, int K, int Step, bool Body, bool Capture, bool Linked>
 JVK_TARGET JVK_INLINE void edfSteps(EdfRegs<V> (&g)[K], const EdfConsts<V>& c, const EdfBlockIo& io, int64_t t0,
                                     const uint8_t* levels, uint8_t* dots, float* captured) {
   const int64_t t = t0 + Step;
@@ -259,9 +386,16 @@ JVK_TARGET JVK_INLINE void edfSteps(EdfRegs<V> (&g)[K], const EdfConsts<V>& c, c
   // What lane 0 takes from the band above: its completed cell x + 2, and
   // whether its pixel x + 4 (used 4 steps from now) is 0.
   const int64_t cellPos = t + 2;
-  const float cellIn = (io.handIn != nullptr && cellPos >= 0 && cellPos < w) ? io.handIn[cellPos] : 0.0f;
   const int64_t dotPos = t + jvk::kEdfLag;
-  const bool zeroAbove = io.above != nullptr && dotPos >= 0 && dotPos < w && io.above[dotPos] == 0;
+  float cellIn;
+  bool zeroAbove;
+  if constexpr (Linked) {
+    cellIn = io.handIn[cellPos];
+    zeroAbove = io.above[dotPos] == 0;
+  } else {
+    cellIn = (io.handIn != nullptr && cellPos >= 0 && cellPos < w) ? io.handIn[cellPos] : 0.0f;
+    zeroAbove = io.above != nullptr && dotPos >= 0 && dotPos < w && io.above[dotPos] == 0;
+  }
   // As a mask by arithmetic: a `? :` here became a branch on the pixel.
   const uint32_t zeroBits = 0u - static_cast<uint32_t>(zeroAbove);
   float zeroMask;
@@ -269,9 +403,10 @@ JVK_TARGET JVK_INLINE void edfSteps(EdfRegs<V> (&g)[K], const EdfConsts<V>& c, c
   edfStepAll<V, K, 0, Step, Body, Capture>(g, c, levels, dots, captured);
   edfPassDown<V, K, 0, Step>(g, V::set1(cellIn), V::set1(zeroMask));
   const int64_t outPos = t - io.outLag;
-  if (io.handOut != nullptr && outPos >= 0 && outPos < w) io.handOut[outPos] = V::lane0(V::rot(g[K - 1].done));
+  if (Linked || (io.handOut != nullptr && outPos >= 0 && outPos < w))
+    io.handOut[outPos] = V::lane0(V::rot(g[K - 1].done));
   if constexpr (Step + 1 < jvk::kEdfBlock)
-    edfSteps<V, K, Step + 1, Body, Capture>(g, c, io, t0, levels, dots, captured);
+    edfSteps<V, K, Step + 1, Body, Capture, Linked>(g, c, io, t0, levels, dots, captured);
 }
 
 template <class V, int K, bool Capture>
@@ -351,32 +486,37 @@ JVK_TARGET void edfBandKernel(const jvk::EdfBand& a) {
     // no position masks and no clipping.
     const bool body = fullBand && t0 - int64_t{L} * (R - 1) >= 1 && t0 + B - 1 <= w - 2;
 
+    // Lane j reads and writes the eight pixels from x0 = t0 - L * j on.
     for (int gr = 0; gr < G; ++gr) {
       const uint8_t* src[8];
-      for (int l = 0; l < 8; ++l) {
-        const int j = gr * 8 + l;
-        const int64_t x0 = t0 - int64_t{L} * j;
-        src[l] = body ? rows[j] + x0 : clippedEight(rows[j], x0, w, scratch[l]);
+      if (body) {
+        JVK_UNROLL for (int l = 0; l < 8; ++l) src[l] = rows[gr * 8 + l] + (t0 - int64_t{L} * (gr * 8 + l));
+      } else {
+        for (int l = 0; l < 8; ++l)
+          src[l] = clippedEight(rows[gr * 8 + l], t0 - int64_t{L} * (gr * 8 + l), w, scratch[l]);
       }
       transpose8x8(src, levels + gr * 64);
     }
 
-    if (body)
-      edfSteps<V, K, 0, true, Capture>(g, c, io, t0, levels, dots, captured);
+    const bool linked = body && io.handIn != nullptr && io.above != nullptr && io.handOut != nullptr && t0 + 2 >= 0 &&
+                        t0 + B - 1 + L < w && t0 - io.outLag >= 0 && t0 + B - 1 - io.outLag < w;
+    if (linked)
+      edfSteps<V, K, 0, true, Capture, true>(g, c, io, t0, levels, dots, captured);
+    else if (body)
+      edfSteps<V, K, 0, true, Capture, false>(g, c, io, t0, levels, dots, captured);
     else
-      edfSteps<V, K, 0, false, Capture>(g, c, io, t0, levels, dots, captured);
+      edfSteps<V, K, 0, false, Capture, false>(g, c, io, t0, levels, dots, captured);
 
     for (int gr = 0; gr < G; ++gr) {
       const uint8_t* src[8];
-      for (int s = 0; s < 8; ++s) src[s] = dots + gr * 64 + s * 8;
+      JVK_UNROLL for (int s = 0; s < 8; ++s) src[s] = dots + gr * 64 + s * 8;
       transpose8x8(src, byLane);
-      for (int l = 0; l < 8; ++l) {
-        const int j = gr * 8 + l;
-        const int64_t x0 = t0 - int64_t{L} * j;
-        if (body)
-          std::memcpy(rows[j] + x0, byLane + l * 8, 8);
-        else
-          storeClippedEight(rows[j], x0, w, byLane + l * 8);
+      if (body) {
+        JVK_UNROLL for (int l = 0; l < 8; ++l)
+          std::memcpy(rows[gr * 8 + l] + (t0 - int64_t{L} * (gr * 8 + l)), byLane + l * 8, 8);
+      } else {
+        for (int l = 0; l < 8; ++l)
+          storeClippedEight(rows[gr * 8 + l], t0 - int64_t{L} * (gr * 8 + l), w, byLane + l * 8);
       }
     }
     if constexpr (Capture) {

@@ -49,6 +49,14 @@ struct VScalar {
   static F rot(F c) { return c; }
   static F lane0From(F, F b) { return b; }
   static float lane0(F c) { return c; }
+  static I trunc(F a) { return kTrunc(a); }
+  static F fromInt(I a) { return static_cast<float>(a); }
+  static I iand(I a, I b) { return a & b; }
+  static int eqBits(I a, I b) { return a == b ? 1 : 0; }
+  static I ieq(I a, I b) { return a == b ? -1 : 0; }
+  static bool allOnes(I a) { return a == -1; }
+  static void istore(int32_t* p, I v) { *p = v; }
+  static void clampedBytes(I r, uint8_t* p) { p[0] = static_cast<uint8_t>(r < 0 ? 0 : (r > 255 ? 255 : r)); }
 };
 
 void blurHorizontal(const double* p, const double* taps, int size, size_t width, uint8_t* out) {
@@ -59,15 +67,15 @@ void blurVertical(const uint8_t* const* rows, const double* taps, int size, size
   blurVerticalScalar(rows, taps, size, 0, width, out);
 }
 
-void blurHorizontalToDoubles(const double* p, const double* taps, int size, size_t width, double* out) {
-  blurHorizontalToDoublesScalar(p, taps, size, 0, width, out);
+void blurRowFloats(const float* p, const jvk::BlurTaps& taps, size_t width, float* out) {
+  blurRowFloatsT<VScalar>(p, taps, width, out);
 }
 
-void blurVerticalDoubles(const double* const* rows, const double* taps, int size, size_t width, uint8_t* out) {
-  blurVerticalDoublesScalar(rows, taps, size, 0, width, out);
+void blurColumnWeighted(const float* const* rows, const jvk::BlurTaps& taps, const float* levels, float alpha,
+                        float beta, float gamma, size_t width, uint8_t* out) {
+  blurColumnWeightedT<VScalar>(rows, taps, levels, alpha, beta, gamma, width, out);
 }
 
-void bytesToDoubles(const uint8_t* in, size_t n, double* out) { bytesToDoublesScalar(in, 0, n, out); }
 
 void weighted(const uint8_t* a, const uint8_t* b, float alpha, float beta, float gamma, size_t n, uint8_t* out) {
   weightedScalar(a, b, alpha, beta, gamma, 0, n, out);
@@ -76,8 +84,7 @@ void weighted(const uint8_t* a, const uint8_t* b, float alpha, float beta, float
 void edfBandScalar(const jvk::EdfBand& band) { edfBand<VScalar, 8>(band); }
 
 const jvk::Kernels kScalar = {
-    kJvSimdScalar,  8,       edfBandScalar, blurHorizontal, blurVertical, blurHorizontalToDoubles, blurVerticalDoubles,
-    bytesToDoubles, weighted};
+    kJvSimdScalar, 8, edfBandScalar, blurHorizontal, blurVertical, blurRowFloats, blurColumnWeighted, weighted};
 
 }  // namespace
 

@@ -52,6 +52,22 @@ struct VSse2 {
   // [b0, a1, a2, a3]
   static F lane0From(F a, F b) { return _mm_move_ss(a, b); }
   static float lane0(F c) { return _mm_cvtss_f32(c); }
+  // The truncating conversion: INT32_MIN for NaN and out-of-range values.
+  static I trunc(F a) { return _mm_cvttps_epi32(a); }
+  static F fromInt(I a) { return _mm_cvtepi32_ps(a); }
+  static I iand(I a, I b) { return _mm_and_si128(a, b); }
+  // Bit i set where lane i of a equals lane i of b.
+  static int eqBits(I a, I b) { return _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(a, b))); }
+  static I ieq(I a, I b) { return _mm_cmpeq_epi32(a, b); }
+  static bool allOnes(I a) { return _mm_movemask_ps(_mm_castsi128_ps(a)) == 0xF; }
+  static void istore(int32_t* p, I v) { _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v); }
+  // Four values clamped to 0..255 (saturating packs) as four bytes.
+  static void clampedBytes(I r, uint8_t* p) {
+    r = _mm_packs_epi32(r, r);
+    r = _mm_packus_epi16(r, r);
+    const int32_t word = _mm_cvtsi128_si32(r);
+    std::memcpy(p, &word, 4);
+  }
 };
 
 // my_round of four floats: x + 0.5f when x >= 0, else x - 0.5f, then the
@@ -158,67 +174,15 @@ void blurVerticalSse2(const uint8_t* const* rows, const double* taps, int size, 
   blurVerticalScalar(rows, taps, size, x, width, out);
 }
 
-void blurHorizontalToDoublesSse2(const double* p, const double* taps, int size, size_t width, double* out) {
-  size_t x = 0;
-  for (; x + 16 <= width; x += 16) {
-    __m128d s0 = _mm_setzero_pd(), s1 = s0, s2 = s0, s3 = s0, s4 = s0, s5 = s0, s6 = s0, s7 = s0;
-    for (int k = 0; k < size; ++k) {
-      const __m128d t = _mm_set1_pd(taps[k]);
-      const double* q = p + x + k;
-      s0 = _mm_add_pd(_mm_mul_pd(_mm_loadu_pd(q), t), s0);
-      s1 = _mm_add_pd(_mm_mul_pd(_mm_loadu_pd(q + 2), t), s1);
-      s2 = _mm_add_pd(_mm_mul_pd(_mm_loadu_pd(q + 4), t), s2);
-      s3 = _mm_add_pd(_mm_mul_pd(_mm_loadu_pd(q + 6), t), s3);
-      s4 = _mm_add_pd(_mm_mul_pd(_mm_loadu_pd(q + 8), t), s4);
-      s5 = _mm_add_pd(_mm_mul_pd(_mm_loadu_pd(q + 10), t), s5);
-      s6 = _mm_add_pd(_mm_mul_pd(_mm_loadu_pd(q + 12), t), s6);
-      s7 = _mm_add_pd(_mm_mul_pd(_mm_loadu_pd(q + 14), t), s7);
-    }
-    const __m128i r[4] = {roundedLowBytes(s0, s1), roundedLowBytes(s2, s3), roundedLowBytes(s4, s5),
-                          roundedLowBytes(s6, s7)};
-    for (int u = 0; u < 4; ++u) {
-      _mm_storeu_pd(out + x + 4 * u, _mm_cvtepi32_pd(r[u]));
-      _mm_storeu_pd(out + x + 4 * u + 2, _mm_cvtepi32_pd(_mm_srli_si128(r[u], 8)));
-    }
-  }
-  blurHorizontalToDoublesScalar(p, taps, size, x, width, out);
+void blurRowFloatsSse2(const float* p, const jvk::BlurTaps& taps, size_t width, float* out) {
+  blurRowFloatsT<VSse2>(p, taps, width, out);
 }
 
-void blurVerticalDoublesSse2(const double* const* rows, const double* taps, int size, size_t width, uint8_t* out) {
-  size_t x = 0;
-  for (; x + 16 <= width; x += 16) {
-    __m128d s0 = _mm_setzero_pd(), s1 = s0, s2 = s0, s3 = s0, s4 = s0, s5 = s0, s6 = s0, s7 = s0;
-    for (int k = 0; k < size; ++k) {
-      const __m128d t = _mm_set1_pd(taps[k]);
-      const double* q = rows[k] + x;
-      s0 = _mm_add_pd(_mm_mul_pd(_mm_loadu_pd(q), t), s0);
-      s1 = _mm_add_pd(_mm_mul_pd(_mm_loadu_pd(q + 2), t), s1);
-      s2 = _mm_add_pd(_mm_mul_pd(_mm_loadu_pd(q + 4), t), s2);
-      s3 = _mm_add_pd(_mm_mul_pd(_mm_loadu_pd(q + 6), t), s3);
-      s4 = _mm_add_pd(_mm_mul_pd(_mm_loadu_pd(q + 8), t), s4);
-      s5 = _mm_add_pd(_mm_mul_pd(_mm_loadu_pd(q + 10), t), s5);
-      s6 = _mm_add_pd(_mm_mul_pd(_mm_loadu_pd(q + 12), t), s6);
-      s7 = _mm_add_pd(_mm_mul_pd(_mm_loadu_pd(q + 14), t), s7);
-    }
-    storeSixteen(roundedLowBytes(s0, s1), roundedLowBytes(s2, s3), roundedLowBytes(s4, s5), roundedLowBytes(s6, s7),
-                 out + x);
-  }
-  blurVerticalDoublesScalar(rows, taps, size, x, width, out);
+void blurColumnWeightedSse2(const float* const* rows, const jvk::BlurTaps& taps, const float* levels, float alpha,
+                            float beta, float gamma, size_t width, uint8_t* out) {
+  blurColumnWeightedT<VSse2>(rows, taps, levels, alpha, beta, gamma, width, out);
 }
 
-void bytesToDoublesSse2(const uint8_t* in, size_t n, double* out) {
-  const __m128i z = _mm_setzero_si128();
-  size_t i = 0;
-  for (; i + 8 <= n; i += 8) {
-    const __m128i b = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(in + i)), z);
-    const __m128i lo = _mm_unpacklo_epi16(b, z), hi = _mm_unpackhi_epi16(b, z);
-    _mm_storeu_pd(out + i, _mm_cvtepi32_pd(lo));
-    _mm_storeu_pd(out + i + 2, _mm_cvtepi32_pd(_mm_srli_si128(lo, 8)));
-    _mm_storeu_pd(out + i + 4, _mm_cvtepi32_pd(hi));
-    _mm_storeu_pd(out + i + 6, _mm_cvtepi32_pd(_mm_srli_si128(hi, 8)));
-  }
-  bytesToDoublesScalar(in, i, n, out);
-}
 
 inline __m128 fourFloats(const uint8_t* p) {
   const __m128i z = _mm_setzero_si128();
@@ -243,9 +207,8 @@ const jvk::Kernels kSse2 = {kJvSimdSse2,
                             edfBandSse2,
                             blurHorizontalSse2,
                             blurVerticalSse2,
-                            blurHorizontalToDoublesSse2,
-                            blurVerticalDoublesSse2,
-                            bytesToDoublesSse2,
+                            blurRowFloatsSse2,
+                            blurColumnWeightedSse2,
                             weightedSse2};
 
 }  // namespace

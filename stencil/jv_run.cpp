@@ -65,16 +65,34 @@ int jvSimdLevelFor(const JVRunOptions& options) {
   return clampLevel(options.simdLevel);
 }
 
-int jvThreadsFor(const JVRunOptions& options, int64_t pixels) {
+namespace {
+
+// The count asked for explicitly (options, then KELVO_THREADS); 0 if none.
+int askedThreads(const JVRunOptions& options) {
   if (options.threads >= 1) return options.threads < kMaxThreads ? options.threads : kMaxThreads;
-  if (pixels < kThreadedPixels) return 1;
   if (const char* env = std::getenv("KELVO_THREADS")) {
     char* end = nullptr;
     const long n = std::strtol(env, &end, 10);
     if (end != env && *end == '\0' && n >= 1 && n <= kMaxThreads) return static_cast<int>(n);
   }
+  return 0;
+}
+
+}  // namespace
+
+int jvThreadsFor(const JVRunOptions& options, int64_t pixels) {
+  if (options.threads >= 1) return askedThreads(options);
+  if (pixels < kThreadedPixels) return 1;
+  if (const int asked = askedThreads(options)) return asked;
   const int cores = cpuCount();
   return cores < kMaxAutomaticThreads ? cores : kMaxAutomaticThreads;
+}
+
+int jvDiffusionThreadsFor(const JVRunOptions& options, int64_t pixels) {
+  if (options.threads >= 1) return askedThreads(options);
+  if (pixels < kThreadedPixels) return 1;
+  const int asked = askedThreads(options);
+  return asked > 0 ? asked : 1;
 }
 
 const jvk::Kernels& jvk::kernelsFor(int level) {

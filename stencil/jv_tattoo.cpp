@@ -20,11 +20,12 @@ enum class Variant { Tattoo, X8 };
 // diffusion, as the separate stages compute them, but without their page-
 // sized intermediate records: gamma is a table applied as the rows stream
 // through the blur, and the diffusion runs in place on the sharpened page.
-// `gray`: one byte a pixel, width * height pixels, which must be positive.
-JVImage grayChain(const unsigned char* gray, int width, int height, Variant variant, bool guarded,
-                  const JVRunOptions& options) {
+// `gray`: one byte a pixel, width * height pixels, which must be positive;
+// `out` receives the stencil and may be `gray` itself.
+void grayChainInto(const unsigned char* gray, int width, int height, Variant variant, bool guarded,
+                   const JVRunOptions& options, unsigned char* out) {
   const int32_t n = static_cast<int32_t>(static_cast<uint32_t>(width) * static_cast<uint32_t>(height));
-  // Measured before any enhancement.
+  // Measured before any enhancement (and before `out` may overwrite `gray`).
   const int t = jvk::momentsThreshold(gray, n, guarded);
   uint8_t table[256];
   if (variant == Variant::Tattoo)
@@ -32,9 +33,15 @@ JVImage grayChain(const unsigned char* gray, int width, int height, Variant vari
   else
     jvk::gammaTable(t, 0.5f, 1.5f, guarded, table);
 
-  JVImage out = jvUnsharpGray(gray, width, height, table, 300.0f, 11, options);
-  jvk::edfInPlace(out.data, out.width, out.height, t, jvk::kernelsFor(jvSimdLevelFor(options)),
-                  jvThreadsFor(options, static_cast<int64_t>(out.width) * out.height));
+  jvUnsharpGrayInto(gray, width, height, table, 300.0f, 11, options, out);
+  jvk::edfInPlace(out, width, height, t, jvk::kernelsFor(jvSimdLevelFor(options)),
+                  jvDiffusionThreadsFor(options, static_cast<int64_t>(width) * height));
+}
+
+JVImage grayChain(const unsigned char* gray, int width, int height, Variant variant, bool guarded,
+                  const JVRunOptions& options) {
+  JVImage out(width, height, JV_IMG_GRAY);
+  grayChainInto(gray, width, height, variant, guarded, options, out.data);
   return out;
 }
 
@@ -63,7 +70,8 @@ JVImage edf_cus(const JVImage& src, int threshold, const JVRunOptions& options) 
   }
   // One byte a pixel is read, whatever the record's layout.
   std::memcpy(out.data, src.data, static_cast<size_t>(w * h));
-  jvk::edfInPlace(out.data, w, h, threshold, jvk::kernelsFor(jvSimdLevelFor(options)), jvThreadsFor(options, w * h));
+  jvk::edfInPlace(out.data, w, h, threshold, jvk::kernelsFor(jvSimdLevelFor(options)),
+                  jvDiffusionThreadsFor(options, w * h));
   return out;
 }
 
@@ -83,8 +91,21 @@ JVImage jvTattooDitheringX8Guarded(JVImage& src, const JVRunOptions& options) {
   return tattooChain(src, Variant::X8, true, options);
 }
 
+namespace {
+
+bool chainTakes(int width, int height) {
+  return width > 0 && height > 0 && static_cast<int64_t>(width) * height <= INT32_MAX;
+}
+
+}  // namespace
+
 JVImage jvTattooStencilOfGray(const unsigned char* gray, int width, int height, bool x8, const JVRunOptions& options) {
-  const int64_t n = static_cast<int64_t>(width) * height;
-  if (width <= 0 || height <= 0 || n > INT32_MAX) return JVImage(0, 0, JV_IMG_GRAY);
+  if (!chainTakes(width, height)) return JVImage(0, 0, JV_IMG_GRAY);
   return grayChain(gray, width, height, x8 ? Variant::X8 : Variant::Tattoo, true, options);
+}
+
+bool jvTattooStencilInPlace(unsigned char* gray, int width, int height, bool x8, const JVRunOptions& options) {
+  if (!chainTakes(width, height)) return false;
+  grayChainInto(gray, width, height, x8 ? Variant::X8 : Variant::Tattoo, true, options, gray);
+  return true;
 }

@@ -32,3 +32,8 @@ JVImage jvTattooDitheringX8Guarded(JVImage& src, const JVRunOptions& options);
 // when the page has no pixels or more than fit 31 bits.
 JVImage jvTattooStencilOfGray(const unsigned char* gray, int width, int height, bool x8,
                               const JVRunOptions& options = JVRunOptions());
+// The same in place: the page becomes the stencil, and no page-sized buffer
+// is made. False, with the page unchanged, for the pages that give an
+// empty record above.
+bool jvTattooStencilInPlace(unsigned char* gray, int width, int height, bool x8,
+                            const JVRunOptions& options = JVRunOptions());

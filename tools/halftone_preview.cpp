@@ -14,8 +14,8 @@
 
 #include "image/pixel_rows.h"
 #include "printer/page_pipeline.h"
-#include "tools/page_layout.h"
-#include "tools/png_io.h"
+#include "printer/page_layout.h"
+#include "printer/png_io.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/png_io.h"
+#include "printer/png_io.h"
 #include "tools/raster_header.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/png_io.h"
+#include "printer/png_io.h"
 #include "tools/zpl_decode.h"
 
 namespace {

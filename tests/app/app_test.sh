@@ -13,6 +13,9 @@
 #   app_test.sh <build-dir> burst2    the same, each client to its own printer
 #   app_test.sh <build-dir> web       a default changed in the web interface with
 #                                     headless Chromium; the next job uses it
+#   app_test.sh <build-dir> studio    the stencil studio in headless Chromium at a
+#                                     tablet's and a phone's screen: the preview is
+#                                     halftonepreview's, the print is the preview
 set -u
 BUILD=$(cd "$1" && pwd)
 MODE=$2
@@ -424,11 +427,37 @@ web_mode() {
   echo "stencil printer, default halftone tattoo: $before; after the browser chose stucki: $after"
 }
 
+# The stencil studio in a real browser (tests/app/studio.py); its
+# screenshots and the pictures it compared stay in the build tree.
+studio_mode() {
+  if ! /usr/bin/python3 -c 'import selenium' 2>/dev/null || [ ! -x /usr/bin/chromium ] || [ ! -x /usr/bin/chromedriver ]; then
+    echo "SKIP: needs the Debian packages chromium, chromium-driver and python3-selenium"
+    exit 77
+  fi
+  add_printer tattoo kelvo_tattoo
+  printf '{\nOPERATION Get-Printer-Attributes\nGROUP operation-attributes-tag\nATTR charset attributes-charset utf-8\nATTR naturalLanguage attributes-natural-language en\nATTR uri printer-uri $uri\nATTR keyword requested-attributes all\nSTATUS successful-ok\n}\n' >"$W/all.test"
+  settings() {
+    ipptool -tv "ipp://127.0.0.1:$PORT/ipp/print/tattoo" "$W/all.test" | grep -E -- '-(default|configured|ready) \(' | sort
+  }
+  settings >"$W/settings.before"
+  local out=$BUILD/tests/app/studio
+  rm -rf "$out"
+  mkdir -p "$out"
+  timeout 240 /usr/bin/python3 -u "$SRC/tests/app/studio.py" "http://127.0.0.1:$PORT" tattoo "$BUILD" "$W/out/tattoo" \
+    "$out" "$SRC/samples/stencil.png" || fail "the studio in the browser"
+  echo "screenshots: $(ls "$out"/studio-*-{preview,one-dot-one-pixel,message}.png 2>/dev/null | tr '\n' ' ')"
+  # The studio changed no setting of the printer.
+  settings >"$W/settings.after"
+  [ -s "$W/settings.before" ] && cmp -s "$W/settings.before" "$W/settings.after" ||
+    fail "the printer's settings changed: $(diff "$W/settings.before" "$W/settings.after" | head -5)"
+}
+
 case $MODE in
   jobs) jobs_mode ;;
   burst) burst_mode one ;;
   burst2) burst_mode two ;;
   web) web_mode ;;
+  studio) studio_mode ;;
   cups) cups_mode ;;
   ipptool) ipptool_mode ;;
   *) fail "unknown mode $MODE" ;;

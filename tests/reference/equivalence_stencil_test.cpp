@@ -3,6 +3,7 @@
 // bytes as the plain loops run on one core.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstring>
 #include <random>
 #include <string>
@@ -86,6 +87,64 @@ TEST(StencilEquivalence, BlurPassesWithAnyTaps) {
       }
 }
 
+// The unsharp mask's passes sum in float and trust the rounding only where
+// the sum lies clear of a half (jvk::BlurTaps). Windows whose plain double
+// sum lies within the float sum's error bound of a half, where a wrong
+// decision would show, one a column for the vertical pass (weighted so
+// that out = v) and side by side in a row for the horizontal one, for the
+// chain's taps and random symmetric ones.
+TEST(StencilEquivalence, BlurFloatSumsNearHalves) {
+  std::mt19937 rng(2718);
+  std::vector<std::vector<double>> tapSets(1, std::vector<double>(11));
+  generateGaussianKernel1D(11, 3.0, tapSets[0].data());
+  for (int size : {5, 7, 15, 31}) {
+    std::vector<double> taps(static_cast<size_t>(size));
+    double sum = 0;
+    for (int k = 0; k <= size / 2; ++k) taps[k] = taps[size - 1 - k] = 0.05 + (rng() % 1000) / 997.0;
+    for (double t : taps) sum += t;
+    for (double& t : taps) t /= sum;
+    tapSets.push_back(taps);
+  }
+  for (const std::vector<double>& taps : tapSets) {
+    const int size = static_cast<int>(taps.size());
+    const jvk::BlurTaps t = jvk::blurTapsFor(taps.data(), size);
+    ASSERT_TRUE(t.fast) << size << " taps";
+    const int m = 200;
+    JVImage columns(m, size, JV_IMG_GRAY);  // window j in column j
+    std::vector<std::vector<float>> rows(static_cast<size_t>(size), std::vector<float>(m));
+    std::vector<float> row(static_cast<size_t>(m * size + size - 1), 0.0f);  // window j from pixel j * size
+    for (int j = 0; j < m;) {
+      uint8_t b[31];
+      double sum = 0.0;
+      for (int k = 0; k < size; ++k) sum = static_cast<double>(b[k] = static_cast<uint8_t>(rng())) * taps[k] + sum;
+      if (std::fabs(sum - std::floor(sum) - 0.5) >= t.bound) continue;
+      for (int k = 0; k < size; ++k) {
+        columns.data[k * m + j] = b[k];
+        rows[static_cast<size_t>(k)][static_cast<size_t>(j)] = b[k];
+        row[static_cast<size_t>(j * size + k)] = b[k];
+      }
+      ++j;
+    }
+    const JVImage want = kref::convolve1D(columns, taps.data(), size, false);  // row size / 2 holds the sums
+    std::vector<const float*> rowPointers;
+    for (const std::vector<float>& r : rows) rowPointers.push_back(r.data());
+    const std::vector<float> zeros(m, 0.0f);
+    for (int level : paths()) {
+      const jvk::Kernels& kernels = jvk::kernelsFor(level);
+      std::vector<uint8_t> vertical(m);
+      kernels.blurColumnWeighted(rowPointers.data(), t, zeros.data(), 0.0f, 1.0f, 0.0f, m, vertical.data());
+      std::vector<float> horizontal(static_cast<size_t>(m * size));
+      kernels.blurRowFloats(row.data(), t, horizontal.size(), horizontal.data());
+      for (int j = 0; j < m; ++j) {
+        const int expected = want.data[size / 2 * m + j];
+        ASSERT_EQ(vertical[j], expected) << "vertical, path " << level << ", " << size << " taps, window " << j;
+        ASSERT_EQ(horizontal[static_cast<size_t>(j * size)], expected)
+            << "horizontal, path " << level << ", " << size << " taps, window " << j;
+      }
+    }
+  }
+}
+
 // The streamed unsharp mask (both blur passes and the weighting, row by
 // row on several threads) against the plain stages one after the other.
 TEST(StencilEquivalence, UnsharpMaskEveryPathAndThreadCount) {
@@ -155,7 +214,8 @@ TEST(StencilEquivalence, GrayAndThreshold) {
 
 // Both chains on every shape, path and thread count, colour layouts (which
 // go through cvtGray first), flat pages the unguarded chains never finish,
-// and large pages whose bands keep the threads apart for long stretches.
+// and large pages whose bands keep the threads apart for long stretches;
+// gray pages also in place.
 TEST(StencilEquivalence, BothChainsEveryPathAndThreadCount) {
   std::mt19937 rng(99);
   std::vector<Shape> pages = shapes(rng);
@@ -177,6 +237,13 @@ TEST(StencilEquivalence, BothChainsEveryPathAndThreadCount) {
                                : jvTattooDitheringGuarded(src, run(level, threads));
         ASSERT_EQ(difference(got, want), "") << s.w << "x" << s.h << " layout " << color << (x8 ? " X8" : " Tattoo")
                                              << ", path " << level << ", " << threads << " threads";
+        if (color != JV_IMG_GRAY) continue;
+        // The page sharpened and diffused in place, each thread's share
+        // reading the rows around it that its neighbours overwrite.
+        JVImage page(src);
+        ASSERT_TRUE(jvTattooStencilInPlace(page.data, s.w, s.h, x8, run(level, threads)));
+        ASSERT_EQ(difference(page, want), "") << s.w << "x" << s.h << (x8 ? " X8" : " Tattoo") << " in place, path "
+                                              << level << ", " << threads << " threads";
       }
   }
 }
@@ -219,14 +286,19 @@ TEST(StencilEquivalence, RunOptions) {
     o.threads = cases[i].first;
     EXPECT_EQ(jvThreadsFor(o, cases[i].second), want[i]) << cases[i].first;
   }
-  // A large page on every core there is, eight at most, or as many as
-  // KELVO_THREADS says.
+  // A large page's unsharp mask on every core there is, eight at most, its
+  // diffusion on one, or both on as many as KELVO_THREADS says.
   o.threads = 0;
   const int cores = jvThreadsFor(o, 9000000);
   EXPECT_TRUE(cores >= 1 && cores <= 8) << cores;
+  EXPECT_EQ(jvDiffusionThreadsFor(o, 9000000), 1);
   setenv("KELVO_THREADS", "5", 1);
   EXPECT_EQ(jvThreadsFor(o, 9000000), 5);
+  EXPECT_EQ(jvDiffusionThreadsFor(o, 9000000), 5);
+  EXPECT_EQ(jvDiffusionThreadsFor(o, 1000), 1);
   unsetenv("KELVO_THREADS");
+  o.threads = 3;
+  EXPECT_EQ(jvDiffusionThreadsFor(o, 1000), 3);
 }
 
 }  // namespace

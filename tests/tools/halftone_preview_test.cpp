@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "test_support/read_file.h"
-#include "tools/png_io.h"
+#include "printer/png_io.h"
 
 namespace {
 

@@ -1,6 +1,7 @@
 #pragma once
-// 8-bit gray PNG files for the preview tools: pages are written as they will
-// look on paper and read back from whatever PNG a user hands in.
+// 8-bit gray PNG files for the preview tools and the stencil studio: pages
+// are written as they will look on paper and read back from whatever PNG a
+// user hands in.
 #include <cstddef>
 #include <cstdint>
 #include <string>

@@ -2,10 +2,11 @@
 // Puts a picture on a printed page the way CUPS's image filter does with its
 // default options: turned a quarter left when its orientation differs from
 // the page's, scaled to fill the page as far as its proportions allow, and
-// centred. Used by halftonepreview so that the preview shows the print.
+// centred. Used by halftonepreview and the stencil studio so that the preview
+// shows the print.
 #include <string>
 
-#include "tools/png_io.h"
+#include "printer/png_io.h"
 
 // A page size name of the shipped PPDs or a size of one's own, in points:
 // "4x6" (inches), "100x150mm", "w288h432" (points, as CUPS names sizes) and

@@ -1,4 +1,4 @@
-#include "tools/png_io.h"
+#include "printer/png_io.h"
 
 #include <png.h>
 

@@ -1,4 +1,4 @@
-#include "tools/page_layout.h"
+#include "printer/page_layout.h"
 
 #include <algorithm>
 #include <cmath>
