@@ -103,7 +103,7 @@ void BM_StencilGray(benchmark::State& state) {
 BENCHMARK(BM_StencilGray)->Unit(benchmark::kMillisecond);
 
 void BM_StencilThreshold(benchmark::State& state) {
-  for (auto _ : state) benchmark::DoNotOptimize(thresh_global_moments_guarded(photoGray()));
+  for (auto _ : state) benchmark::DoNotOptimize(thresh_global_moments(photoGray()));
   perPixel(state, photo());
 }
 BENCHMARK(BM_StencilThreshold)->Unit(benchmark::kMillisecond);
@@ -111,7 +111,7 @@ BENCHMARK(BM_StencilThreshold)->Unit(benchmark::kMillisecond);
 void BM_StencilGamma(benchmark::State& state) {
   JVImage img(photoGray());
   for (auto _ : state) {
-    enh_piecewise_gamma_guarded(img, 64, 0.85f, 0.7f);
+    enh_piecewise_gamma(img, 64, 0.85f, 0.7f);
     benchmark::DoNotOptimize(img.data);
   }
   perPixel(state, photo());
@@ -157,7 +157,7 @@ BENCHMARK(BM_StencilUnsharp)
 // Arguments: threads, vector path.
 void BM_StencilDiffusion(benchmark::State& state) {
   const JVImage sharp = enh_unsharp_mask(photoGray(), 300.0f, 11);
-  const int t = thresh_global_moments_guarded(photoGray());
+  const int t = thresh_global_moments(photoGray());
   const JVRunOptions o = withThreads(state.range(0), state.range(1));
   for (auto _ : state) benchmark::DoNotOptimize(edf_cus(sharp, t, o).data);
   perPixel(state, photo());
@@ -171,7 +171,7 @@ void BM_StencilChain(benchmark::State& state) {
   JVImage src(photoGray());
   const JVRunOptions o = withThreads(state.range(1));
   for (auto _ : state) {
-    JVImage out = state.range(0) == 0 ? jvTattooDitheringGuarded(src, o) : jvTattooDitheringX8Guarded(src, o);
+    JVImage out = state.range(0) == 0 ? jvTattooDithering(src, o) : jvTattooDitheringX8(src, o);
     benchmark::DoNotOptimize(out.data);
   }
   perPixel(state, photo());

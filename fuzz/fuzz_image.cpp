@@ -49,7 +49,7 @@ void stencilChain(Reader& in) {
   const auto* bytes = reinterpret_cast<const unsigned char*>(pixels.data());
 
   JVImage src(width, height, color, bytes);
-  const JVImage out = (flags & 8) ? jvTattooDitheringX8Guarded(src) : jvTattooDitheringGuarded(src);
+  const JVImage out = (flags & 8) ? jvTattooDitheringX8(src) : jvTattooDithering(src);
   if (width == 0 || height == 0) {
     if (out.width != width || out.height != height) fail("empty page changed size");
     return;
