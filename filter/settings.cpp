@@ -148,8 +148,8 @@ void applyDiagnosticsRule(ppd_file_t* ppd, int& count, cups_option_t*& list) {
   }
 }
 
-}  // namespace
-
+// Page size in millimetres of the marked "PageSize" (custom sizes included);
+// 0 by 0 when the PPD has no such size.
 void getPageWidthPageHeight(ppd_file_t* ppd, Settings* settings) {
   const char* name = kelvoPpdGetChoiceAsStrDefault(ppd, "PageSize", "");
   settings->pageWidth = 0;
@@ -166,6 +166,9 @@ void getPageWidthPageHeight(ppd_file_t* ppd, Settings* settings) {
   settings->pageHeight = static_cast<float>(static_cast<double>(size->length) * 0.3528);
   kelvoLogCommon(LogDebug, "Set page size: width %f mm, height %f mm", settings->pageWidth, settings->pageHeight);
 }
+
+}  // namespace
+
 
 void parseSettings(Settings* settings, const char* options, KelvoPrintableArea* area) {
   if (settings == nullptr) return;

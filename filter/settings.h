@@ -45,10 +45,6 @@ struct Settings {
 // texts and zeros. `area`, when given, gets what the PPD's model prints.
 void parseSettings(Settings* settings, const char* options, KelvoPrintableArea* area = nullptr);
 
-// Page size in millimetres of the marked "PageSize" (custom sizes included);
-// 0 by 0 when the PPD has no such size.
-void getPageWidthPageHeight(ppd_file_t* ppd, Settings* settings);
-
 // What the choice words mean to the engine. Words are matched as substrings
 // (a choice only has to contain "LabelGaps", "Rotation180", "Direct",
 // "TearOff" ...), halftone words exactly; the speed word must be one or two

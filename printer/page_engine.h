@@ -41,10 +41,6 @@ class KelvoEngine {
   // memory ran out; nothing of the graphic was sent then.
   bool finishPage(uint8_t* pixels);
 
-  // The page as it printed (valid after finishPage()).
-  const KelvoDots& dots() const { return dots_; }
-  const KelvoDebugPictures& debugPictures() const { return debug_; }
-
  private:
   KelvoJobSettings settings_;
   KelvoPrintableArea area_;

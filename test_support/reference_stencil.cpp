@@ -7,6 +7,14 @@
 #include "stencil/jv_math.h"
 #include "test_support/reference.h"
 
+namespace {
+
+int myClamp(int value, int low, int high) { return value < low ? low : value > high ? high : value; }
+
+bool isWithinBounds(int x, int y, int width, int height) { return x >= 0 && x < width && y >= 0 && y < height; }
+
+}  // namespace
+
 namespace kref {
 
 JVImage convolve1D(const JVImage& src, const double* taps, int size, bool horizontal) {
