@@ -1,38 +1,136 @@
 #include "app/drivers.h"
 
-#include <cmath>
-#include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "support/kelvo_string.h"
 
 namespace {
 
+// A PWG size name, built at compile time.
+struct PwgText {
+  char text[64] = {};
+  int length = 0;
+  constexpr void add(char c) {
+    if (length < 63) text[length++] = c;
+  }
+  constexpr void add(const char* s) {
+    while (*s != '\0') add(*s++);
+  }
+  constexpr void addNumber(long value) {
+    char digits[20] = {};
+    int n = 0;
+    do {
+      digits[n++] = static_cast<char>('0' + value % 10);
+      value /= 10;
+    } while (value != 0);
+    while (n > 0) add(digits[--n]);
+  }
+  // "50.55" for 5055 hundredths, "25.4" for 2540.
+  constexpr void addMm(long hundredths) {
+    addNumber(hundredths / 100);
+    const long rest = hundredths % 100;
+    if (rest == 0) return;
+    add('.');
+    addNumber(rest / 10);
+    if (rest % 10 != 0) addNumber(rest % 10);
+  }
+};
+
+// The size in dots of a PPD size in points, rounded as lround does.
+constexpr int dotsOf(float points, int dpi) {
+  return static_cast<int>(static_cast<double>(points * static_cast<float>(dpi)) / 72.0 + 0.5);
+}
+// PAPPL makes a page of size*dpi/2540 dots, rounded down.
+constexpr int pageDots(long hundredthsMm, int dpi) { return static_cast<int>(hundredthsMm * dpi / 2540); }
+
+// A decimal number of `unit`s ("2.25" inches) in hundredths of a millimetre,
+// as a PWG name's size reads; `end` ends it.
+constexpr long hundredthsOf(const char* text, char end, long unit) {
+  long number = 0, divisor = 1;
+  bool fraction = false;
+  for (; *text != end && *text != '\0'; ++text) {
+    if (*text == '.') {
+      fraction = true;
+    } else {
+      number = number * 10 + (*text - '0');
+      if (fraction) divisor *= 10;
+    }
+  }
+  return number * unit / divisor;
+}
+
+// A size clients see: the PWG name `standard` (its size in hundredths of a
+// millimetre with it) when PAPPL makes the PPD's page from it (same width,
+// at most a row shorter or longer); otherwise a self-describing name in
+// millimetres of the same class word that does.
+constexpr KelvoMedia media(const char* ppdName, float widthPt, float heightPt, int dpi, const char* standard,
+                           long standardWidth, long standardLength) {
+  KelvoMedia m{ppdName, widthPt, heightPt, {}};
+  const int width = dotsOf(widthPt, dpi), height = dotsOf(heightPt, dpi);
+  const int lengthDifference = pageDots(standardLength, dpi) - height;
+  PwgText name;
+  if (pageDots(standardWidth, dpi) == width && lengthDifference >= -1 && lengthDifference <= 1) {
+    name.add(standard);
+  } else {
+    // "om" and the standard name's own word, up to its size.
+    name.add("om");
+    int last = 0;
+    for (int i = 0; standard[i] != '\0'; ++i)
+      if (standard[i] == '_') last = i;
+    int first = 0;
+    while (standard[first] != '_') ++first;
+    for (int i = first; i < last; ++i) name.add(standard[i]);
+    name.add('_');
+    name.addMm((width * 2540L + dpi - 1) / dpi);
+    name.add('x');
+    name.addMm((height * 2540L + dpi - 1) / dpi);
+    name.add("mm");
+  }
+  for (int i = 0; i < 64; ++i) m.pwgName[i] = name.text[i];
+  return m;
+}
+
+// A label size of the PPDs ("2.25x1.25", inches): its standard name is
+// "oe_2-25x1-25-label_2.25x1.25in".
+constexpr KelvoMedia label(const char* ppdName, float widthPt, float heightPt, int dpi) {
+  PwgText standard;
+  standard.add("oe_");
+  for (const char* c = ppdName; *c != '\0'; ++c) standard.add(*c == '.' ? '-' : *c);
+  standard.add("-label_");
+  standard.add(ppdName);
+  standard.add("in");
+  const char* x = ppdName;
+  while (*x != 'x') ++x;
+  return media(ppdName, widthPt, heightPt, dpi, standard.text, hundredthsOf(ppdName, 'x', 2540),
+               hundredthsOf(x + 1, '\0', 2540));
+}
+
 // The PPDs' sizes. Label widths are a whole multiple of 4 dots at the
 // model's resolution (the graphic sender needs that), so most of them are a
 // fraction of a millimetre narrower than their name.
-KelvoMedia sLabels203[] = {
-    {"2x1", 143.29f, 72, {}},  {"2.25x1.25", 161.73f, 90, {}}, {"3x2", 215.65f, 144, {}},
-    {"4x2", 288, 144, {}},     {"4x3", 288, 216, {}},          {"4x4", 288, 288, {}},
-    {"4x6", 288, 432, {}},     {"4x8", 288, 576, {}},
+constexpr KelvoMedia kLabels203[] = {
+    label("2x1", 143.29f, 72, 203), label("2.25x1.25", 161.73f, 90, 203), label("3x2", 215.65f, 144, 203),
+    label("4x2", 288, 144, 203),    label("4x3", 288, 216, 203),          label("4x4", 288, 288, 203),
+    label("4x6", 288, 432, 203),    label("4x8", 288, 576, 203),
 };
-KelvoMedia sLabels300[] = {
-    {"2x1", 144, 72, {}},  {"2.25x1.25", 161.28f, 90, {}}, {"3x2", 216, 144, {}}, {"4x2", 288, 144, {}},
-    {"4x3", 288, 216, {}}, {"4x4", 288, 288, {}},          {"4x6", 288, 432, {}}, {"4x8", 288, 576, {}},
+constexpr KelvoMedia kLabels300[] = {
+    label("2x1", 144, 72, 300), label("2.25x1.25", 161.28f, 90, 300), label("3x2", 216, 144, 300),
+    label("4x2", 288, 144, 300), label("4x3", 288, 216, 300),         label("4x4", 288, 288, 300),
+    label("4x6", 288, 432, 300), label("4x8", 288, 576, 300),
 };
-KelvoMedia sSheets[] = {
-    {"A4", 595.28f, 841.89f, {}},
-    {"Letter", 611.52f, 792, {}},
-    {"Tattoo_A5", 595.28f, 420, {}},
-    {"Tattoo_A6", 297.64f, 420, {}},
+constexpr KelvoMedia kSheets[] = {
+    media("A4", 595.28f, 841.89f, 300, "iso_a4_210x297mm", 21000, 29700),
+    media("Letter", 611.52f, 792, 300, "na_letter_8.5x11in", 21590, 27940),
+    media("Tattoo_A5", 595.28f, 420, 300, "iso_a5_210x148mm", 21000, 14800),
+    media("Tattoo_A6", 297.64f, 420, 300, "iso_a6_105x148mm", 10500, 14800),
 };
 
 const KelvoModel kModels[] = {
     // Speeds as the PPDs offer them.
-    {"kelvo_203", "Kelvo ZPL Label Printer 203dpi", 203, ZplDialect::kStandard, false, 1, 12, sLabels203, 8, 6},
-    {"kelvo_300", "Kelvo ZPL Label Printer 300dpi", 300, ZplDialect::kStandard, false, 1, 8, sLabels300, 8, 6},
-    {"kelvo_tattoo", "Kelvo ZPL Tattoo Stencil 300dpi", 300, ZplDialect::kKelvo, true, 1, 4, sSheets, 4, 0},
+    {"kelvo_203", "Kelvo ZPL Label Printer 203dpi", 203, ZplDialect::kStandard, false, 1, 12, kLabels203, 8, 6},
+    {"kelvo_300", "Kelvo ZPL Label Printer 300dpi", 300, ZplDialect::kStandard, false, 1, 8, kLabels300, 8, 6},
+    {"kelvo_tattoo", "Kelvo ZPL Tattoo Stencil 300dpi", 300, ZplDialect::kKelvo, true, 1, 4, kSheets, 4, 0},
 };
 
 // IPP keywords of the halftone methods, in the order of the PPD's words.
@@ -60,59 +158,6 @@ const int kNumEncodings = sizeof kEncodings / sizeof kEncodings[0];
 // on the stencil printer.
 const char* defaultHalftone(bool stencil) { return stencil ? "tattoo" : "barcode-text"; }
 
-int dotsOf(float points, int dpi) { return static_cast<int>(std::lround(points * dpi / 72.0)); }
-// PAPPL makes a page of size*dpi/2540 dots, rounded down.
-int pageDots(int hundredthsMm, int dpi) { return hundredthsMm * dpi / 2540; }
-
-// "50.55" for 5055 hundredths, "25.4" for 2540.
-std::string formatMm(int hundredths) {
-  std::string text = std::to_string(hundredths / 100);
-  const int rest = hundredths % 100;
-  if (rest != 0) text += "." + std::to_string(rest / 10) + (rest % 10 != 0 ? std::to_string(rest % 10) : "");
-  return text;
-}
-
-// The PWG name clients see for a size. The standard name when PAPPL makes
-// the PPD's page from it (same width, at most a row shorter or longer);
-// otherwise a self-describing name in millimetres that does.
-void nameMedia(KelvoMedia& media, const KelvoModel& model) {
-  const int width = dotsOf(media.widthPt, model.dpi);
-  const int height = dotsOf(media.heightPt, model.dpi);
-  std::string standard;
-  if (model.stencil) {
-    const std::string word = media.ppdName;
-    standard = word == "A4"          ? "iso_a4_210x297mm"
-               : word == "Letter"    ? "na_letter_8.5x11in"
-               : word == "Tattoo_A5" ? "iso_a5_210x148mm"
-                                     : "iso_a6_105x148mm";
-  } else {
-    // A size name has no dots: "2.25x1.25" is named "2-25x1-25".
-    std::string word = media.ppdName;
-    for (char& c : word) c = c == '.' ? '-' : c;
-    standard = "oe_" + word + "-label_" + media.ppdName + "in";
-  }
-  // Sizes in millimetres take the "om" class; the rest of the name stays.
-  std::string prefix = standard.substr(0, standard.rfind('_'));
-  prefix = "om" + prefix.substr(prefix.find('_'));
-  if (const pwg_media_t* pwg = pwgMediaForPWG(standard.c_str())) {
-    if (pageDots(pwg->width, model.dpi) == width && std::abs(pageDots(pwg->length, model.dpi) - height) <= 1) {
-      kelvoStrCpy(media.pwgName, standard.c_str(), sizeof media.pwgName);
-      return;
-    }
-  }
-  const std::string name = prefix + "_" + formatMm((width * 2540 + model.dpi - 1) / model.dpi) + "x" +
-                           formatMm((height * 2540 + model.dpi - 1) / model.dpi) + "mm";
-  kelvoStrCpy(media.pwgName, name.c_str(), sizeof media.pwgName);
-}
-
-void nameAllMedia() {
-  static bool named = false;
-  if (named) return;
-  for (const KelvoModel& model : kModels)
-    for (int i = 0; i < model.numMedia; ++i) nameMedia(model.media[i], model);
-  named = true;
-}
-
 void setMediaCol(pappl_media_col_t& col, const KelvoMedia& media, const char* source, const char* type,
                  pappl_media_tracking_t tracking) {
   const pwg_media_t* pwg = pwgMediaForPWG(media.pwgName);
@@ -139,7 +184,6 @@ const int kelvoNumDrivers = sizeof kelvoDrivers / sizeof kelvoDrivers[0];
 
 const KelvoModel* kelvoFindModel(const char* driverName) {
   if (driverName == nullptr) return nullptr;
-  nameAllMedia();
   for (const KelvoModel& model : kModels)
     if (std::strcmp(model.driverName, driverName) == 0) return &model;
   return nullptr;

@@ -6,12 +6,13 @@
 
 #include "printer/job_settings.h"
 
-// One label or sheet size: the PPD's word for it and its size in dots.
+// One label or sheet size: the PPD's word for it, its size and the PWG
+// name clients see for it (made at compile time, app/drivers.cpp).
 struct KelvoMedia {
   const char* ppdName;
   float widthPt;  // the PPD's size, in points
   float heightPt;
-  char pwgName[64];  // filled in at start-up
+  char pwgName[64];
 };
 
 struct KelvoModel {
@@ -22,7 +23,7 @@ struct KelvoModel {
   bool stencil;
   int speedMin;  // inches a second; "Normal" (0) is the printer's own speed
   int speedMax;
-  KelvoMedia* media;
+  const KelvoMedia* media;
   int numMedia;
   int defaultMedia;
 };
