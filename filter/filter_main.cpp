@@ -35,18 +35,18 @@
 
 namespace {
 
-const char sVersion[] = "3.13.13";
+const char kVersion[] = "3.13.13";
 
 // Set when the spooler cancels the job (SIGTERM). The filter runs one job per
 // process, so the flag lives here; the engine's sink is handed a pointer to it.
-volatile std::sig_atomic_t sJobCancelled = 0;
+volatile std::sig_atomic_t gJobCancelled = 0;
 
 // A cancelled job finishes the row it is sending and ends the download; that
 // takes milliseconds. Should the printer link stall instead, the alarm half a
 // second later makes the stream non-blocking, so the writes fail at once and
 // the filter ends instead of waiting until the spooler kills it.
 extern "C" void onCancel(int) {
-  sJobCancelled = 1;
+  gJobCancelled = 1;
   struct itimerval grace {};
   grace.it_value.tv_usec = 500 * 1000;
   setitimer(ITIMER_REAL, &grace, nullptr);
@@ -106,9 +106,9 @@ bool outputFailed(FILE* out) {
   // When the spooler cancels a job it stops the backend and the filter
   // alike, in no fixed order: a link that went away may be the cancel
   // arriving a moment later. Give it that moment before calling it a failure.
-  if (failed && !sJobCancelled && (errno == EPIPE || errno == 0)) {
+  if (failed && !gJobCancelled && (errno == EPIPE || errno == 0)) {
     const int saved = errno;
-    for (int i = 0; i < 30 && !sJobCancelled; ++i) {
+    for (int i = 0; i < 30 && !gJobCancelled; ++i) {
       const struct timespec tick {0, 10 * 1000 * 1000};
       nanosleep(&tick, nullptr);
     }
@@ -116,7 +116,7 @@ bool outputFailed(FILE* out) {
   }
   // After a cancel the write error is the cancel itself (the link was closed,
   // or made non-blocking above), not a failure of the job.
-  if (failed && !sJobCancelled)
+  if (failed && !gJobCancelled)
     kelvoLogCommon(LogError, "Unable to send the job to the printer: writing standard output failed (%s)",
                    errno != 0 ? std::strerror(errno) : "write error");
   return failed;
@@ -173,7 +173,7 @@ struct RasterSource {
     auto* self = static_cast<RasterSource*>(context);
     for (;;) {
       const ssize_t got = ::read(self->fd, buffer, length);
-      if (got < 0 && errno == EINTR && !sJobCancelled) continue;
+      if (got < 0 && errno == EINTR && !gJobCancelled) continue;
       if (got <= 0) {
         self->atEnd = true;
         return got < 0 && errno == EINTR ? 0 : got;
@@ -219,9 +219,9 @@ int pageLoop(cups_raster_t* raster, RasterSource& source, KelvoEngine& engine, u
   cups_page_header2_t header;
   int pageCount = 0;
   source.markPageEnd();
-  while (!sJobCancelled) {
+  while (!gJobCancelled) {
     if (!cupsRasterReadHeader2(raster, &header)) {
-      if (sJobCancelled || !source.refused()) break;
+      if (gJobCancelled || !source.refused()) break;
       kelvoLogCommon(LogError, "Page %d: the raster stream holds %s after %d complete pages; the job stops here",
                      pageCount + 1, cupsLastErrorString() != nullptr && *cupsLastErrorString() != '\0'
                                         ? "a page header that is not valid (bits per pixel, bytes per line or "
@@ -265,16 +265,16 @@ int pageLoop(cups_raster_t* raster, RasterSource& source, KelvoEngine& engine, u
 
     const bool whole = cupsRasterReadPixels(raster, buffer, pageBytes) != 0;
     source.markPageEnd();
-    if (whole && !sJobCancelled && !engine.finishPage(buffer)) {
+    if (whole && !gJobCancelled && !engine.finishPage(buffer)) {
       kelvoLogCommon(LogError, "Page %d: out of memory while processing it; the job stops here", pageCount);
       return 1;
     }
     // Stop at the first page the printer could not receive; the rest would
     // be rendered for nobody.
-    if (outputFailed(stdout)) return sJobCancelled ? 0 : 1;
+    if (outputFailed(stdout)) return gJobCancelled ? 0 : 1;
   }
   // Cancelling is the spooler's decision, not a failure of the job.
-  if (sJobCancelled) kelvoLogCommon(LogDebug, "Job cancelled after %d pages", pageCount);
+  if (gJobCancelled) kelvoLogCommon(LogDebug, "Job cancelled after %d pages", pageCount);
   return 0;
 }
 
@@ -395,7 +395,7 @@ int filterMain(int argc, char** argv) {
   if (argc < 6) {
     // "copyies" is how the usage line has always been spelt.
     std::fprintf(stderr, "%s v%s\n\nUsage:\n\n    %s job_id user title copyies options [file]\n\n",
-                 kelvoPathGetBasename(program), sVersion, kelvoPathGetBasename(program));
+                 kelvoPathGetBasename(program), kVersion, kelvoPathGetBasename(program));
     return 1;
   }
 
@@ -417,7 +417,7 @@ int filterMain(int argc, char** argv) {
     }
   }
 
-  sJobCancelled = 0;
+  gJobCancelled = 0;
   JobSignals signals;
   int status = 1;
   Settings settings{};
@@ -427,7 +427,7 @@ int filterMain(int argc, char** argv) {
   source.fd = fd;
 
   KelvoPrintableArea area;
-  parseSettings(&settings, options, &area);
+  kelvoParseSettings(&settings, options, &area);
   KelvoJobSettings job = kelvoEngineSettings(settings);
   if (settings.DebugImages != 0) {
     const char* tmp = std::getenv("TMPDIR");
@@ -435,7 +435,7 @@ int filterMain(int argc, char** argv) {
     job.debugTag = jobId;
   }
   KelvoSink sink(stdout);
-  sink.setCancelFlag(&sJobCancelled);
+  sink.setCancelFlag(&gJobCancelled);
 
   std::unique_ptr<Recording> recording;
   if (settings.outputFile[0] != '\0') {
@@ -468,7 +468,7 @@ int filterMain(int argc, char** argv) {
   if (raster != nullptr) cupsRasterClose(raster);
   // The last bytes may still sit in a buffer; a job whose end never reached
   // the printer has failed.
-  if (status == 0 && outputFailed(stdout) && !sJobCancelled) status = 1;
+  if (status == 0 && outputFailed(stdout) && !gJobCancelled) status = 1;
   if (recording && recording->failed())
     kelvoLogCommon(LogWarning, "Recording file %s is incomplete", settings.outputFile);
   if (fd != 0) close(fd);

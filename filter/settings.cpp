@@ -170,7 +170,7 @@ void getPageWidthPageHeight(ppd_file_t* ppd, Settings* settings) {
 }  // namespace
 
 
-void parseSettings(Settings* settings, const char* options, KelvoPrintableArea* area) {
+void kelvoParseSettings(Settings* settings, const char* options, KelvoPrintableArea* area) {
   if (settings == nullptr) return;
   const char* ppdPath = std::getenv("PPD");
   ppd_file_t* ppd = ppdPath != nullptr ? kelvoPpdOpenFile(ppdPath, nullptr) : nullptr;

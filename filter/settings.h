@@ -43,7 +43,7 @@ struct Settings {
 // Fills `settings` from the PPD named by the environment variable "PPD" and
 // the job's option string (may be empty or null). A missing PPD leaves empty
 // texts and zeros. `area`, when given, gets what the PPD's model prints.
-void parseSettings(Settings* settings, const char* options, KelvoPrintableArea* area = nullptr);
+void kelvoParseSettings(Settings* settings, const char* options, KelvoPrintableArea* area = nullptr);
 
 // What the choice words mean to the engine. Words are matched as substrings
 // (a choice only has to contain "LabelGaps", "Rotation180", "Direct",

@@ -92,7 +92,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   Settings settings;
   std::memset(&settings, 0xA5, sizeof settings);
-  parseSettings(&settings, options.c_str());
+  kelvoParseSettings(&settings, options.c_str());
 
   const struct {
     const char* name;

@@ -23,7 +23,7 @@ Settings parse(const std::string& ppdPath, const char* options, std::string* log
   Settings s;
   std::memset(&s, 0x5A, sizeof s);  // must come back cleared
   testing::internal::CaptureStderr();
-  parseSettings(&s, options);
+  kelvoParseSettings(&s, options);
   const std::string err = testing::internal::GetCapturedStderr();
   if (log != nullptr) *log = err;
   return s;

@@ -55,7 +55,7 @@ TEST(ShippedPpd, CupsRendersEightBitBlackPagesAndChoicesFitTheCommands) {
       EXPECT_STREQ(halftone->choices[i].choice, words[i]);
       Settings s;
       testing::internal::CaptureStderr();
-      parseSettings(&s, (std::string("HalftoneType=") + words[i]).c_str());
+      kelvoParseSettings(&s, (std::string("HalftoneType=") + words[i]).c_str());
       testing::internal::GetCapturedStderr();
       EXPECT_EQ(s.halftoneType, static_cast<KelvoHalftone>(i)) << words[i];
     }
