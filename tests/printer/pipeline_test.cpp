@@ -95,7 +95,21 @@ TEST_F(SavedImage, OneBitRowsBottomUpWithPaperBitsSet) {
   std::memset(dots.row(0), 0xFF, 4);
   dots.row(0)[3] = 0xFE;  // the last pixel is paper
   p->savePrinted(dots);
-  const std::vector<std::string> saved = files();
+  // Sizes past 16 bits: 600 dots are 76 bytes a row, 1000 rows 76000 bytes.
+  dots.reset(600, 1000);
+  p->savePrinted(dots);
+  std::vector<std::string> saved = files();
+  ASSERT_EQ(saved.size(), 3u);
+  const std::string large = readFile(saved[2].find("-2-") != std::string::npos   ? saved[2]
+                                     : saved[1].find("-2-") != std::string::npos ? saved[1]
+                                                                                 : saved[0]);
+  EXPECT_EQ(le32(large, 2), 62u + 76000u);
+  EXPECT_EQ(le32(large, 18), 600u);
+  EXPECT_EQ(le32(large, 22), 1000u);
+  EXPECT_EQ(le32(large, 34), 76000u);
+  saved.erase(std::remove_if(saved.begin(), saved.end(),
+                             [](const std::string& path) { return path.find("-2-") != std::string::npos; }),
+              saved.end());
   ASSERT_EQ(saved.size(), 2u);
   const std::string ten = readFile(saved[0].find("-0-") != std::string::npos ? saved[0] : saved[1]);
   const std::string wide = readFile(saved[0].find("-0-") != std::string::npos ? saved[1] : saved[0]);
