@@ -6,12 +6,16 @@
 
 #include "printer/job_settings.h"
 
-// One label or sheet size: the PPD's word for it, its size and the PWG
-// name clients see for it (made at compile time, app/drivers.cpp).
+// One label or sheet size: the PPD's word for it and its words ("4 x 6
+// in"), its size as printed at the model's resolution, in dots and in
+// points, and the PWG name clients see (all made at compile time).
 struct KelvoMedia {
   const char* ppdName;
-  float widthPt;  // the PPD's size, in points
-  float heightPt;
+  const char* text;
+  int widthDots;
+  int heightDots;
+  double widthPt;
+  double heightPt;
   char pwgName[64];
 };
 
@@ -25,8 +29,43 @@ struct KelvoModel {
   int speedMax;
   const KelvoMedia* media;
   int numMedia;
-  int defaultMedia;
+  const char* defaultMedia;  // the PPD's word for it
 };
+
+// One value of a keyword choice: its IPP keyword, its words for people
+// (null for an old keyword still taken) and what it stands for (the number
+// of a KelvoHalftone, PostAction or GraphicEncoding; -1: the printer's
+// label mode).
+struct KelvoWord {
+  const char* keyword;
+  const char* text;
+  int value;
+};
+
+// A choice of the Kelvo drivers beyond standard IPP ("kelvo-halftone"), in
+// words ("Halftone"), with its values and the defaults of the label and the
+// stencil printers (as IPP strings; null where a printer lacks the choice).
+struct KelvoChoice {
+  const char* name;
+  const char* text;
+  enum Kind { kKeyword, kRange, kBoolean } kind;
+  const KelvoWord* words;  // kKeyword
+  int numWords;
+  int min, max;  // kRange
+  const char* labelDefault;
+  const char* stencilDefault;
+};
+
+// The choices, in the order the web interface shows them.
+const KelvoChoice* kelvoChoices(int* count);
+
+// The words of choice `name`'s value `keyword` ("Barcode and text"); null
+// for an old keyword still taken and for a value the choice lacks.
+const char* kelvoChoiceWords(const char* name, const char* keyword);
+
+// The words of the model's size named `pwgName` ("4 x 6 in"); null for a
+// name that is not one of its sizes.
+const char* kelvoMediaText(const KelvoModel& model, const char* pwgName);
 
 // The drivers, in the order "drivers" lists them.
 extern pappl_pr_driver_t kelvoDrivers[];
@@ -48,9 +87,8 @@ const char* kelvoDetectFormat(const unsigned char* header, size_t size, void* da
 KelvoJobSettings kelvoSettingsFromOptions(const KelvoModel& model, const pappl_pr_options_t& options,
                                           pappl_label_mode_t mode);
 
-// The halftone an IPP keyword stands for: the one the PPD word of the same
-// place in the list runs ("stucki" runs Jarvis, Judice and Ninke's kernel),
-// so that a job prints what the filter prints for that word; unknown
+// The halftone an IPP keyword stands for ("jarvis-judice-ninke-diffusion";
+// the old "stucki" runs that kernel too, as the PPD's Stucki does); unknown
 // keywords give the threshold.
 KelvoHalftone kelvoHalftoneFromKeyword(const char* keyword);
 

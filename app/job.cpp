@@ -16,6 +16,7 @@
 #include <string>
 
 #include "app/drivers.h"
+#include "app/printer_status.h"
 #include "printer/page_engine.h"
 #include "support/page_buffer.h"
 
@@ -112,6 +113,7 @@ bool kelvoStartJob(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t
   papplPrinterGetDriverData(printer, &data);
   const KelvoModel* model = kelvoFindModel(papplPrinterGetDriverName(printer));
   if (model == nullptr) return fail(job, "The printer's driver is not one of this application's");
+  if (!kelvoStatusJobStarts(job, device)) return false;
 
   auto* state = new JobState;
   state->job = job;
@@ -200,6 +202,7 @@ bool kelvoEndJob(pappl_job_t* job, pappl_pr_options_t* /*options*/, pappl_device
   JobState* state = stateOf(job);
   if (state == nullptr) return false;
   const bool ok = flushPage(*state);
+  if (ok) kelvoStatusJobEnds(job, state->device);
   std::fclose(state->out);
   papplJobSetData(job, nullptr);
   delete state;
@@ -209,6 +212,7 @@ bool kelvoEndJob(pappl_job_t* job, pappl_pr_options_t* /*options*/, pappl_device
 
 bool kelvoPrintFile(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* device) {
   const int copies = options->copies > 0 ? options->copies : 1;
+  if (!kelvoStatusJobStarts(job, device)) return false;
   for (int copy = 0; copy < copies; ++copy) {
     const int fd = open(papplJobGetFilename(job), O_RDONLY);
     if (fd < 0) return fail(job, "Unable to read the job's document");
@@ -224,6 +228,7 @@ bool kelvoPrintFile(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_
     papplDeviceFlush(device);
     if (papplJobIsCanceled(job)) break;
   }
+  kelvoStatusJobEnds(job, device);
   return true;
 }
 

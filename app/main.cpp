@@ -11,6 +11,8 @@
 
 #include "app/drivers.h"
 #include "app/job.h"
+#include "app/printer_status.h"
+#include "app/web_labels.h"
 #include "app/studio.h"
 
 namespace {
@@ -73,7 +75,9 @@ pappl_system_t* createSystem(int count, cups_option_t* options, void* /*data*/) 
   papplSystemSetPrinterDrivers(system, kelvoNumDrivers, kelvoDrivers, nullptr, nullptr, kelvoDriverCallback,
                                const_cast<KelvoJobCallbacks*>(&kelvoJobCallbacks));
   papplSystemSetMIMECallback(system, kelvoDetectFormat, nullptr);
+  kelvoStatusStart(system);
   papplSystemSetFooterHTML(system, "Kelvo ZPL printer application " "3.13.13");
+  kelvoWebLabelsStart(system);
   papplSystemSetSaveCallback(system, reinterpret_cast<pappl_save_cb_t>(papplSystemSaveState),
                              const_cast<char*>(strdup(state.c_str())));
   papplSystemLoadState(system, state.c_str());

@@ -431,19 +431,24 @@ bool sendInfo(pappl_client_t* client, const Fields& query) {
                      ",\"dpi\":" + std::to_string(dpi) + ",\"media\":[";
   for (int i = 0; i < offer.data.num_media; ++i) {
     cups_page_header2_t header;
-    if (!pageHeader(offer.data.media[i], dpi, header)) continue;
     const std::string name = offer.data.media[i];
+    // The custom size range is no size to choose.
+    if (name.compare(0, 7, "custom_") == 0 || !pageHeader(offer.data.media[i], dpi, header)) continue;
+    const char* text = kelvoMediaText(*offer.model, name.c_str());
     json += std::string(json.back() == '[' ? "" : ",") + "{\"name\":" + jsonString(name) +
-            ",\"label\":" + jsonString(localized(client, "media." + name, sizeLabel(name))) +
+            ",\"label\":" + jsonString(localized(client, "media." + name, text != nullptr ? text : sizeLabel(name))) +
             ",\"width\":" + std::to_string(header.cupsWidth) + ",\"height\":" + std::to_string(header.cupsHeight) + "}";
   }
   json += "],\"mediaDefault\":" + jsonString(offer.data.media_default.size_name) + ",\"halftones\":[";
   ipp_attribute_t* halftones = ippFindAttribute(offer.attrs, "kelvo-halftone-supported", IPP_TAG_KEYWORD);
   for (int i = 0; i < ippGetCount(halftones); ++i) {
     const std::string keyword = ippGetString(halftones, i, nullptr);
+    // Old keywords are the same methods under their former names.
+    const char* text = kelvoChoiceWords("kelvo-halftone", keyword.c_str());
+    if (text == nullptr) continue;
     // "engine": the method the keyword runs, by its name, as halftonepreview takes it.
-    json += std::string(i ? "," : "") + "{\"keyword\":" + jsonString(keyword) +
-            ",\"label\":" + jsonString(localized(client, "kelvo-halftone." + keyword, words(keyword))) +
+    json += std::string(json.back() == '[' ? "" : ",") + "{\"keyword\":" + jsonString(keyword) +
+            ",\"label\":" + jsonString(localized(client, "kelvo-halftone." + keyword, text)) +
             ",\"engine\":" + jsonString(kelvoHalftoneName(kelvoHalftoneFromKeyword(keyword.c_str()))) + "}";
   }
   char value[256] = "";

@@ -39,22 +39,7 @@ make_raster=$PWD/$build/bench/kelvo-bench-raster
 label=$PWD/samples/label.png
 halftone=${KELVO_BENCH_HALFTONE:+-o kelvo-halftone=$KELVO_BENCH_HALFTONE}
 
-work=$(mktemp -d /tmp/kelvo-app-bench.XXXXXX)
-pids=()
-finish() {
-  local pid
-  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
-  for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
-  if [ -n "${KELVO_BENCH_KEEP:-}" ]; then echo "kept $work" >&2; else rm -rf "$work"; fi
-}
-trap finish EXIT
-
-free_port() { python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
-wait_for() {
-  local i
-  for i in $(seq 100); do "$@" && return 0; sleep 0.1; done
-  return 1
-}
+. bench/servers.sh kelvo-app-bench
 # The server itself, the child of its timeout.
 server_pid() { pgrep -P "$1" | head -1; }
 cpu_ticks() { awk '{print $14 + $15}' "/proc/$1/stat"; }

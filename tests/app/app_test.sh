@@ -3,8 +3,10 @@
 # port, printers whose device is a folder (PAPPL's file device), jobs sent
 # with the app's own "submit" and with ipptool.
 #   app_test.sh <build-dir> jobs      byte equivalence with the filter,
-#                                     copies, two printers at once, bad input
-#   app_test.sh <build-dir> ipptool   ipp-everywhere.test and ipp-2.0.test
+#                                     copies, two printers at once, bad input,
+#                                     sizes and media tracking from media-col
+#   app_test.sh <build-dir> ipptool   ipp-everywhere.test and ipp-2.0.test, the
+#                                     PPDs' sizes offered
 #   app_test.sh <build-dir> cups      a private cupsd with a driverless queue
 #                                     for the app's printer, printing with lp to
 #                                     a fake ZPL printer
@@ -13,6 +15,9 @@
 #   app_test.sh <build-dir> burst2    the same, each client to its own printer
 #   app_test.sh <build-dir> web       a default changed in the web interface with
 #                                     headless Chromium; the next job uses it
+#   app_test.sh <build-dir> status    the printer's state from fake printers:
+#                                     reasons and supplies follow, jobs wait for
+#                                     labels, a silent printer delays nothing
 #   app_test.sh <build-dir> studio    the stencil studio in headless Chromium at a
 #                                     tablet's and a phone's screen: the preview is
 #                                     halftonepreview's, the print is the preview
@@ -56,7 +61,7 @@ cleanup() {
 trap cleanup EXIT
 
 # The cups mode reads the copies each job was given from the debug log.
-[ "$MODE" = cups ] && LOG_LEVEL=debug
+[ "$MODE" = cups ] || [ "$MODE" = status ] && LOG_LEVEL=debug
 running && { fail "a kelvo-printer-app server already holds this test's local socket"; exit 1; }
 PORT=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
 timeout 280 "$APP" server -o listen-hostname=127.0.0.1 -o server-port="$PORT" -o spool-directory="$W/spool" \
@@ -77,20 +82,23 @@ if [ "$MODE" = jobs ] || [ "$MODE" = ipptool ]; then
   add_printer tattoo kelvo_tattoo
 fi
 
-cat >"$W/wait.test" <<'EOF'
-{
-  NAME "Wait for the job to end"
-  OPERATION Get-Job-Attributes
-  GROUP operation-attributes-tag
-  ATTR charset attributes-charset utf-8
-  ATTR naturalLanguage attributes-natural-language en
-  ATTR uri printer-uri $uri
-  ATTR integer job-id $job_id
-  STATUS successful-ok
-  DISPLAY job-state
-  DISPLAY job-state-message
+# ipp_test <name> <operation> [line...]: writes $W/<name>.test, one request
+# of `operation` to the printer's URI with the operation attributes every
+# request carries, then the lines given (attributes, STATUS, EXPECT, ...).
+ipp_test() {
+  local name=$1 operation=$2 line
+  shift 2
+  {
+    printf '{\n  NAME "%s"\n  OPERATION %s\n  GROUP operation-attributes-tag\n' "$name" "$operation"
+    printf '  ATTR %s\n' 'charset attributes-charset utf-8' 'naturalLanguage attributes-natural-language en' \
+      'uri printer-uri $uri'
+    for line in "$@"; do printf '  %s\n' "$line"; done
+    printf '}\n'
+  } >"$W/$name.test"
 }
-EOF
+
+ipp_test wait Get-Job-Attributes 'ATTR integer job-id $job_id' 'STATUS successful-ok' 'DISPLAY job-state' \
+  'DISPLAY job-state-message'
 
 # printer file [submit options...] -> prints "<job-state> <message>" when the job has ended
 run_job() {
@@ -126,6 +134,9 @@ jobs_mode() {
 
   # Equivalence: the same 8-bit page through the app (PWG raster) and through
   # the filter (CUPS raster) with the matching PPD choices gives the same bytes.
+  # The halftone keywords name the kernel that the PPD word runs
+  # (jarvis-judice-ninke-diffusion is the PPD's Stucki); the old keywords
+  # (jarvis-judice-ninke) are still taken.
   # name printer media dpi ppd copies | app options | filter options
   local n=0 name printer media dpi ppd copies app_opts filter_opts
   while IFS='|' read -r name printer media dpi ppd copies app_opts filter_opts; do
@@ -145,8 +156,8 @@ jobs_mode() {
     fi
   done <<'EOF'
 plain203|label203|oe_4x6-label_4x6in|203|f203.ppd|1||Darkness=15
-stucki203|label203|oe_4x6-label_4x6in|203|f203.ppd|1|-o kelvo-halftone=stucki -o kelvo-brightness=20 -o print-darkness=20 -o print-speed=10160|HalftoneType=Stucki Brightness=20 Darkness=21 PrintSpeed=4
-copies203|label203|om_2x1-label_50.55x25.4mm|203|f203.ppd|3|-o kelvo-halftone=ordered -o kelvo-post-action=none|HalftoneType=Ordered Darkness=15 PostAction=None
+stucki203|label203|oe_4x6-label_4x6in|203|f203.ppd|1|-o kelvo-halftone=jarvis-judice-ninke-diffusion -o kelvo-brightness=20 -o print-darkness=20 -o print-speed=10160|HalftoneType=Stucki Brightness=20 Darkness=21 PrintSpeed=4
+copies203|label203|om_2x1-label_50.55x25.4mm|203|f203.ppd|3|-o kelvo-halftone=burkes-diffusion -o kelvo-post-action=none|HalftoneType=Ordered Darkness=15 PostAction=None
 mirror300|label300|oe_4x3-label_4x3in|300|f300.ppd|1|-o kelvo-mirror=true -o kelvo-negative=true -o kelvo-rotate-180=true -o kelvo-halftone=jarvis-judice-ninke -o print-darkness=-50 -o kelvo-post-action=partial-cut|MirrorImage=True NegativeImage=True Origin=Rotation180 PostAction=PartialCut HalftoneType=JarvisJudiceNinke Darkness=0
 tattoo|tattoo|iso_a4_210x297mm|300|ftat.ppd|1||Darkness=15
 tattoox8|tattoo|iso_a4_210x297mm|300|ftat.ppd|2|-o kelvo-halftone=tattoo-x8 -o kelvo-brightness=-30 -o kelvo-anti-wrinkle=2|HalftoneType=Tattoo_X8 Brightness=-30 Darkness=15 AntiWrinkle=2
@@ -196,12 +207,39 @@ EOF
   [ "${result%% *}" != completed ] || fail "a 6 inch wide page was printed"
   echo "6 inch wide page: $result"
   [ "$n" -eq 6 ] || fail "only $n equivalence cases ran"
+  # Label sizes and media tracking as a client's media-col gives them: the
+  # page width (^PW), length (^LL) and tracking (^MN) the printer gets, a
+  # custom size within the head among them.
+  ipp_test media-col Print-Job 'ATTR name requesting-user-name test' 'ATTR name job-name $name' \
+    'ATTR mimeMediaType document-format image/png' 'GROUP job-attributes-tag' 'ATTR collection media-col {' \
+    '  MEMBER collection media-size {' '    MEMBER integer x-dimension $x' '    MEMBER integer y-dimension $y' '  }' \
+    '  MEMBER keyword media-tracking $tracking' '}' 'FILE $filename' 'STATUS successful-ok'
+  local x y tracking want got m=0
+  while IFS='|' read -r printer x y tracking want; do
+    [ -z "$printer" ] && continue
+    m=$((m + 1))
+    cp "$SRC/samples/label.png" "$W/media$m.png"
+    ipptool -d name="media$m.png" -d x="$x" -d y="$y" -d tracking="$tracking" -f "$W/media$m.png" \
+      "ipp://127.0.0.1:$PORT/ipp/print/$printer" "$W/media-col.test" >/dev/null || fail "media-col $x x $y"
+    e2e_poll 30 test -s "$W/out/$printer/media$m.png.prn" || { fail "media-col $x x $y: nothing printed"; continue; }
+    sleep 0.5
+    got=$(grep -ao '\^PW[0-9]*\|\^LL[0-9]*\|\^MN.' "$W/out/$printer/media$m.png.prn" | paste -sd' ')
+    [ "$got" = "$want" ] || fail "$printer $x x $y $tracking: $got, expected $want"
+    echo "$printer media-col $x x $y, $tracking: $got"
+  done <<'EOF'
+label203|5588|2794|mark|^PW446 ^LL223 ^MNM
+label203|4004|3003|gap|^PW320 ^LL240 ^MNY
+label300|10160|15240|continuous|^PW1200 ^LL1800 ^MNN
+EOF
+  [ "$m" -eq 3 ] || fail "only $m media-col cases ran"
 }
 
 ipptool_mode() {
   local printer ppd file out speeds
   # "all" stands for the attributes libcups knows, which print-speed is not.
-  printf '{\nOPERATION Get-Printer-Attributes\nGROUP operation-attributes-tag\nATTR charset attributes-charset utf-8\nATTR naturalLanguage attributes-natural-language en\nATTR uri printer-uri $uri\nATTR keyword requested-attributes print-speed-supported\nSTATUS successful-ok\n}\n' >"$W/speed.test"
+  ipp_test speed Get-Printer-Attributes 'ATTR keyword requested-attributes print-speed-supported' \
+    'STATUS successful-ok'
+  ipp_test media Get-Printer-Attributes 'ATTR keyword requested-attributes media-size-supported' 'STATUS successful-ok'
   for printer in label203:kelvo203 label300:kelvo300 tattoo:kelvotat; do
     ppd=${printer#*:}
     printer=${printer%:*}
@@ -213,23 +251,198 @@ ipptool_mode() {
       sed -n 's/.*print-speed-supported (rangeOfInteger) = //p')
     [ -n "$speeds" ] && [ "$out" = "$speeds" ] || fail "$printer: print-speed-supported '$out', its PPD's speeds '$speeds'"
     echo "$printer print-speed-supported: $out"
+    # Every size of the printer's PPD, in the same dots: the width a whole
+    # multiple of 4 dots at most the PPD's, the length within a row.
+    if [ "$printer" != tattoo ]; then
+      local dpi=${printer#label} sizes matched
+      sizes=$(ipptool -tv "ipp://127.0.0.1:$PORT/ipp/print/$printer" "$W/media.test" 2>&1 |
+        sed -n 's/.*media-size-supported ([^)]*) = //p' | grep -o '{x-dimension=[0-9-]* y-dimension=[0-9-]*}')
+      matched=$(sed -n 's/^\*PaperDimension \([^/]*\)\/[^:]*: "\([0-9.]*\) \([0-9.]*\)"/\1 \2 \3/p' "$PPDS/$ppd.ppd" |
+        awk -v dpi="$dpi" -v sizes="$sizes" '
+          BEGIN { n = split(sizes, s, "\n")
+                  for (i = 1; i <= n; i++) { split(s[i], f, /[=} ]/); if (f[2] !~ /-/) { w[i] = int(f[2] * dpi / 2540); l[i] = int(f[4] * dpi / 2540) } } }
+          { pw = int(int($2 * dpi / 72 + 0.5) / 4) * 4; pl = int($3 * dpi / 72 + 0.5); found = 0
+            for (i in w) if (w[i] == pw && l[i] - pl <= 1 && pl - l[i] <= 1 && !(i in used)) { used[i] = 1; found = 1; break }
+            if (found) m++; else print "missing " $1 > "/dev/stderr" }
+          END { print m + 0 }')
+      echo "$printer: $matched of its PPD's sizes offered; custom sizes $(grep 'x-dimension=[0-9]*-' <<<"$sizes")"
+      [ "$matched" -ge 40 ] && [ "$matched" = "$(grep -c '^\*PaperDimension ' "$PPDS/$ppd.ppd")" ] &&
+        [ "$(grep -c 'x-dimension=[0-9]*-' <<<"$sizes")" = 1 ] ||
+        fail "$printer: $matched PPD sizes offered of $(grep -c '^\*PaperDimension ' "$PPDS/$ppd.ppd"), custom '$sizes'"
+    fi
+    # -I goes on after a failure; -f gives the print tests a document.
+    # printer-up-time counts whole seconds and must be above 0.
+    sleep 1
     for file in ipp-everywhere.test ipp-2.0.test; do
-      out=$(cd /usr/share/cups/ipptool && timeout 120 ipptool -t "ipp://127.0.0.1:$PORT/ipp/print/$printer" "$file" 2>&1)
-      local status=$?
+      out=$(cd /usr/share/cups/ipptool &&
+        timeout 120 ipptool -t -I -f "$SRC/samples/label.png" "ipp://127.0.0.1:$PORT/ipp/print/$printer" "$file" 2>&1)
       echo "$printer $file: $(grep -c '\[PASS\]' <<<"$out") passed, $(grep -c '\[SKIP\]' <<<"$out") skipped, $(grep -c '\[FAIL\]' <<<"$out") failed"
-      grep '\[SKIP\]' <<<"$out" | sed 's/^/    skipped: /' | sort -u
-      # Known gaps: PAPPL 1.3 has no "overrides", the printers have nothing
-      # to identify themselves with, no supply levels to report (raw port and
-      # file devices tell none), and one-sided printers get no sheet-back.
+      grep '\[SKIP\]' <<<"$out" | sed 's/ *\[SKIP\]//; s/^ */    skipped: /' | sort -u
+      # Tests whose sample documents Debian does not ship do not run.
+      sed -n 's/^ipptool: Filename "\([^"]*\)".* of "\(.*\)" cannot be read\./    not run (no \1): the rest of \2/p' <<<"$out"
+      # Known gaps: PAPPL 1.3 has no "overrides", and a host can make a ZPL
+      # printer neither show a message nor flash or sound, so its
+      # identify-actions say "none".
       local unexpected
       unexpected=$(awk '/\[FAIL\]/ {t = $0} /EXPECTED:/ && t != "" {print t " :: " $0}' <<<"$out" |
-        grep -v -E 'PWG 5100.14 section 5.1/5.2 .*EXPECTED: (overrides-supported|identify-actions-(supported|default)|printer-supply|printer-supply-description|pwg-raster-document-sheet-back)( |$)')
-      if [ "$status" -ne 0 ] && { [ -n "$unexpected" ] || ! grep -q 'EXPECTED' <<<"$out"; }; then
+        grep -v -E 'PWG 5100.14 section 5.1/5.2 .*EXPECTED: (overrides-supported$|identify-actions-(supported|default) WITH-VALUE)')
+      awk '/\[FAIL\]/ {t = $0} /EXPECTED:/ && t != "" {print "    failed: " $0}' <<<"$out" | sed 's/ *EXPECTED: / /' | sort -u
+      if [ -n "$unexpected" ] || { grep -q '\[FAIL\]' <<<"$out" && ! grep -q 'EXPECTED' <<<"$out"; }; then
         fail "$printer $file: ${unexpected:-no details}"
         grep -A8 '\[FAIL\]' <<<"$out" >&2
       fi
     done
   done
+}
+
+# What the application reports of a printer: "<printer-state-reasons, sorted>
+# <printer-supply levels, comma separated>".
+ipp_test state Get-Printer-Attributes \
+  'ATTR keyword requested-attributes printer-state-reasons,printer-supply,printer-supply-description' \
+  'STATUS successful-ok' 'EXPECT printer-supply SAME-COUNT-AS printer-supply-description' \
+  'DISPLAY printer-state-reasons' 'DISPLAY printer-supply'
+printer_state() {
+  local out
+  out=$(timeout 10 ipptool -tv "ipp://127.0.0.1:$PORT/ipp/print/$1" "$W/state.test" 2>&1)
+  echo "$(sed -n 's/.*printer-state-reasons ([^)]*) = //p' <<<"$out" | tr ',' '\n' | sort | paste -sd,)" \
+    "$(grep -o 'level=-\?[0-9]*' <<<"$out" | cut -d= -f2 | paste -sd,)"
+}
+
+# printer fake-state "reasons levels" [words [seconds]]: puts the fake
+# printer in a state and waits until the application reports it and, given
+# `words`, its log names the state in them; prints the wait.
+expect_state() {
+  local printer=$1 state=$2 want=$3 words=${4:-} bound=${5:-10} got="" said="" start
+  echo "$state" >"$W/e2e/out/$printer.state"
+  start=$(date +%s.%N)
+  while :; do
+    got=$(printer_state "$printer")
+    [ -n "$words" ] && said=$(grep "\[Printer $printer\] Printer status: " "$W/log" | tail -1 | sed 's/.*Printer status: //')
+    [ "$got" = "$want" ] && [ "$said" = "$words" ] && break
+    if awk "BEGIN {exit !($(date +%s.%N) - $start > $bound)}"; then
+      fail "$printer in state $state: the application says '$got' ('$said') after $bound s, expected '$want' ('$words')"
+      return 1
+    fi
+    sleep 0.3
+  done
+  printf '%s %s: %s after %.1f s\n' "$printer" "$state" "$got${words:+ ($words)}" "$(awk "BEGIN {print $(date +%s.%N) - $start}")"
+}
+
+# printer file: prints the seconds from submitting the job to the fake
+# printer's last byte of it.
+timed_job() {
+  local printer=$1 file=$2 before start
+  before=$(find "$W/e2e/out/$printer" -name 'job-*.zpl' | wc -l)
+  start=$(date +%s.%N)
+  "$APP" submit -d "$printer" "$file" >/dev/null || { echo 999; return; }
+  e2e_poll 60 test -e "$W/e2e/out/$printer/job-$((before + 1)).zpl" || { echo 999; return; }
+  awk "BEGIN {print $(stat -c %.9Y "$W/e2e/out/$printer/job-$((before + 1)).zpl") - $start}"
+}
+
+# The printer's state as a fake printer reports it, read with ipptool: each
+# condition appears and clears within a bound; answers that are no answers
+# change nothing but the supplies' levels; a job waits while the labels are
+# out; a printer that never answers delays no job.
+status_mode() {
+  E2E_LIFETIME=240
+  local fake=$BUILD/tests/e2e/fakezplprinter
+  [ -x "$fake" ] || { fail "build fakezplprinter first"; return; }
+  e2e_init_scheduler "$W/e2e" "$fake"
+  e2e_start_printer label
+  add_printer label kelvo_203 "socket://127.0.0.1:${E2E_PORT[label]}"
+  # Thermal-transfer media: the ribbon is a supply as well.
+  ipp_test ribbon Set-Printer-Attributes 'GROUP printer-attributes-tag' 'ATTR collection media-col-ready {' \
+    '  MEMBER collection media-size {' '    MEMBER integer x-dimension 10160' '    MEMBER integer y-dimension 15240' \
+    '  }' '  MEMBER keyword media-source main-roll' '  MEMBER keyword media-type thermal-transfer' \
+    '  MEMBER keyword media-tracking gap' '}' 'STATUS successful-ok'
+  ipptool -t "ipp://127.0.0.1:$PORT/ipp/print/label" "$W/ribbon.test" >/dev/null || fail "media-col-ready"
+
+  # Levels: 0 empty, 10 low, -3 some left, -2 unknown (labels, ribbon).
+  local state reasons levels words n=0
+  while IFS='|' read -r state reasons levels words; do
+    [ -z "$state" ] && continue
+    n=$((n + 1))
+    expect_state label "$state" "$reasons $levels" "$words"
+  done <<'EOF'
+ready|none|-3,-3|ready
+media-out|media-empty|0,-3|Out of labels
+ready|none|-3,-3|ready
+media-low|media-low|10,-3|Labels nearly out
+ribbon-out|marker-supply-empty|-3,0|Out of ribbon
+head-open|cover-open|-3,-3|Print head open
+media-out-and-head-open|cover-open,media-empty|0,-3|Out of labels; Print head open
+jam|media-jam|-3,-3|Paper jam
+cutter|other|-3,-3|Cutter fault
+head-hot|other|-3,-3|Print head too hot
+paused|offline|-3,-3|Paused at the printer
+ready|none|-3,-3|ready
+EOF
+  [ "$n" -eq 12 ] || fail "only $n states ran"
+
+  # An answer that is no answer, once: the reasons stay, the levels are
+  # unknown, the log says what came.
+  local said
+  for state in garbage:"no status answer" partial:"part of an answer" silent:"no answer" late:"no answer"; do
+    expect_state label "${state%%:*}" "none -2,-2" || continue
+    said=$(grep "\[Printer label\] Status query:" "$W/log" | tail -1)
+    [ "${said#*Status query: }" = "${state#*:}" ] || fail "${state%%:*}: the log says '$said'"
+    expect_state label ready "none -3,-3" ready
+  done
+
+  # A job while the labels are out waits, with media-needed, and prints
+  # once they are back.
+  expect_state label media-out "media-empty 0,-3" "Out of labels"
+  cp "$SRC/samples/label.png" "$W/wait.png"
+  local before
+  before=$(find "$W/e2e/out/label" -name 'job-*.zpl' | wc -l)
+  "$APP" submit -d label "$W/wait.png" >/dev/null || fail "submit while out of labels"
+  e2e_poll 20 eval '[ "$(printer_state label)" = "media-empty,media-needed 0,-3" ]' ||
+    fail "no media-needed while a job waits: $(printer_state label)"
+  sleep 1
+  [ ! -e "$W/e2e/out/label/job-$((before + 1)).zpl" ] || fail "the job printed while the labels were out"
+  expect_state label ready "none -3,-3" ready 15
+  e2e_poll 20 test -e "$W/e2e/out/label/job-$((before + 1)).zpl" || fail "the waiting job did not print"
+  echo "a job waited with media-needed while the labels were out and printed when they were back"
+
+  # Two questions unanswered by a printer that answered before: "other";
+  # then it is asked only every few minutes.
+  expect_state label silent "other -2,-2" "The printer stopped answering; its labels, ribbon or print head may need attention" 15
+  local asked
+  asked=$(grep -c "\[Printer label\] Status query:" "$W/log")
+  for _ in $(seq 15); do printer_state label >/dev/null; sleep 0.4; done
+  [ "$(grep -c "\[Printer label\] Status query:" "$W/log")" -eq "$asked" ] ||
+    fail "a printer that left two questions unanswered was asked again within seconds"
+
+  # A printer that never answers delays no job by more than a question's
+  # wait, beside one that answers. Jobs start while the application still
+  # asks it (its first two questions).
+  e2e_start_printer mute
+  echo silent >"$W/e2e/out/mute.state"
+  e2e_start_printer ready
+  add_printer mute kelvo_203 "socket://127.0.0.1:${E2E_PORT[mute]}"
+  add_printer ready kelvo_203 "socket://127.0.0.1:${E2E_PORT[ready]}"
+  local i mute=() answering=()
+  for i in 1 2 3 4; do
+    cp "$SRC/samples/label.png" "$W/t$i.png"
+    mute+=("$(timed_job mute "$W/t$i.png")")
+    answering+=("$(timed_job ready "$W/t$i.png")")
+    printer_state mute >/dev/null
+    printer_state ready >/dev/null
+  done
+  local mm am
+  mm=$(printf '%s\n' "${mute[@]}" | sort -n | sed -n 2p)
+  am=$(printf '%s\n' "${answering[@]}" | sort -n | sed -n 2p)
+  echo "seconds a job (never-answering printer): ${mute[*]}; (answering printer): ${answering[*]}"
+  awk "BEGIN {exit !($mm - $am < 0.3 + 0.5)}" ||
+    fail "jobs to a printer that never answers take $mm s, to one that answers $am s"
+  grep -q "\[Printer mute\] Status query: no answer" "$W/log" || fail "the never-answering printer was not asked"
+
+  # An older printer that answers ~HS only.
+  e2e_start_printer old
+  echo hs-only-media-out >"$W/e2e/out/old.state"
+  add_printer old kelvo_203 "socket://127.0.0.1:${E2E_PORT[old]}"
+  expect_state old hs-only-media-out "media-empty 0" "Out of labels" 15
+  expect_state old hs-only-ready "none -3" ready
 }
 
 # Decodes a job: "<graphics> <dots of each, comma separated> <^PQ counts>".
@@ -316,6 +529,23 @@ cups_mode() {
   read -r n stucki _ <<<"$GOT"
   [ "$n" = 1 ] && [ "$stucki" != "$dots" ] || fail "stucki printed '$GOT', the default '$png'"
   echo "halftone default none: $dots dots; stucki: $stucki dots"
+
+  # Out of labels: the queue says so while its job waits in the
+  # application (CUPS's ipp backend reads printer-state-reasons during a
+  # job), and prints it once the labels are back.
+  echo media-out >"$W/cups/out/label.state"
+  e2e_poll 20 eval '[ "$(printer_state label203)" = "media-empty 0" ]' ||
+    { fail "the application did not see the labels out: $(printer_state label203)"; return; }
+  local id alerts
+  id=$(e2e_print q "$SRC/samples/label.png")
+  e2e_poll 40 eval 'lpstat -l -p q | grep -q "media-empty"' || fail "lpstat -l -p q never said media-empty"
+  alerts=$(lpstat -l -p q | grep -i "alerts\|media" | tr -s ' \t' ' ' | paste -sd'|')
+  echo "lpstat -l -p while the labels are out: $alerts"
+  echo ready >"$W/cups/out/label.state"
+  e2e_wait_job "$id" 60
+  e2e_take_output label
+  # The queue's default halftone is Stucki by now.
+  [ "$(decode "$E2E_OUTPUT")" = "1 $stucki ^PQ1" ] || fail "the job that waited for labels printed $(decode "$E2E_OUTPUT")"
 }
 
 # Resident memory of the server process (the child of timeout), in kB.
@@ -331,21 +561,8 @@ burst_mode() {
   [ "$1" = two ] && pb=burstb
   add_printer burst kelvo_203
   [ "$pb" = burst ] || add_printer "$pb" kelvo_203
-  cat >"$W/print.test" <<'EOF'
-{
-  NAME "Print a label"
-  OPERATION Print-Job
-  GROUP operation-attributes-tag
-  ATTR charset attributes-charset utf-8
-  ATTR naturalLanguage attributes-natural-language en
-  ATTR uri printer-uri $uri
-  ATTR name requesting-user-name burst
-  ATTR name job-name $name
-  ATTR mimeMediaType document-format image/png
-  FILE $filename
-  STATUS successful-ok
-}
-EOF
+  ipp_test print Print-Job 'ATTR name requesting-user-name burst' 'ATTR name job-name $name' \
+    'ATTR mimeMediaType document-format image/png' 'FILE $filename' 'STATUS successful-ok'
   # The first jobs warm the server up: its memory after them is the base.
   local i result
   for i in 1 2 3 4 5; do
@@ -393,38 +610,48 @@ EOF
   [ "$after" -lt $((2 * before)) ] || fail "the server's memory grew from $before kB to $after kB"
 }
 
-# The stencil printer's default halftone changed in the web interface with
-# a real browser; the next job prints with it.
+# The Kelvo choices in words on the printing defaults pages (a label printer
+# whose default halftone was saved under its old keyword, and the stencil
+# printer), and the stencil printer's default halftone changed with a real
+# browser; the next job prints with it.
 web_mode() {
   if ! /usr/bin/python3 -c 'import selenium' 2>/dev/null || [ ! -x /usr/bin/chromium ] || [ ! -x /usr/bin/chromedriver ]; then
     echo "SKIP: needs the Debian packages chromium, chromium-driver and python3-selenium"
     exit 77
   fi
   local stencil=$SRC/samples/stencil.png result
+  add_printer label kelvo_300
   add_printer tattoo kelvo_tattoo
   add_printer tattooref kelvo_tattoo
+  # The screenshots stay in the build tree for a person to look at.
+  local shots=$BUILD/tests/app
+  rm -f "$shots"/web-defaults*.png
+  "$APP" modify -d label -o kelvo-halftone-default=stucki || fail "modify kelvo-halftone-default"
+  timeout 90 /usr/bin/python3 "$SRC/tests/app/web_defaults.py" "http://127.0.0.1:$PORT" label - \
+    "$shots/web-defaults-label.png" jarvis-judice-ninke-diffusion || fail "the label printer's page is not in words"
   cp "$stencil" "$W/before.png"
   result=$(run_job tattoo "$W/before.png")
   [ "${result%% *}" = completed ] || fail "job before: $result"
-  # The screenshot stays in the build tree for a person to look at.
-  local shot=$BUILD/tests/app/web-defaults.png
-  rm -f "$shot"
-  timeout 90 /usr/bin/python3 "$SRC/tests/app/web_defaults.py" "http://127.0.0.1:$PORT" tattoo stucki "$shot" ||
-    fail "the browser did not save the default"
-  [ -s "$shot" ] && echo "screenshot: $shot" || fail "no screenshot"
+  timeout 90 /usr/bin/python3 "$SRC/tests/app/web_defaults.py" "http://127.0.0.1:$PORT" tattoo \
+    jarvis-judice-ninke-diffusion "$shots/web-defaults.png" tattoo || fail "the browser did not save the default"
+  local shot
+  for shot in web-defaults-label.png web-defaults.png; do
+    [ -s "$shots/$shot" ] && echo "screenshot: $shots/$shot" || fail "no screenshot $shot"
+  done
   cp "$stencil" "$W/after.png"
   result=$(run_job tattoo "$W/after.png")
   [ "${result%% *}" = completed ] || fail "job after: $result"
-  # The same picture with the choice sent along: the same bytes.
+  # The same picture with the choice sent along under its old keyword: the
+  # same bytes.
   cp "$stencil" "$W/ref.png"
   result=$(run_job tattooref "$W/ref.png" -o kelvo-halftone=stucki)
   cmp -s "$W/out/tattoo/after.png.prn" "$W/out/tattooref/ref.png.prn" ||
-    fail "the job after the change is not printed with stucki"
+    fail "the job after the change is not printed with Jarvis, Judice and Ninke"
   local before after
   before=$(decode "$W/out/tattoo/before.png.prn")
   after=$(decode "$W/out/tattoo/after.png.prn")
   [ "${before#* }" != "${after#* }" ] || fail "the same dots before and after the change: $before"
-  echo "stencil printer, default halftone tattoo: $before; after the browser chose stucki: $after"
+  echo "stencil printer, default halftone tattoo: $before; after the browser chose Jarvis, Judice and Ninke: $after"
 }
 
 # The stencil studio in a real browser (tests/app/studio.py); its
@@ -460,6 +687,7 @@ case $MODE in
   studio) studio_mode ;;
   cups) cups_mode ;;
   ipptool) ipptool_mode ;;
+  status) status_mode ;;
   *) fail "unknown mode $MODE" ;;
 esac
 [ "$FAILED" -eq 0 ] && echo "app $MODE: all passed"

@@ -1,10 +1,11 @@
 #!/usr/bin/python3
-"""Sets a printer's default halftone in the app's web interface with a real
+"""Opens a printer's printing defaults in the app's web interface with a real
 browser (headless Chromium driven by Selenium), the way a person does: from
-the home page to the printer's printing defaults, choose, save. Keeps a
-screenshot of the saved page.
+the home page to the printer's printing defaults. Checks that every Kelvo
+choice shows a label and values in words, not its IPP names; then, given a
+halftone, chooses it and saves. Keeps a screenshot of the page.
 
-    web_defaults.py <base-url> <printer> <halftone> <screenshot.png>
+    web_defaults.py <base-url> <printer> <halftone or -> <screenshot.png> [halftone shown first]
 """
 import sys
 
@@ -15,40 +16,79 @@ from selenium.webdriver.support import expected_conditions as ready
 from selenium.webdriver.support.ui import Select, WebDriverWait
 
 
-def main(base, printer, halftone, screenshot):
+def words_problems(browser):
+    """The Kelvo choices that still show an IPP name, and what each says."""
+    problems, said = [], []
+    for field in browser.find_elements(By.CSS_SELECTOR, '[name^="kelvo-"]'):
+        name = field.get_attribute("name")
+        heading = field.find_element(By.XPATH, "./ancestor::tr[1]/th").text.strip()
+        value = ""
+        if field.tag_name == "select":
+            # PAPPL's own words would be the keyword, or its parts
+            # capitalised ("Burkes-Diffusion", "Burkes Diffusion").
+            for option in Select(field).options:
+                value = option.get_attribute("value")
+                pappl = " ".join(part.capitalize() for part in value.split("-"))
+                if option.text.strip() in (value, pappl, pappl.replace(" ", "-")) and "-" in value:
+                    problems.append("%s: option %s not in words" % (name, value))
+            value = Select(field).first_selected_option.text
+        elif field.get_attribute("type") == "checkbox":
+            value = "on" if field.is_selected() else "off"
+        else:
+            value = field.get_attribute("value")
+        if "kelvo" in heading or not heading:
+            problems.append("%s: heading %r" % (name, heading))
+        said.append("%s %s" % (heading, value))
+    if not said:
+        problems.append("no Kelvo choice on the page")
+    return problems, said
+
+
+def main(base, printer, halftone, screenshot, shown=None):
     options = webdriver.ChromeOptions()
     options.binary_location = "/usr/bin/chromium"
     for arg in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage", "--disable-gpu",
-                "--window-size=1000,1400", "--no-first-run", "--disable-extensions"):
+                "--window-size=1000,1600", "--no-first-run", "--disable-extensions"):
         options.add_argument(arg)
     browser = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
     browser.set_page_load_timeout(30)
-    wait = WebDriverWait(browser, 20)
+    wait = WebDriverWait(browser, 40)
     try:
         browser.get(base + "/")
         link = wait.until(ready.element_to_be_clickable(
             (By.CSS_SELECTOR, 'a[href$="/%s/printing"]' % printer)))
         link.click()
         wait.until(ready.url_contains("/%s/printing" % printer))
-        choice = Select(wait.until(ready.presence_of_element_located((By.NAME, "kelvo-halftone"))))
+        wait.until(ready.text_to_be_present_in_element((By.TAG_NAME, "body"), "Halftone:"))
+        problems, said = words_problems(browser)
+        print("web: %s says: %s" % (printer, "; ".join(said)))
+        choice = Select(browser.find_element(By.NAME, "kelvo-halftone"))
         before = choice.first_selected_option.get_attribute("value")
-        choice.select_by_value(halftone)
-        save = browser.find_element(By.CSS_SELECTOR, 'input[type="submit"]')
-        save.click()
-        # The page comes back with the saved values and a message.
-        wait.until(ready.staleness_of(save))
-        wait.until(ready.presence_of_element_located((By.NAME, "kelvo-halftone")))
-        message = " ".join(e.text for e in browser.find_elements(By.CSS_SELECTOR, ".banner"))
-        after = Select(browser.find_element(By.NAME, "kelvo-halftone")).first_selected_option.get_attribute("value")
+        if shown and before != shown:
+            problems.append("halftone shown %s, expected %s" % (before, shown))
+        if halftone != "-":
+            choice.select_by_value(halftone)
+            save = browser.find_element(By.CSS_SELECTOR, 'input[type="submit"]')
+            save.click()
+            # The page comes back with the saved values and a message.
+            wait.until(ready.staleness_of(save))
+            wait.until(ready.presence_of_element_located((By.NAME, "kelvo-halftone")))
+            message = " ".join(e.text for e in browser.find_elements(By.CSS_SELECTOR, ".banner"))
+            after = Select(browser.find_element(By.NAME, "kelvo-halftone")).first_selected_option
+            print("web: %s halftone %s -> %s (%s), page says: %s"
+                  % (printer, before, after.get_attribute("value"), after.text, message))
+            if after.get_attribute("value") != halftone:
+                problems.append("halftone saved as %s" % after.get_attribute("value"))
         browser.save_screenshot(screenshot)
-        print("web: %s halftone %s -> %s, page says: %s" % (printer, before, after, message))
-        return 0 if after == halftone else 1
+        for problem in problems:
+            print("web: " + problem, file=sys.stderr)
+        return 1 if problems else 0
     finally:
         browser.quit()
 
 
 if __name__ == "__main__":
-    if len(sys.argv) != 5:
+    if len(sys.argv) not in (5, 6):
         print(__doc__, file=sys.stderr)
         sys.exit(2)
     sys.exit(main(*sys.argv[1:]))

@@ -3,7 +3,11 @@
 // takes one connection at a time and saves every byte of it as
 // <dir>/job-<n>.zpl, n counting from 1. A file appears under its final name
 // only once the sender has closed its side, so a file that exists is complete.
-// A host status query (~HQES) is answered as a ready printer answers it.
+// Host status queries (~HQES, and ~HS as older printers know it) are
+// answered as the printer state named in the file given with -s says (one
+// of kStates; "ready" without the file), read again at every query, so a
+// test can change the printer's state while it runs. A connection that
+// carried nothing but queries is no job and is not saved.
 // The file's modification time is the arrival of its last byte, so that a sender
 // that keeps the connection open afterwards (waiting for a status answer
 // that never comes) can be timed up to that byte.
@@ -21,10 +25,12 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <string>
 
 namespace {
@@ -45,28 +51,127 @@ bool writeFileAtomically(const std::string& path, const std::string& text) {
   return std::fclose(f) == 0 && ok && std::rename(part.c_str(), path.c_str()) == 0;
 }
 
+// ~HQES's answer with the low groups of its ERRORS and WARNINGS lines.
+std::string hqes(const char* errors, const char* warnings) {
+  const char* errorFlag = std::strcmp(errors, "00000000") != 0 ? "1" : "0";
+  const char* warningFlag = std::strcmp(warnings, "00000000") != 0 ? "1" : "0";
+  return std::string("\x02\r\n  PRINTER STATUS\r\n    ERRORS:         ") + errorFlag + " 00000000 " + errors +
+         "\r\n    WARNINGS:       " + warningFlag + " 00000000 " + warnings + "\r\n\x03\r\n";
+}
+
+// ~HS's three strings of a printer in tear-off mode, direct thermal, with
+// the paper out flag as given ('0' or '1').
+std::string hs(char paperOut) {
+  return std::string("\x02" "030,") + paperOut + ",0,1218,000,0,0,0,000,0,0,0\x03\r\n" +
+         "\x02" "001,0,0,0,0,2,4,0,00000000,1,000\x03\r\n\x02" "1234,0\x03\r\n";
+}
+
+// A printer state: what it answers to ~HQES and to ~HS ("" for nothing),
+// and after how long.
+struct State {
+  const char* name;
+  std::string toHqes;
+  std::string toHs;
+  int delayMillis;
+};
+
+const State kStates[] = {
+    // A printer of today: ~HQES only.
+    {"ready", hqes("00000000", "00000000"), "", 0},
+    {"media-out", hqes("00000001", "00000000"), "", 0},
+    {"ribbon-out", hqes("00000002", "00000000"), "", 0},
+    {"head-open", hqes("00000004", "00000000"), "", 0},
+    {"cutter", hqes("00000008", "00000000"), "", 0},
+    {"head-hot", hqes("00000010", "00000000"), "", 0},
+    {"jam", hqes("00001000", "00000000"), "", 0},
+    {"paused", hqes("00010000", "00000000"), "", 0},
+    {"media-low", hqes("00000000", "00000008"), "", 0},
+    {"media-out-and-head-open", hqes("00000005", "00000000"), "", 0},
+    // Both, as printers that know ~HQES answer ~HS too (LPrint asks both,
+    // and sizes its labels by ~HS's label length).
+    {"answering", hqes("00000000", "00000000"), hs('0'), 0},
+    // An older printer: ~HS only.
+    {"hs-only-media-out", "", hs('1'), 0},
+    {"hs-only-ready", "", hs('0'), 0},
+    // Printers that answer wrongly, in part, not at all, or too late.
+    {"garbage", "?? unknown command\r\n", "?? unknown command\r\n", 0},
+    {"partial", "\x02\r\n  PRINTER STATUS\r\n    ERRORS:         1 00000000 0000", "", 0},
+    {"silent", "", "", 0},
+    {"late", hqes("00000001", "00000000"), hs('1'), 5000},
+};
+
+const State& stateNamed(const std::string& file) {
+  std::string name = "ready";
+  if (!file.empty()) {
+    std::ifstream in(file);
+    in >> name;
+  }
+  for (const State& state : kStates)
+    if (name == state.name) return state;
+  std::fprintf(stderr, "fakezplprinter: no printer state %s, answering as ready\n", name.c_str());
+  return kStates[0];
+}
+
+long long nowMillis() {
+  timespec t{};
+  clock_gettime(CLOCK_MONOTONIC, &t);
+  return t.tv_sec * 1000LL + t.tv_nsec / 1000000;
+}
+
+// True when `job` holds nothing but status queries and white space.
+bool onlyQueries(std::string job) {
+  for (const char* query : {"~HQES", "~HS"})
+    for (size_t at = job.find(query); at != std::string::npos; at = job.find(query)) job.erase(at, std::strlen(query));
+  return job.find_first_not_of(" \t\r\n") == std::string::npos;
+}
+
 // Reads the connection to its end into `job`, noting when the last byte
-// came. False when the peer stalls, the connection fails or a stop is
-// requested before the end.
-bool receiveJob(int fd, std::string& job, timespec& last) {
-  static const char kReady[] =
-      "\x02\r\n  PRINTER STATUS\r\n    ERRORS:         0 00000000 00000000\r\n"
-      "    WARNINGS:       0 00000000 00000000\r\n\x03\r\n";
-  size_t answered = 0;  // queries answered so far
+// came, and answers its status queries. False when the peer stalls, the
+// connection fails or a stop is requested before the end.
+bool receiveJob(int fd, std::string& job, timespec& last, const std::string& stateFile) {
+  size_t scan = 0;      // where the next query is looked for
+  std::string pending;  // an answer not yet due
+  long long due = 0;
   char buffer[65536];
   for (;;) {
+    const long long wait = pending.empty() ? kIdleMillis : std::max(0LL, due - nowMillis());
     pollfd p{fd, POLLIN, 0};
-    const int ready = poll(&p, 1, kIdleMillis);
-    if (gStop || (ready < 0 && errno != EINTR) || ready == 0) return false;
+    const int ready = poll(&p, 1, static_cast<int>(std::min<long long>(wait, kIdleMillis)));
+    if (gStop || (ready < 0 && errno != EINTR)) return false;
+    if (ready == 0) {
+      if (pending.empty()) return false;
+      // The peer may have gone meanwhile; that is no failure of the job.
+      if (write(fd, pending.data(), pending.size()) < 0 && errno != EPIPE) return false;
+      pending.clear();
+      continue;
+    }
     const ssize_t got = ready > 0 ? read(fd, buffer, sizeof buffer) : -1;
     if (got == 0) return true;
     if (got > 0) {
+      // A query may arrive split across reads: look from the last one on.
       job.append(buffer, static_cast<size_t>(got));
       clock_gettime(CLOCK_REALTIME, &last);
-      size_t queries = 0;
-      for (size_t at = job.find("~HQES"); at != std::string::npos; at = job.find("~HQES", at + 5)) ++queries;
-      for (; answered < queries; ++answered)
-        if (write(fd, kReady, sizeof kReady - 1) < 0) return false;
+      for (;;) {
+        const size_t hqesAt = job.find("~HQES", scan), hsAt = job.find("~HS", scan);
+        const size_t at = std::min(hqesAt, hsAt);
+        if (at == std::string::npos) {
+          scan = std::max(scan, job.size() < 4 ? 0 : job.size() - 4);
+          break;
+        }
+        const bool hqes = at == hqesAt;
+        scan = at + (hqes ? 5 : 3);
+        const State& state = stateNamed(stateFile);
+        const std::string& answer = hqes ? state.toHqes : state.toHs;
+        std::fprintf(stderr, "fakezplprinter: %s query after %zu bytes, %s\n", hqes ? "~HQES" : "~HS", at,
+                     answer.empty() ? "not answered" : state.delayMillis > 0 ? "answered late" : "answered");
+        if (answer.empty()) continue;
+        if (state.delayMillis > 0) {
+          pending = answer;
+          due = nowMillis() + state.delayMillis;
+        } else if (write(fd, answer.data(), answer.size()) < 0) {
+          return false;
+        }
+      }
     } else if (errno != EINTR) return false;
   }
 }
@@ -79,15 +184,16 @@ int fail(const char* what, const std::string& name) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string dir, portFile;
+  std::string dir, portFile, stateFile;
   long lifetime = 900;
   auto usage = [] {
-    std::fprintf(stderr, "Usage: fakezplprinter -d <dir> [-f port-file] [-t seconds, default 900]\n");
+    std::fprintf(stderr, "Usage: fakezplprinter -d <dir> [-f port-file] [-s state-file] [-t seconds, default 900]\n");
     return 2;
   };
-  for (int opt; (opt = getopt(argc, argv, "d:f:t:")) != -1;) {
+  for (int opt; (opt = getopt(argc, argv, "d:f:s:t:")) != -1;) {
     if (opt == 'd') dir = optarg;
     else if (opt == 'f') portFile = optarg;
+    else if (opt == 's') stateFile = optarg;
     else if (opt == 't') lifetime = std::atol(optarg);
     else return usage();
   }
@@ -125,8 +231,14 @@ int main(int argc, char** argv) {
     std::string job;
     timespec last{};
     clock_gettime(CLOCK_REALTIME, &last);
+    const bool whole = receiveJob(conn, job, last, stateFile);
+    if (whole && onlyQueries(job)) {
+      std::fprintf(stderr, "fakezplprinter: a connection of status queries only\n");
+      close(conn);
+      continue;
+    }
     const std::string path = dir + "/job-" + std::to_string(jobNumber++) + ".zpl";
-    if (!receiveJob(conn, job, last)) {
+    if (!whole) {
       // Keep what came for diagnosis, under a name no finished job has.
       writeFileAtomically(path + ".incomplete", job);
       std::fprintf(stderr, "fakezplprinter: %s ended early after %zu bytes\n", path.c_str(), job.size());
