@@ -177,9 +177,9 @@ std::string headerOnly(unsigned width, unsigned height, unsigned dpi, unsigned b
 // Pages at a model's limits and one past them, with every halftone. A page
 // the model cannot print is refused at its header, naming the limit it
 // breaks, before anything is allocated for it. Any other page prints in at
-// most three times its 8-bit size of memory and 8 MB more than a page of
-// 16 x 4 dots (the page, its working copy, the halftone's rows), and in
-// processor time proportional to its dots.
+// most one and a half times its 8-bit size of memory and 8 MB more than a
+// page of 16 x 4 dots (the page and its dots, an eighth of it; the stencil
+// is made in the page), and in processor time proportional to its dots.
 //
 // The limits are the model's widest and longest page at its resolution, and
 // an eighth of an inch: 295 x 2808 points at 203 dpi on the label printer
@@ -236,7 +236,7 @@ TEST(PageLimits, HostilePagesAreRefusedOrPrintedWithinTheirCost) {
   // is checked.
   const double memoryFactor = 4.5, nsPerDot = 3000;
 #else
-  const double memoryFactor = 3, nsPerDot = 1000;
+  const double memoryFactor = 1.5, nsPerDot = 1000;
 #endif
   const TempFile input("limits.ras", "");
   for (const Row& row : rows) {
