@@ -1,15 +1,12 @@
 #include "app/drivers.h"
 
-#include <cmath>
+#include <array>
 #include <cstdlib>
-#include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <string>
+#include <utility>
 
-#include "app/job.h"
 #include "app/printer_status.h"
-#include "support/halftone_type.h"
 #include "support/kelvo_string.h"
 
 namespace {
@@ -24,7 +21,7 @@ struct PpdSize {
 // The label printers' sizes, as kelvo203.ppd and kelvo300.ppd list them:
 // the labels of 0.5 to 4 inches wide that shops use, in inches and in
 // millimetres.
-const PpdSize kLabelSizes[] = {
+constexpr PpdSize kLabelSizes[] = {
     {"1x0.5", "1 x 0.5 in", 72, 36}, {"1x1", "1 x 1 in", 72, 72}, {"1.25x1", "1.25 x 1 in", 90, 72},
     {"1.25x2.25", "1.25 x 2.25 in", 90, 162}, {"1.5x0.5", "1.5 x 0.5 in", 108, 36}, {"1.5x1", "1.5 x 1 in", 108, 72},
     {"1.5x2", "1.5 x 2 in", 108, 144}, {"2x0.5", "2 x 0.5 in", 144, 36}, {"2x0.75", "2 x 0.75 in", 144, 54},
@@ -48,7 +45,7 @@ const PpdSize kLabelSizes[] = {
     {"100x150mm", "100 x 150 mm", 283.46, 425.2},
 };
 // The stencil printer's sheets (kelvotat.ppd).
-const PpdSize kSheetSizes[] = {
+constexpr PpdSize kSheetSizes[] = {
     {"A4", "A4", 595.28f, 841.89f},
     {"Letter", "Letter", 612, 792},
     {"Tattoo_A5", "Tattoo A5 (Landscape)", 595.28f, 420},
@@ -57,64 +54,207 @@ const PpdSize kSheetSizes[] = {
 constexpr int kNumLabelSizes = sizeof kLabelSizes / sizeof kLabelSizes[0];
 constexpr int kNumSheetSizes = sizeof kSheetSizes / sizeof kSheetSizes[0];
 
-KelvoMedia sLabels203[kNumLabelSizes];
-KelvoMedia sLabels300[kNumLabelSizes];
-KelvoMedia sSheets[kNumSheetSizes];
+// A PWG size name, built at compile time.
+struct PwgText {
+  char text[64] = {};
+  int length = 0;
+  constexpr void add(char c) {
+    if (length < 63) text[length++] = c;
+  }
+  constexpr void add(const char* s) {
+    while (*s != '\0') add(*s++);
+  }
+  constexpr void addNumber(long value) {
+    char digits[20] = {};
+    int n = 0;
+    do {
+      digits[n++] = static_cast<char>('0' + value % 10);
+      value /= 10;
+    } while (value != 0);
+    while (n > 0) add(digits[--n]);
+  }
+  // "50.55" for 5055 hundredths, "25.4" for 2540.
+  constexpr void addMm(long hundredths) {
+    addNumber(hundredths / 100);
+    const long rest = hundredths % 100;
+    if (rest == 0) return;
+    add('.');
+    addNumber(rest / 10);
+    if (rest % 10 != 0) addNumber(rest % 10);
+  }
+};
+
+constexpr bool same(const char* a, const char* b) {
+  while (*a != '\0' && *a == *b) ++a, ++b;
+  return *a == *b;
+}
+
+// Points at `dpi`, rounded as lround does.
+constexpr int dotsOf(float points, int dpi) {
+  return static_cast<int>(static_cast<double>(points * static_cast<float>(dpi)) / 72.0 + 0.5);
+}
+// PAPPL makes a page of size*dpi/2540 dots, rounded down.
+constexpr int pageDots(long hundredthsMm, int dpi) { return static_cast<int>(hundredthsMm * dpi / 2540); }
+
+// A PWG name's size, "WxHin" or "WxHmm" after its last '_', in hundredths
+// of a millimetre.
+struct PwgSize {
+  long width = 0, length = 0;
+};
+constexpr PwgSize sizeOfName(const char* name) {
+  const char* at = name;
+  for (const char* c = name; *c != '\0'; ++c)
+    if (*c == '_') at = c + 1;
+  long number[2] = {0, 0}, divisor[2] = {1, 1};
+  bool fraction = false;
+  int side = 0;
+  for (; *at >= '0' && *at <= '9' ? true : *at == '.' || *at == 'x'; ++at) {
+    if (*at == 'x') {
+      side = 1;
+      fraction = false;
+    } else if (*at == '.') {
+      fraction = true;
+    } else {
+      number[side] = number[side] * 10 + (*at - '0');
+      if (fraction) divisor[side] *= 10;
+    }
+  }
+  const long unit = *at == 'i' ? 2540 : 100;  // "in" or "mm"
+  return {number[0] * unit / divisor[0], number[1] * unit / divisor[1]};
+}
+
+// A PPD size at the model's resolution and the PWG name clients see for it:
+// the standard name when PAPPL makes the PPD's page from it (same width, at
+// most a row shorter or longer), otherwise a self-describing name in
+// millimetres that does. Label widths are a whole multiple of 4 dots (the
+// graphic sender needs that), so most of them are a fraction of a
+// millimetre narrower than their name.
+constexpr KelvoMedia sized(const PpdSize& size, int dpi, bool stencil) {
+  KelvoMedia media{size.name, size.text, 0, 0, 0, 0, {}};
+  media.widthDots = dotsOf(size.widthPt, dpi) / 4 * 4;
+  media.heightDots = dotsOf(size.heightPt, dpi);
+  media.widthPt = media.widthDots * 72.0 / dpi;
+  media.heightPt = media.heightDots * 72.0 / dpi;
+  PwgText standard;
+  if (stencil) {
+    standard.add(same(size.name, "A4")          ? "iso_a4_210x297mm"
+                 : same(size.name, "Letter")    ? "na_letter_8.5x11in"
+                 : same(size.name, "Tattoo_A5") ? "iso_a5_210x148mm"
+                                                : "iso_a6_105x148mm");
+  } else {
+    // A size name has no dots: "2.25x1.25" is named "2-25x1-25", and
+    // "40x30mm" "40x30".
+    int end = 0;
+    while (size.name[end] != '\0') ++end;
+    const bool mm = end > 2 && size.name[end - 2] == 'm' && size.name[end - 1] == 'm';
+    if (mm) end -= 2;
+    standard.add(mm ? "om_" : "oe_");
+    for (int i = 0; i < end; ++i) standard.add(size.name[i] == '.' ? '-' : size.name[i]);
+    standard.add("-label_");
+    for (int i = 0; i < end; ++i) standard.add(size.name[i]);
+    standard.add(mm ? "mm" : "in");
+  }
+  const PwgSize pwg = sizeOfName(standard.text);
+  const int longer = pageDots(pwg.length, dpi) - media.heightDots;
+  PwgText name;
+  if (pageDots(pwg.width, dpi) == media.widthDots && longer >= -1 && longer <= 1) {
+    name = standard;
+  } else {
+    // Sizes in millimetres take the "om" class; the rest of the name stays.
+    int first = 0, last = 0;
+    while (standard.text[first] != '_') ++first;
+    for (int i = 0; i < standard.length; ++i)
+      if (standard.text[i] == '_') last = i;
+    name.add("om");
+    for (int i = first; i < last; ++i) name.add(standard.text[i]);
+    name.add('_');
+    name.addMm((media.widthDots * 2540L + dpi - 1) / dpi);
+    name.add('x');
+    name.addMm((media.heightDots * 2540L + dpi - 1) / dpi);
+    name.add("mm");
+  }
+  for (int i = 0; i < 64; ++i) media.pwgName[i] = name.text[i];
+  return media;
+}
+
+template <size_t N, size_t... I>
+constexpr std::array<KelvoMedia, N> sizedAll(const PpdSize (&sizes)[N], int dpi, bool stencil,
+                                             std::index_sequence<I...>) {
+  return {{sized(sizes[I], dpi, stencil)...}};
+}
+
+// Every size of each model, made at compile time.
+constexpr std::array<KelvoMedia, kNumLabelSizes> kLabels203 =
+    sizedAll(kLabelSizes, 203, false, std::make_index_sequence<kNumLabelSizes>());
+constexpr std::array<KelvoMedia, kNumLabelSizes> kLabels300 =
+    sizedAll(kLabelSizes, 300, false, std::make_index_sequence<kNumLabelSizes>());
+constexpr std::array<KelvoMedia, kNumSheetSizes> kSheets =
+    sizedAll(kSheetSizes, 300, true, std::make_index_sequence<kNumSheetSizes>());
 
 const KelvoModel kModels[] = {
     // Speeds as the PPDs offer them.
-    {"kelvo_203", "Kelvo ZPL Label Printer 203dpi", 203, kDialectStandard, false, 1, 12, sLabels203, kNumLabelSizes,
-     "4x6"},
-    {"kelvo_300", "Kelvo ZPL Label Printer 300dpi", 300, kDialectStandard, false, 1, 8, sLabels300, kNumLabelSizes,
-     "4x6"},
-    {"kelvo_tattoo", "Kelvo ZPL Tattoo Stencil 300dpi", 300, kDialectKelvo, true, 1, 4, sSheets, kNumSheetSizes, "A4"},
+    {"kelvo_203", "Kelvo ZPL Label Printer 203dpi", 203, ZplDialect::kStandard, false, 1, 12, kLabels203.data(),
+     kNumLabelSizes, "4x6"},
+    {"kelvo_300", "Kelvo ZPL Label Printer 300dpi", 300, ZplDialect::kStandard, false, 1, 8, kLabels300.data(),
+     kNumLabelSizes, "4x6"},
+    {"kelvo_tattoo", "Kelvo ZPL Tattoo Stencil 300dpi", 300, ZplDialect::kKelvo, true, 1, 4, kSheets.data(),
+     kNumSheetSizes, "A4"},
 };
-const PpdSize* const kModelSizes[] = {kLabelSizes, kLabelSizes, kSheetSizes};
 
 // Custom label sizes: from the PPDs' smallest to the print head's width
 // and the PPDs' longest label.
 const char kCustomMin[] = "custom_min_0.5x0.5in";
 const char kCustomMax[] = "custom_max_4.09x39in";
 
-// The halftone keywords say what each method runs; each stands for the PPD
-// word that runs it, so a job prints what the filter prints for that word.
-// The PPD's words are one method off their methods ("FloydSteinberg" runs
-// the ordered dither), and the app's first keywords copied them: those are
-// still taken, for saved defaults and scripts, and run what they ran.
+constexpr int valueOf(KelvoHalftone h) { return static_cast<int>(h); }
+constexpr int valueOf(PostAction a) { return static_cast<int>(a); }
+constexpr int valueOf(GraphicEncoding e) { return static_cast<int>(e); }
+// "auto" of the post actions: the printer's label mode.
+constexpr int kByLabelMode = -1;
+
+// The halftone keywords say what each method runs, as the engine names it
+// (support/halftone.h). The app's first keywords copied the PPD's older
+// words, which are one method off theirs ("floyd-steinberg" runs the
+// ordered dither, as the PPD's FloydSteinberg does): those are still taken,
+// for saved defaults and scripts, and run what they ran.
 const KelvoWord kHalftones[] = {
-    {"threshold", "Threshold (text and barcodes)", "None"},
-    {"ordered-4x4", "Ordered dither 4x4", "FloydSteinberg"},
-    {"burkes-diffusion", "Burkes diffusion", "Ordered"},
-    {"stucki-diffusion", "Stucki diffusion", "Burkes"},
-    {"jarvis-judice-ninke-diffusion", "Jarvis, Judice and Ninke diffusion", "Stucki"},
-    {"sierra-diffusion", "Sierra diffusion", "JarvisJudiceNinke"},
-    {"stevenson-arce-diffusion", "Stevenson and Arce diffusion", "Sierra"},
-    {"bayer-ordered", "Bayer ordered dither", "StevensonArce"},
-    {"tattoo", "Tattoo stencil", "Tattoo"},
-    {"tattoo-x8", "Tattoo stencil X8", "Tattoo_X8"},
-    {"barcode-text", "Barcode and text", "BarcodeText"},
-    {"none", nullptr, "None"},
-    {"floyd-steinberg", nullptr, "FloydSteinberg"},
-    {"ordered", nullptr, "Ordered"},
-    {"burkes", nullptr, "Burkes"},
-    {"stucki", nullptr, "Stucki"},
-    {"jarvis-judice-ninke", nullptr, "JarvisJudiceNinke"},
-    {"sierra", nullptr, "Sierra"},
-    {"stevenson-arce", nullptr, "StevensonArce"},
+    {"threshold", "Threshold (text and barcodes)", valueOf(KelvoHalftone::kThreshold)},
+    {"ordered-4x4", "Ordered dither 4x4", valueOf(KelvoHalftone::kOrdered4x4)},
+    {"burkes-diffusion", "Burkes diffusion", valueOf(KelvoHalftone::kBurkes)},
+    {"stucki-diffusion", "Stucki diffusion", valueOf(KelvoHalftone::kStucki)},
+    {"jarvis-judice-ninke-diffusion", "Jarvis, Judice and Ninke diffusion",
+     valueOf(KelvoHalftone::kJarvisJudiceNinke)},
+    {"sierra-diffusion", "Sierra diffusion", valueOf(KelvoHalftone::kSierra)},
+    {"stevenson-arce-diffusion", "Stevenson and Arce diffusion", valueOf(KelvoHalftone::kStevensonArce)},
+    {"bayer-ordered", "Bayer ordered dither", valueOf(KelvoHalftone::kBayer)},
+    {"tattoo", "Tattoo stencil", valueOf(KelvoHalftone::kTattoo)},
+    {"tattoo-x8", "Tattoo stencil X8", valueOf(KelvoHalftone::kTattooX8)},
+    {"barcode-text", "Barcode and text", valueOf(KelvoHalftone::kBarcodeText)},
+    {"none", nullptr, valueOf(KelvoHalftone::kThreshold)},
+    {"floyd-steinberg", nullptr, valueOf(KelvoHalftone::kOrdered4x4)},
+    {"ordered", nullptr, valueOf(KelvoHalftone::kBurkes)},
+    {"burkes", nullptr, valueOf(KelvoHalftone::kStucki)},
+    {"stucki", nullptr, valueOf(KelvoHalftone::kJarvisJudiceNinke)},
+    {"jarvis-judice-ninke", nullptr, valueOf(KelvoHalftone::kSierra)},
+    {"sierra", nullptr, valueOf(KelvoHalftone::kStevensonArce)},
+    {"stevenson-arce", nullptr, valueOf(KelvoHalftone::kBayer)},
 };
 // "After printing" on the label printers; "auto" takes the printer's label
-// mode (printer-label-mode-configured).
+// mode (printer-label-mode-configured). A partial cut is the cutter's cut.
 const KelvoWord kPostActions[] = {
-    {"auto", "As the label mode says", nullptr}, {"tear-off", "Tear off", "TearOff"},
-    {"peel-off", "Peel off", "PeelOff"},         {"cut", "Cut", "Cut"},
-    {"partial-cut", "Partial cut", "PartialCut"}, {"none", "Printer setting", "None"},
+    {"auto", "As the label mode says", kByLabelMode},
+    {"tear-off", "Tear off", valueOf(PostAction::kTearOff)},
+    {"peel-off", "Peel off", valueOf(PostAction::kPeelOff)},
+    {"cut", "Cut", valueOf(PostAction::kCut)},
+    {"partial-cut", "Partial cut", valueOf(PostAction::kCut)},
+    {"none", "Printer setting", valueOf(PostAction::kPrinterSetting)},
 };
 
 // The graphic transfer, as the PPDs' GraphicEncoding offers it.
 const KelvoWord kEncodings[] = {
-    {"hex", "ASCII hex (any printer)", "Hex"},
-    {"z64", "Compressed Z64 (fewest bytes)", "Z64"},
-    {"inline-z64", "Compressed Z64 in the label format (^GFA)", "InlineZ64"},
+    {"hex", "ASCII hex (any printer)", valueOf(GraphicEncoding::kHex)},
+    {"z64", "Compressed Z64 (fewest bytes)", valueOf(GraphicEncoding::kZ64)},
+    {"inline-z64", "Compressed Z64 in the label format (^GFA)", valueOf(GraphicEncoding::kInlineZ64)},
 };
 
 #define KELVO_WORDS(words) words, static_cast<int>(sizeof words / sizeof words[0])
@@ -134,6 +274,9 @@ const KelvoChoice kChoices[] = {
     {"kelvo-gap-height", "Gap between labels (mm)", KelvoChoice::kRange, nullptr, 0, 0, 10, "3", nullptr},
     {"kelvo-post-action", "After printing", KelvoChoice::kKeyword, KELVO_WORDS(kPostActions), 0, 0, "auto",
      nullptr},
+    // The PPD's Anti-Wrinkle Frame: solid lines around the sheet that keep
+    // thin stencil paper flat, the side ones this many millimetres wide.
+    {"kelvo-anti-wrinkle", "Anti-wrinkle frame (mm)", KelvoChoice::kRange, nullptr, 0, 0, 3, nullptr, "0"},
 };
 #undef KELVO_WORDS
 constexpr int kNumChoices = sizeof kChoices / sizeof kChoices[0];
@@ -144,12 +287,12 @@ const KelvoChoice& choiceNamed(const char* name) {
   std::abort();  // a name of this file's own
 }
 
-// The value of a keyword choice's PPD word for `keyword`; null for keywords
-// it does not have.
-const char* ppdWordOf(const KelvoChoice& choice, const char* keyword) {
+// The value of a keyword choice's `keyword`; `otherwise` for keywords it
+// does not have.
+int valueOfKeyword(const KelvoChoice& choice, const char* keyword, int otherwise) {
   for (int i = 0; keyword != nullptr && i < choice.numWords; ++i)
-    if (std::strcmp(choice.words[i].keyword, keyword) == 0) return choice.words[i].ppd;
-  return nullptr;
+    if (std::strcmp(choice.words[i].keyword, keyword) == 0) return choice.words[i].value;
+  return otherwise;
 }
 
 // The choice's "-supported" and "-default" attributes.
@@ -173,84 +316,6 @@ void addChoice(ipp_t* attrs, const KelvoChoice& choice, const char* value) {
       ippAddBoolean(attrs, IPP_TAG_PRINTER, fallback.c_str(), std::strcmp(value, "true") == 0);
       break;
   }
-}
-
-int dotsOf(float points, int dpi) { return static_cast<int>(std::lround(points * dpi / 72.0)); }
-// PAPPL makes a page of size*dpi/2540 dots, rounded down.
-int pageDots(int hundredthsMm, int dpi) { return hundredthsMm * dpi / 2540; }
-
-// "50.55" for 5055 hundredths, "25.4" for 2540.
-std::string formatMm(int hundredths) {
-  std::string text = std::to_string(hundredths / 100);
-  const int rest = hundredths % 100;
-  if (rest != 0) text += "." + std::to_string(rest / 10) + (rest % 10 != 0 ? std::to_string(rest % 10) : "");
-  return text;
-}
-
-// A PPD size at the model's resolution. Label widths are a whole multiple
-// of 4 dots (the graphic sender needs that), so most of them are a
-// fraction of a millimetre narrower than their name.
-void sizeMedia(KelvoMedia& media, const PpdSize& size, int dpi) {
-  media.ppdName = size.name;
-  media.text = size.text;
-  media.widthDots = dotsOf(size.widthPt, dpi) / 4 * 4;
-  media.heightDots = dotsOf(size.heightPt, dpi);
-  media.widthPt = media.widthDots * 72.0 / dpi;
-  media.heightPt = media.heightDots * 72.0 / dpi;
-}
-
-// The PWG name clients see for a size. The standard name when PAPPL makes
-// the PPD's page from it (same width, at most a row shorter or longer);
-// otherwise a self-describing name in millimetres that does.
-void nameMedia(KelvoMedia& media, const KelvoModel& model) {
-  const int width = media.widthDots;
-  const int height = media.heightDots;
-  std::string standard;
-  if (model.stencil) {
-    const std::string word = media.ppdName;
-    standard = word == "A4"          ? "iso_a4_210x297mm"
-               : word == "Letter"    ? "na_letter_8.5x11in"
-               : word == "Tattoo_A5" ? "iso_a5_210x148mm"
-                                     : "iso_a6_105x148mm";
-  } else {
-    // A size name has no dots: "2.25x1.25" is named "2-25x1-25", and
-    // "40x30mm" "40x30".
-    std::string word = media.ppdName;
-    std::string units = "in";
-    if (word.size() > 2 && word.compare(word.size() - 2, 2, "mm") == 0) {
-      word.resize(word.size() - 2);
-      units = "mm";
-    }
-    std::string name = word;
-    for (char& c : name) c = c == '.' ? '-' : c;
-    standard = (units == "mm" ? "om_" : "oe_") + name + "-label_" + word + units;
-  }
-  // Sizes in millimetres take the "om" class; the rest of the name stays.
-  std::string prefix = standard.substr(0, standard.rfind('_'));
-  prefix = "om" + prefix.substr(prefix.find('_'));
-  if (const pwg_media_t* pwg = pwgMediaForPWG(standard.c_str())) {
-    if (pageDots(pwg->width, model.dpi) == width && std::abs(pageDots(pwg->length, model.dpi) - height) <= 1) {
-      kelvoStrCpy(media.pwgName, standard.c_str(), sizeof media.pwgName);
-      return;
-    }
-  }
-  const std::string name = prefix + "_" + formatMm((width * 2540 + model.dpi - 1) / model.dpi) + "x" +
-                           formatMm((height * 2540 + model.dpi - 1) / model.dpi) + "mm";
-  kelvoStrCpy(media.pwgName, name.c_str(), sizeof media.pwgName);
-}
-
-// Once, before any thread reads the tables.
-void nameAllMedia() {
-  static std::once_flag named;
-  std::call_once(named, [] {
-    for (size_t m = 0; m < sizeof kModels / sizeof kModels[0]; ++m) {
-      const KelvoModel& model = kModels[m];
-      for (int i = 0; i < model.numMedia; ++i) {
-        sizeMedia(model.media[i], kModelSizes[m][i], model.dpi);
-        nameMedia(model.media[i], model);
-      }
-    }
-  });
 }
 
 const KelvoMedia& defaultMedia(const KelvoModel& model) {
@@ -285,7 +350,6 @@ const int kelvoNumDrivers = sizeof kelvoDrivers / sizeof kelvoDrivers[0];
 
 const KelvoModel* kelvoFindModel(const char* driverName) {
   if (driverName == nullptr) return nullptr;
-  nameAllMedia();
   for (const KelvoModel& model : kModels)
     if (std::strcmp(model.driverName, driverName) == 0) return &model;
   return nullptr;
@@ -309,23 +373,24 @@ const char* kelvoMediaText(const KelvoModel& model, const char* pwgName) {
   return nullptr;
 }
 
-DitherType kelvoHalftoneFromKeyword(const char* keyword) {
-  const char* word = ppdWordOf(choiceNamed("kelvo-halftone"), keyword);
-  return word != nullptr ? kelvoHalftoneTypeFromStr(word) : None;
+KelvoHalftone kelvoHalftoneFromKeyword(const char* keyword) {
+  return static_cast<KelvoHalftone>(
+      valueOfKeyword(choiceNamed("kelvo-halftone"), keyword, valueOf(KelvoHalftone::kThreshold)));
 }
 
 bool kelvoDriverCallback(pappl_system_t* /*system*/, const char* driverName, const char* /*deviceUri*/,
-                         const char* /*deviceId*/, pappl_pr_driver_data_t* data, ipp_t** attrs, void* /*cbdata*/) {
+                         const char* /*deviceId*/, pappl_pr_driver_data_t* data, ipp_t** attrs, void* cbdata) {
   const KelvoModel* model = kelvoFindModel(driverName);
-  if (model == nullptr) return false;
+  const auto* jobs = static_cast<const KelvoJobCallbacks*>(cbdata);
+  if (model == nullptr || jobs == nullptr) return false;
 
   data->extension = const_cast<KelvoModel*>(model);
-  data->printfile_cb = kelvoPrintFile;
-  data->rstartjob_cb = kelvoStartJob;
-  data->rstartpage_cb = kelvoStartPage;
-  data->rwriteline_cb = kelvoWriteLine;
-  data->rendpage_cb = kelvoEndPage;
-  data->rendjob_cb = kelvoEndJob;
+  data->printfile_cb = jobs->printFile;
+  data->rstartjob_cb = jobs->startJob;
+  data->rstartpage_cb = jobs->startPage;
+  data->rwriteline_cb = jobs->writeLine;
+  data->rendpage_cb = jobs->endPage;
+  data->rendjob_cb = jobs->endJob;
   data->status_cb = kelvoStatusCallback;
   data->delete_cb = kelvoStatusForget;
   data->format = kKelvoZplFormat;
@@ -420,70 +485,62 @@ const char* kelvoDetectFormat(const unsigned char* header, size_t size, void* /*
   return nullptr;
 }
 
-void kelvoSettingsFromOptions(const KelvoModel& model, const pappl_pr_options_t& options, pappl_label_mode_t mode,
-                              Settings* settings) {
-  std::memset(settings, 0, sizeof *settings);
-  std::snprintf(settings->Resolution, sizeof settings->Resolution, "%ddpi", model.dpi);
-  kelvoStrCpy(settings->Occurrence, "EveryLabel", sizeof settings->Occurrence);
-  settings->dialect = model.dialect;
-  settings->encoding = kEncodingHex;
-  // As the filter reads the PPD's word.
-  if (const char* word = ppdWordOf(choiceNamed("kelvo-graphic-encoding"),
-                                   vendorOption(options, "kelvo-graphic-encoding")))
-    settings->encoding = std::strcmp(word, "Z64") == 0         ? kEncodingZ64
-                         : std::strcmp(word, "InlineZ64") == 0 ? kEncodingInlineZ64
-                                                               : kEncodingHex;
+KelvoJobSettings kelvoSettingsFromOptions(const KelvoModel& model, const pappl_pr_options_t& options,
+                                          pappl_label_mode_t mode) {
+  KelvoJobSettings settings;
+  settings.dialect = model.dialect;
+  settings.encoding = static_cast<GraphicEncoding>(valueOfKeyword(
+      choiceNamed("kelvo-graphic-encoding"), vendorOption(options, "kelvo-graphic-encoding"), valueOf(GraphicEncoding::kHex)));
 
-  kelvoStrCpy(settings->MediaMethod, !model.stencil && std::strcmp(options.media.type, "thermal-transfer") == 0
-                                         ? "Transfer"
-                                         : "Direct",
-              sizeof settings->MediaMethod);
-  const char* paper = "LabelGaps";
-  if (model.stencil)
-    paper = options.media.tracking == PAPPL_MEDIA_TRACKING_CONTINUOUS ? "Continue" : "Normal";
-  else if (options.media.tracking == PAPPL_MEDIA_TRACKING_MARK)
-    paper = "LabelMark";
-  else if (options.media.tracking == PAPPL_MEDIA_TRACKING_CONTINUOUS)
-    paper = "Continue";
-  kelvoStrCpy(settings->PaperType, paper, sizeof settings->PaperType);
+  settings.printMethod = !model.stencil && std::strcmp(options.media.type, "thermal-transfer") == 0
+                             ? PrintMethod::kThermalTransfer
+                             : PrintMethod::kDirectThermal;
+  const pappl_media_tracking_t tracking = options.media.tracking;
+  if (tracking == PAPPL_MEDIA_TRACKING_CONTINUOUS)
+    settings.tracking = MediaTracking::kContinuous;
+  else if (model.stencil)
+    settings.tracking = MediaTracking::kPrinterSetting;
+  else
+    settings.tracking = tracking == PAPPL_MEDIA_TRACKING_MARK ? MediaTracking::kMarks : MediaTracking::kGaps;
 
   const char* gap = vendorOption(options, "kelvo-gap-height");
-  settings->GapsHeight = model.stencil ? 0 : gap != nullptr ? std::atoi(gap) : 3;
+  settings.gapMm = model.stencil ? 0 : gap != nullptr ? std::atoi(gap) : 3;
 
-  const char* post = "None";
+  settings.postAction = PostAction::kPrinterSetting;
   if (!model.stencil) {
-    post = mode == PAPPL_LABEL_MODE_PEEL_OFF ? "PeelOff" : mode == PAPPL_LABEL_MODE_CUTTER ? "Cut" : "TearOff";
-    if (const char* chosen = ppdWordOf(choiceNamed("kelvo-post-action"), vendorOption(options, "kelvo-post-action")))
-      post = chosen;
+    const int chosen =
+        valueOfKeyword(choiceNamed("kelvo-post-action"), vendorOption(options, "kelvo-post-action"), kByLabelMode);
+    settings.postAction = chosen != kByLabelMode             ? static_cast<PostAction>(chosen)
+                          : mode == PAPPL_LABEL_MODE_PEEL_OFF ? PostAction::kPeelOff
+                          : mode == PAPPL_LABEL_MODE_CUTTER   ? PostAction::kCut
+                                                              : PostAction::kTearOff;
   }
-  kelvoStrCpy(settings->PostAction, post, sizeof settings->PostAction);
 
-  if (options.print_speed <= 0) {
-    kelvoStrCpy(settings->PrintSpeed, "Normal", sizeof settings->PrintSpeed);
-  } else {
-    int inches = (options.print_speed + 1270) / 2540;
-    inches = inches < model.speedMin ? model.speedMin : inches > model.speedMax ? model.speedMax : inches;
-    std::snprintf(settings->PrintSpeed, sizeof settings->PrintSpeed, "%d", inches);
+  if (options.print_speed > 0) {
+    const int inches = (options.print_speed + 1270) / 2540;
+    settings.speed = inches < model.speedMin ? model.speedMin : inches > model.speedMax ? model.speedMax : inches;
   }
   // printer-darkness-configured (0-100) moved by the job's print-darkness
   // (-100-100), in ZPL's 31 steps.
   int darkness = options.darkness_configured + options.print_darkness;
   darkness = darkness < 0 ? 0 : darkness > 100 ? 100 : darkness;
-  settings->Darkness = (darkness * 30 + 50) / 100;
+  settings.darkness = (darkness * 30 + 50) / 100;
 
   const KelvoChoice& halftone = choiceNamed("kelvo-halftone");
   const char* chosen = vendorOption(options, "kelvo-halftone");
-  settings->halftoneType = kelvoHalftoneFromKeyword(chosen != nullptr ? chosen
-                                                    : model.stencil ? halftone.stencilDefault
-                                                                    : halftone.labelDefault);
+  settings.halftone = kelvoHalftoneFromKeyword(chosen != nullptr ? chosen
+                                               : model.stencil    ? halftone.stencilDefault
+                                                                  : halftone.labelDefault);
   const char* brightness = vendorOption(options, "kelvo-brightness");
-  settings->Brightness = brightness != nullptr ? std::atoi(brightness) : 0;
+  settings.brightness = brightness != nullptr ? std::atoi(brightness) : 0;
   const char* mirror = vendorOption(options, "kelvo-mirror");
-  settings->MirrorImage = mirror != nullptr && std::strcmp(mirror, "true") == 0 ? 1 : 0;
+  settings.mirror = mirror != nullptr && std::strcmp(mirror, "true") == 0;
   const char* negative = vendorOption(options, "kelvo-negative");
-  settings->NegativeImage = negative != nullptr && std::strcmp(negative, "true") == 0 ? 1 : 0;
+  settings.negative = negative != nullptr && std::strcmp(negative, "true") == 0;
   const char* rotate = vendorOption(options, "kelvo-rotate-180");
-  kelvoStrCpy(settings->Origin, rotate != nullptr && std::strcmp(rotate, "true") == 0 ? "Rotation180" : "Normal",
-              sizeof settings->Origin);
-  settings->DebugImages = 0;
+  settings.turnLabel = rotate != nullptr && std::strcmp(rotate, "true") == 0;
+  const char* frame = vendorOption(options, "kelvo-anti-wrinkle");
+  const int frameMm = model.stencil && frame != nullptr ? std::atoi(frame) : 0;
+  settings.antiWrinkleMm = frameMm < 0 ? 0 : frameMm > 3 ? 3 : frameMm;
+  return settings;
 }

@@ -1,14 +1,14 @@
 #pragma once
 // The three printer models of the shipped PPDs as PAPPL drivers: their
 // resolutions, media, choices and vendor attributes, and how a job's IPP
-// options become the engine's Settings.
+// options become the engine's settings.
 #include <pappl/pappl.h>
 
 #include "printer/job_settings.h"
 
 // One label or sheet size: the PPD's word for it and its words ("4 x 6
-// in"), and, filled in at start-up, its size as printed at the model's
-// resolution, in dots and in points, and the PWG name clients see.
+// in"), its size as printed at the model's resolution, in dots and in
+// points, and the PWG name clients see (all made at compile time).
 struct KelvoMedia {
   const char* ppdName;
   const char* text;
@@ -27,17 +27,19 @@ struct KelvoModel {
   bool stencil;
   int speedMin;  // inches a second; "Normal" (0) is the printer's own speed
   int speedMax;
-  KelvoMedia* media;
+  const KelvoMedia* media;
   int numMedia;
   const char* defaultMedia;  // the PPD's word for it
 };
 
 // One value of a keyword choice: its IPP keyword, its words for people
-// (null for an old keyword still taken) and the PPD's word for it.
+// (null for an old keyword still taken) and what it stands for (the number
+// of a KelvoHalftone, PostAction or GraphicEncoding; -1: the printer's
+// label mode).
 struct KelvoWord {
   const char* keyword;
   const char* text;
-  const char* ppd;
+  int value;
 };
 
 // A choice of the Kelvo drivers beyond standard IPP ("kelvo-halftone"), in
@@ -80,15 +82,26 @@ bool kelvoDriverCallback(pappl_system_t* system, const char* driverName, const c
 const char* kelvoDetectFormat(const unsigned char* header, size_t size, void* data);
 
 // The settings of one job on a printer of `model`: the model's fixed choices,
-// then the job's IPP options and the printer's label mode on top. The page
-// size fields are set per page.
-void kelvoSettingsFromOptions(const KelvoModel& model, const pappl_pr_options_t& options, pappl_label_mode_t mode,
-                              Settings* settings);
+// then the job's IPP options and the printer's label mode on top. The copies
+// and the sheet are the job's to set.
+KelvoJobSettings kelvoSettingsFromOptions(const KelvoModel& model, const pappl_pr_options_t& options,
+                                          pappl_label_mode_t mode);
 
-// The halftone of an IPP keyword: the PPD word it stands for
-// ("jarvis-judice-ninke-diffusion" -> Stucki, which runs that kernel; the old
-// "stucki" -> Stucki too); unknown keywords give None.
-DitherType kelvoHalftoneFromKeyword(const char* keyword);
+// The halftone an IPP keyword stands for ("jarvis-judice-ninke-diffusion";
+// the old "stucki" runs that kernel too, as the PPD's Stucki does); unknown
+// keywords give the threshold.
+KelvoHalftone kelvoHalftoneFromKeyword(const char* keyword);
+
+// How a driver's jobs print (app/job.cpp), handed to kelvoDriverCallback as
+// its callback data by whoever sets up the system.
+struct KelvoJobCallbacks {
+  pappl_pr_printfile_cb_t printFile;
+  pappl_pr_rstartjob_cb_t startJob;
+  pappl_pr_rstartpage_cb_t startPage;
+  pappl_pr_rwriteline_cb_t writeLine;
+  pappl_pr_rendpage_cb_t endPage;
+  pappl_pr_rendjob_cb_t endJob;
+};
 
 // The MIME type of ZPL documents.
 constexpr const char* kKelvoZplFormat = "application/vnd.zebra-zpl";

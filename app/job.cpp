@@ -17,10 +17,7 @@
 
 #include "app/drivers.h"
 #include "app/printer_status.h"
-#include "printer/label_setup.h"
-#include "printer/page_limits.h"
-#include "printer/zpl_printer.h"
-#include "support/kelvo_string.h"
+#include "printer/page_engine.h"
 #include "support/page_buffer.h"
 
 namespace {
@@ -39,18 +36,17 @@ KelvoPrintableArea printableArea(const KelvoModel& model) {
   return area;
 }
 
-// One job in progress: its own engine, settings and page buffer.
+// One job in progress: its own engine and page buffer.
 struct JobState {
   pappl_job_t* job = nullptr;
   pappl_device_t* device = nullptr;
   const KelvoModel* model = nullptr;
-  ZplPrinter printer;
-  Settings settings{};
+  KelvoSink sink;
+  std::unique_ptr<KelvoEngine> engine;
   cups_page_header2_t header{};
   std::unique_ptr<unsigned char, decltype(&std::free)> page{nullptr, &std::free};
   bool invert = false;  // the page comes as grey levels (255 = paper)
-  unsigned copies = 1;  // the printer's copy count of every page (^PQ)
-  unsigned rows = 0;    // rows of the page received so far
+  unsigned rows = 0;    // rows of the page received so far, in order
   FILE* out = nullptr;
   volatile std::sig_atomic_t cancelled = 0;
   bool deviceFailed = false;
@@ -124,7 +120,12 @@ bool kelvoStartJob(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t
   state->device = device;
   state->model = model;
   addVendorDefaults(printer, data, options);
-  kelvoSettingsFromOptions(*model, *options, data.mode_configured, &state->settings);
+  KelvoJobSettings settings = kelvoSettingsFromOptions(*model, *options, data.mode_configured);
+  // PAPPL prints an image document once a copy, but a raster document
+  // once: there the printer repeats each page.
+  const char* format = papplJobGetFormat(job);
+  if (format != nullptr && (std::strcmp(format, "image/pwg-raster") == 0 || std::strcmp(format, "image/urf") == 0))
+    settings.copies = options->copies > 1 ? static_cast<unsigned>(options->copies) : 1;
   cookie_io_functions_t io{nullptr, writeToDevice, nullptr, nullptr};
   state->out = fopencookie(state, "w", io);
   if (state->out == nullptr) {
@@ -132,22 +133,13 @@ bool kelvoStartJob(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t
     return fail(job, "Out of memory");
   }
   setvbuf(state->out, nullptr, _IOFBF, 64 * 1024);
-  state->printer.getOutputStreams().clear();
-  state->printer.getOutputStreams().push_back(state->out);
-  state->printer.setCancelFlag(&state->cancelled);
-  state->printer.setDialect(state->settings.dialect);
-  state->printer.setGraphicEncoding(state->settings.encoding);
-  // PAPPL prints an image document once a copy, but a raster document
-  // once: there the printer repeats each page.
-  const char* format = papplJobGetFormat(job);
-  if (format != nullptr && (std::strcmp(format, "image/pwg-raster") == 0 || std::strcmp(format, "image/urf") == 0))
-    state->copies = options->copies > 1 ? static_cast<unsigned>(options->copies) : 1;
+  state->sink.addStream(state->out);
+  state->sink.setCancelFlag(&state->cancelled);
+  state->engine = std::make_unique<KelvoEngine>(settings, printableArea(*model), state->sink);
   papplJobSetData(job, state);
-  papplLogJob(job, PAPPL_LOGLEVEL_DEBUG, "halftone %d, darkness %d, speed %s, copies %d",
-              static_cast<int>(state->settings.halftoneType), state->settings.Darkness, state->settings.PrintSpeed,
-              options->copies);
-  // Line feeds wake the printer and flush anything left in its parser.
-  for (int i = 0; i < 64; ++i) state->printer.printByte('\n');
+  papplLogJob(job, PAPPL_LOGLEVEL_DEBUG, "halftone %s, darkness %d, speed %d, copies %d",
+              kelvoHalftoneName(settings.halftone), settings.darkness, settings.speed, options->copies);
+  state->engine->wakePrinter();
   return true;
 }
 
@@ -155,31 +147,28 @@ bool kelvoStartPage(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_
   JobState* state = stateOf(job);
   if (state == nullptr) return false;
   state->header = options->header;
-  cups_page_header2_t& header = state->header;
-  if (header.cupsBitsPerPixel != 8)
-    return fail(job, "The page is not 8-bit grey; the printer application asked for 8-bit pages");
-  const std::string refusal = kelvoPageRefusal(printableArea(*state->model), header, page);
+  const cups_page_header2_t& header = state->header;
+  const std::string refusal = state->engine->checkPage(header, page);
   if (!refusal.empty()) return fail(job, refusal.c_str());
-  const unsigned long long bytes = static_cast<unsigned long long>(header.cupsBytesPerLine) * header.cupsHeight;
   state->invert = header.cupsColorSpace != CUPS_CSPACE_K;
-  header.NumCopies = state->copies;
-  kelvoStrCpy(header.cupsPageSizeName, ppdSizeName(*state->model, options->media.size_name),
-              sizeof header.cupsPageSizeName);
-  // Cleared all the same: a row the document never sends prints as paper.
+  const unsigned long long bytes = static_cast<unsigned long long>(header.cupsBytesPerLine) * header.cupsHeight;
   state->page.reset(static_cast<unsigned char*>(kelvoPageBuffer(static_cast<size_t>(bytes))));
   if (!state->page) return fail(job, "Out of memory");
-  std::memset(state->page.get(), 0, static_cast<size_t>(bytes));
   state->rows = 0;
+  state->engine->settings().sheet = ppdSizeName(*state->model, options->media.size_name);
+  state->engine->startPage(header);
   return true;
 }
 
 bool kelvoWriteLine(pappl_job_t* job, pappl_pr_options_t* /*options*/, pappl_device_t* /*device*/, unsigned y,
                     const unsigned char* line) {
   JobState* state = stateOf(job);
-  if (state == nullptr || y >= state->header.cupsHeight) return state != nullptr;
+  // Rows come in order; one that does not is never printed (the page then
+  // ends short of its rows).
+  if (state == nullptr || y != state->rows || y >= state->header.cupsHeight) return state != nullptr;
   const size_t stride = state->header.cupsBytesPerLine;
   unsigned char* row = state->page.get() + stride * y;
-  if (y + 1 > state->rows) state->rows = y + 1;
+  ++state->rows;
   if (state->invert) {
     for (size_t x = 0; x < stride; ++x) row[x] = static_cast<unsigned char>(255 - line[x]);
   } else {
@@ -192,7 +181,7 @@ bool kelvoEndPage(pappl_job_t* job, pappl_pr_options_t* /*options*/, pappl_devic
   JobState* state = stateOf(job);
   if (state == nullptr) return false;
   if (papplJobIsCanceled(job)) return true;
-  cups_page_header2_t& header = state->header;
+  const cups_page_header2_t& header = state->header;
   // A document cut short would print a page of blank paper at its end.
   if (state->rows < header.cupsHeight) {
     papplJobSetMessage(job, "Page %u ends after %u of its %u rows; the document is cut short", page, state->rows,
@@ -201,23 +190,7 @@ bool kelvoEndPage(pappl_job_t* job, pappl_pr_options_t* /*options*/, pappl_devic
                 header.cupsHeight);
     return false;
   }
-  Settings& settings = state->settings;
-  KelvoPrinter& printer = state->printer;
-  // The same steps, in the same order, as the filter's page loop.
-  settings.pageWidth = static_cast<float>(header.cupsWidth * 25.4 / header.HWResolution[0]);
-  settings.pageHeight = static_cast<float>(header.cupsHeight * 25.4 / header.HWResolution[1]);
-  settings.pageWidthDots = header.cupsWidth;
-  settings.pageHeightDots = header.cupsHeight;
-  kelvoStrCpy(settings.PageSize, header.cupsPageSizeName, sizeof settings.PageSize);
-  jobSetup(printer, &settings);
-  printer.setPageHeader(&header);
-  printer.setBrightness(settings.Brightness);
-  printer.setHalftoneType(settings.halftoneType);
-  printer.setMirrorPrint(settings.MirrorImage != 0);
-  printer.setNegativePrint(settings.NegativeImage != 0);
-  setCls(printer);
-  printer.startPage();
-  printer.printImage(state->page.get(), header.cupsBytesPerLine, header.cupsHeight, header.cupsWidth);
+  if (!state->engine->finishPage(state->page.get())) return fail(job, "Out of memory");
   if (!flushPage(*state)) {
     papplJobSetMessage(job, "The printer stopped taking data during page %u", page);
     return false;
@@ -258,6 +231,9 @@ bool kelvoPrintFile(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_
   kelvoStatusJobEnds(job, device);
   return true;
 }
+
+const KelvoJobCallbacks kelvoJobCallbacks = {kelvoPrintFile, kelvoStartJob, kelvoStartPage,
+                                              kelvoWriteLine, kelvoEndPage,  kelvoEndJob};
 
 #ifdef KELVO_PAPPL_JOB_GUARD
 // PAPPL 1.3.1 starts a job on a thread of its own and only marks the job

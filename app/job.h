@@ -4,6 +4,8 @@
 // engine, so printers print side by side.
 #include <pappl/pappl.h>
 
+#include "app/drivers.h"
+
 bool kelvoStartJob(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* device);
 bool kelvoStartPage(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* device, unsigned page);
 bool kelvoWriteLine(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* device, unsigned y,
@@ -13,3 +15,5 @@ bool kelvoEndJob(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* 
 // ZPL documents go to the printer untouched, once a copy.
 bool kelvoPrintFile(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* device);
 
+// All of the above, for kelvoDriverCallback.
+extern const KelvoJobCallbacks kelvoJobCallbacks;

@@ -73,7 +73,7 @@ pappl_system_t* createSystem(int count, cups_option_t* options, void* /*data*/) 
     return nullptr;
   }
   papplSystemSetPrinterDrivers(system, kelvoNumDrivers, kelvoDrivers, nullptr, nullptr, kelvoDriverCallback,
-                               nullptr);
+                               const_cast<KelvoJobCallbacks*>(&kelvoJobCallbacks));
   papplSystemSetMIMECallback(system, kelvoDetectFormat, nullptr);
   kelvoStatusStart(system);
   papplSystemSetFooterHTML(system, "Kelvo ZPL printer application " "3.13.13");
@@ -89,5 +89,5 @@ pappl_system_t* createSystem(int count, cups_option_t* options, void* /*data*/) 
 
 int main(int argc, char* argv[]) {
   return papplMainloop(argc, argv, kVersion, nullptr, kelvoNumDrivers, kelvoDrivers, nullptr, kelvoDriverCallback,
-                       nullptr, nullptr, createSystem, nullptr, nullptr);
+                       nullptr, nullptr, createSystem, nullptr, const_cast<KelvoJobCallbacks*>(&kelvoJobCallbacks));
 }

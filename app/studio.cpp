@@ -20,12 +20,10 @@
 
 #include "app/drivers.h"
 #include "app/job.h"
-#include "image/pixel_rows.h"
-#include "printer/label_setup.h"
 #include "printer/page_layout.h"
+#include "printer/page_pipeline.h"
 #include "printer/png_io.h"
-#include "printer/zpl_printer.h"
-#include "support/halftone_type.h"
+#include "support/halftone.h"
 #include "support/kelvo_string.h"
 
 // The page's files, embedded at build time (app/embed.cmake).
@@ -142,73 +140,20 @@ void applyChoice(const Choice& choice, pappl_pr_options_t& options) {
   n = cupsAddOption("kelvo-negative", choice.negative ? "true" : "false", n, &options.vendor);
 }
 
-// Takes the processed page where the job's printer would encode it.
-class CapturePrinter : public ZplPrinter {
- public:
-  void doPrintImage(const unsigned char* bits, unsigned long bytesPerLine, unsigned long height,
-                    unsigned long width) override {
-    begin(width, height);
-    for (unsigned long y = 0; y < height; ++y) kelvoPackNonZero(bits + y * bytesPerLine, width, row(y));
-  }
-  void doPrintPackedImage(const unsigned char* packed, unsigned long bytesPerRow, unsigned long height,
-                          unsigned long width) override {
-    begin(width, height);
-    const unsigned char lastMask = static_cast<unsigned char>(width % 8 == 0 ? 0xFF : 0xFF << (8 - width % 8));
-    for (unsigned long y = 0; y < height; ++y) {
-      std::memcpy(row(y), packed + y * bytesPerRow, rowBytes_);
-      row(y)[rowBytes_ - 1] &= lastMask;
-    }
-  }
-
-  unsigned long width_ = 0, height_ = 0, rowBytes_ = 0;
-  std::vector<unsigned char> rows_;  // 1 bit a dot, a set bit prints
-
- private:
-  void begin(unsigned long width, unsigned long height) {
-    width_ = width, height_ = height, rowBytes_ = (width + 7) / 8;
-    rows_.assign(rowBytes_ * height, 0);
-  }
-  unsigned char* row(unsigned long y) { return rows_.data() + y * rowBytes_; }
-};
-
-// Placed page + choice -> the page as the printer prints it, packed rows of
-// dots: the steps of a job's page (app/job.cpp, kelvoEndPage) on a printer
-// that keeps the page instead of sending it. The engine's one per-page entry
-// takes this function's place once it is there.
+// Placed page + choice -> the page as the printer prints it, rows of dots:
+// the engine's page pipeline with the settings a job of this choice gets.
 bool renderPage(const KelvoModel& model, pappl_label_mode_t mode, const HeldPage& page, const Choice& choice,
-                CapturePrinter& printer) {
+                KelvoDots& dots) {
   pappl_pr_options_t options;
   std::memset(&options, 0, sizeof options);
   applyChoice(choice, options);
-  Settings settings{};
-  kelvoSettingsFromOptions(model, options, mode, &settings);
+  const KelvoJobSettings settings = kelvoSettingsFromOptions(model, options, mode);
   cupsFreeOptions(options.num_vendor, options.vendor);
-
-  cups_page_header2_t header{};
-  header.cupsWidth = header.cupsBytesPerLine = page.width;
-  header.cupsHeight = page.height;
-  header.HWResolution[0] = header.HWResolution[1] = page.dpi;
-  header.NumCopies = 1;
-  settings.pageWidth = static_cast<float>(header.cupsWidth * 25.4 / header.HWResolution[0]);
-  settings.pageHeight = static_cast<float>(header.cupsHeight * 25.4 / header.HWResolution[1]);
-  settings.pageWidthDots = header.cupsWidth;
-  settings.pageHeightDots = header.cupsHeight;
-  // The label setup block goes nowhere; only the page is wanted.
-  printer.getOutputStreams().clear();
-  printer.setDialect(settings.dialect);
-  printer.setGraphicEncoding(settings.encoding);
-  jobSetup(printer, &settings);
-  printer.setPageHeader(&header);
-  printer.setBrightness(settings.Brightness);
-  printer.setHalftoneType(settings.halftoneType);
-  printer.setMirrorPrint(settings.MirrorImage != 0);
-  printer.setNegativePrint(settings.NegativeImage != 0);
-  setCls(printer);
-  printer.startPage();
-  // The engine may work in the page it is given; the held page stays as it is.
+  // The engine works in the page it is given; the held page stays as it is.
   std::vector<unsigned char> work(page.ink);
-  printer.printImage(work.data(), page.width, page.height, page.width);
-  return printer.height_ == page.height && printer.width_ == page.width;
+  const KelvoPageSize size{page.width, page.height, page.dpi, page.dpi};
+  return kelvoRenderPage(work.data(), page.width, size, settings, dots, nullptr) && dots.width == page.width &&
+         dots.height == page.height;
 }
 
 // --- small helpers ---
@@ -501,10 +446,10 @@ bool sendInfo(pappl_client_t* client, const Fields& query) {
     // Old keywords are the same methods under their former names.
     const char* text = kelvoChoiceWords("kelvo-halftone", keyword.c_str());
     if (text == nullptr) continue;
-    // "engine": the method the keyword runs, by its PPD name, as halftonepreview takes it.
+    // "engine": the method the keyword runs, by its name, as halftonepreview takes it.
     json += std::string(json.back() == '[' ? "" : ",") + "{\"keyword\":" + jsonString(keyword) +
             ",\"label\":" + jsonString(localized(client, "kelvo-halftone." + keyword, text)) +
-            ",\"engine\":" + jsonString(kelvoHalftoneTypeToStr(kelvoHalftoneFromKeyword(keyword.c_str()))) + "}";
+            ",\"engine\":" + jsonString(kelvoHalftoneName(kelvoHalftoneFromKeyword(keyword.c_str()))) + "}";
   }
   char value[256] = "";
   const auto defaultOf = [&](const char* name) -> std::string {
@@ -604,20 +549,21 @@ bool sendPreview(pappl_client_t* client, const Fields& query) {
   Choice choice;
   std::string error;
   if (!choiceOf(query, offer, *page, choice, error)) return refuse(client, HTTP_STATUS_BAD_REQUEST, error);
-  CapturePrinter rendered;
+  KelvoDots rendered;
   bool ok;
   {
     std::lock_guard<std::mutex> working(sStudio->work);
     ok = renderPage(*offer.model, offer.data.mode_configured, *page, choice, rendered);
   }
   if (!ok) return refuse(client, HTTP_STATUS_SERVER_ERROR, "The engine could not process this page.");
-  const std::string head = "P4\n" + std::to_string(rendered.width_) + " " + std::to_string(rendered.height_) + "\n";
+  // PBM rows are the dots' rows: a set bit is black, the first pixel in bit 7.
+  const std::string head = "P4\n" + std::to_string(rendered.width) + " " + std::to_string(rendered.height) + "\n";
   if (!papplClientRespond(client, HTTP_STATUS_OK, nullptr, "image/x-portable-bitmap", 0,
-                          head.size() + rendered.rows_.size()))
+                          head.size() + rendered.bits.size()))
     return true;
   http_t* http = papplClientGetHTTP(client);
   httpWrite2(http, head.data(), head.size());
-  httpWrite2(http, reinterpret_cast<const char*>(rendered.rows_.data()), rendered.rows_.size());
+  httpWrite2(http, reinterpret_cast<const char*>(rendered.bits.data()), rendered.bits.size());
   return true;
 }
 

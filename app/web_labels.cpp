@@ -64,9 +64,9 @@ std::string kelvoWebLabelsScript() {
         values += (values.empty() ? "" : ", ") + quoted(word.keyword) + ": " + quoted(word.text);
         continue;
       }
-      // An old keyword: the first one with words and the same PPD word.
+      // An old keyword: the first one with words that stands for the same.
       for (int n = 0; n < choice.numWords; ++n)
-        if (choice.words[n].text != nullptr && std::string(choice.words[n].ppd) == word.ppd) {
+        if (choice.words[n].text != nullptr && choice.words[n].value == word.value) {
           old += (old.empty() ? "" : ", ") + quoted(word.keyword) + ": " + quoted(choice.words[n].keyword);
           break;
         }

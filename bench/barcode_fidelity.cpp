@@ -1,5 +1,5 @@
 // How near Barcode and Text comes to the nearest-dot drawing of symbols that
-// an enlarging filter interpolated: random symbols (tests/common/
+// an enlarging filter interpolated: random symbols (test_support/
 // enlarged_symbol.h) at each scale, the halftone's dots against the drawing
 // with every edge on its nearest dot, and the threshold (above 128 prints)
 // beside it for comparison.
@@ -11,8 +11,8 @@
 #include <cstdlib>
 #include <vector>
 
-#include "image/palette_barcode.h"
-#include "tests/common/enlarged_symbol.h"
+#include "image/barcode_text.h"
+#include "test_support/enlarged_symbol.h"
 
 int main(int argc, char** argv) {
   const int pages = argc > 1 ? std::atoi(argv[1]) : 200;

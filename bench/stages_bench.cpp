@@ -7,13 +7,14 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
 #include "bench/pages.h"
-#include "image/palette_dither.h"
-#include "printer/zpl_printer.h"
+#include "image/halftone.h"
+#include "printer/debug_pictures.h"
+#include "printer/page_pipeline.h"
+#include "printer/zpl_graphic.h"
 #include "stencil/jv_enhance.h"
 #include "stencil/jv_image.h"
 #include "stencil/jv_tattoo.h"
@@ -57,89 +58,36 @@ const std::string& scratchDir() {
   return dir;
 }
 
-class BenchPrinter : public ZplPrinter {
- public:
-  BenchPrinter() {
-    outputStreams_.clear();
-    outputStreams_.push_back(devNull());
-  }
-  PaletteImage& work() { return workImage_; }
-};
-
-void BM_CreateFromArray(benchmark::State& state) {
-  const InkPage& page = pageFor(static_cast<int>(state.range(0)));
-  PaletteImage img;
-  for (auto _ : state) {
-    img.CreateFromArray(const_cast<unsigned char*>(page.ink.data()), page.width, page.height, 8, page.width, false);
-    benchmark::DoNotOptimize(img.GetBits(0));
-  }
-  perPixel(state, page);
+// The label's dots by `method`.
+KelvoDots dotsOf(const InkPage& page, KelvoHalftone method) {
+  KelvoDots dots;
+  dots.reset(static_cast<unsigned>(page.width), static_cast<unsigned>(page.height));
+  kelvoHalftone(method, page.ink.data(), static_cast<size_t>(page.width), page.width, page.height, dots.bits.data(),
+                dots.rowBytes);
+  return dots;
 }
-BENCHMARK(BM_CreateFromArray)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
-// Dither(method) followed by IncreaseBpp(8), as the pipeline runs them.
-void BM_Dither(benchmark::State& state) {
+// The halftone straight into rows of dots; the argument is its number.
+void BM_Halftone(benchmark::State& state) {
   const InkPage& page = label();
-  PaletteImage img;
-  for (auto _ : state) {
-    state.PauseTiming();
-    img.CreateFromArray(const_cast<unsigned char*>(page.ink.data()), page.width, page.height, 8, page.width, false);
-    state.ResumeTiming();
-    img.Dither(state.range(0));
-    img.IncreaseBpp(8);
-    benchmark::DoNotOptimize(img.GetBits(0));
-  }
+  for (auto _ : state) benchmark::DoNotOptimize(dotsOf(page, static_cast<KelvoHalftone>(state.range(0))).bits.data());
   perPixel(state, page);
 }
-BENCHMARK(BM_Dither)->DenseRange(0, 8)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Halftone)->DenseRange(0, 7)->Arg(10)->Unit(benchmark::kMillisecond);
 
-// The error diffusions on each path: arguments method, path (-1 row by
+// The error diffusions on each path: arguments halftone, path (-1 row by
 // row, 0 wavefront in SSE2 lanes, 1 in AVX2 lanes where the CPU has them).
-void BM_DitherPath(benchmark::State& state) {
+void BM_HalftonePath(benchmark::State& state) {
   const InkPage& page = label();
   if (kelvoDitherSetPath(static_cast<int>(state.range(1))) != state.range(1)) {
     state.SkipWithError("path not on this CPU");
     return;
   }
-  PaletteImage img;
-  for (auto _ : state) {
-    state.PauseTiming();
-    img.CreateFromArray(const_cast<unsigned char*>(page.ink.data()), page.width, page.height, 8, page.width, false);
-    state.ResumeTiming();
-    img.Dither(state.range(0));
-    benchmark::DoNotOptimize(img.GetBits(0));
-  }
+  for (auto _ : state) benchmark::DoNotOptimize(dotsOf(page, static_cast<KelvoHalftone>(state.range(0))).bits.data());
   kelvoDitherSetPath(1);
   perPixel(state, page);
 }
-BENCHMARK(BM_DitherPath)->ArgsProduct({{2, 3, 6, 8}, {-1, 0, 1}})->Unit(benchmark::kMillisecond);
-
-void BM_Light(benchmark::State& state) {
-  const InkPage& page = pageFor(static_cast<int>(state.range(0)));
-  PaletteImage img;
-  img.CreateFromArray(const_cast<unsigned char*>(page.ink.data()), page.width, page.height, 8, page.width, false);
-  for (auto _ : state) {
-    img.Light(35, -20);
-    benchmark::DoNotOptimize(img.GetBits(0));
-  }
-  perPixel(state, page);
-}
-BENCHMARK(BM_Light)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
-
-void BM_MirrorRotate(benchmark::State& state) {
-  const InkPage& page = label();
-  PaletteImage img;
-  img.CreateFromArray(const_cast<unsigned char*>(page.ink.data()), page.width, page.height, 8, page.width, false);
-  for (auto _ : state) {
-    if (state.range(0) == 0)
-      img.Mirror();
-    else
-      img.Rotate180(nullptr);
-    benchmark::DoNotOptimize(img.GetBits(0));
-  }
-  perPixel(state, page);
-}
-BENCHMARK(BM_MirrorRotate)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_HalftonePath)->ArgsProduct({{2, 3, 6}, {-1, 0, 1}})->Unit(benchmark::kMillisecond);
 
 // --- stencil stages, on the A4 photo ---
 
@@ -155,7 +103,7 @@ void BM_StencilGray(benchmark::State& state) {
 BENCHMARK(BM_StencilGray)->Unit(benchmark::kMillisecond);
 
 void BM_StencilThreshold(benchmark::State& state) {
-  for (auto _ : state) benchmark::DoNotOptimize(thresh_global_moments_guarded(photoGray()));
+  for (auto _ : state) benchmark::DoNotOptimize(thresh_global_moments(photoGray()));
   perPixel(state, photo());
 }
 BENCHMARK(BM_StencilThreshold)->Unit(benchmark::kMillisecond);
@@ -163,7 +111,7 @@ BENCHMARK(BM_StencilThreshold)->Unit(benchmark::kMillisecond);
 void BM_StencilGamma(benchmark::State& state) {
   JVImage img(photoGray());
   for (auto _ : state) {
-    enh_piecewise_gamma_guarded(img, 64, 0.85f, 0.7f);
+    enh_piecewise_gamma(img, 64, 0.85f, 0.7f);
     benchmark::DoNotOptimize(img.data);
   }
   perPixel(state, photo());
@@ -209,7 +157,7 @@ BENCHMARK(BM_StencilUnsharp)
 // Arguments: threads, vector path.
 void BM_StencilDiffusion(benchmark::State& state) {
   const JVImage sharp = enh_unsharp_mask(photoGray(), 300.0f, 11);
-  const int t = thresh_global_moments_guarded(photoGray());
+  const int t = thresh_global_moments(photoGray());
   const JVRunOptions o = withThreads(state.range(0), state.range(1));
   for (auto _ : state) benchmark::DoNotOptimize(edf_cus(sharp, t, o).data);
   perPixel(state, photo());
@@ -223,7 +171,7 @@ void BM_StencilChain(benchmark::State& state) {
   JVImage src(photoGray());
   const JVRunOptions o = withThreads(state.range(1));
   for (auto _ : state) {
-    JVImage out = state.range(0) == 0 ? jvTattooDitheringGuarded(src, o) : jvTattooDitheringX8Guarded(src, o);
+    JVImage out = state.range(0) == 0 ? jvTattooDithering(src, o) : jvTattooDitheringX8(src, o);
     benchmark::DoNotOptimize(out.data);
   }
   perPixel(state, photo());
@@ -232,56 +180,26 @@ BENCHMARK(BM_StencilChain)
     ->Args({0, 1})->Args({1, 1})->Args({0, 2})->Args({1, 2})
     ->MeasureProcessCPUTime()->UseRealTime()->Unit(benchmark::kMillisecond);
 
-// --- output: 1-bit packing with the row encoder, and the debug images ---
+// --- output: the row encoder, and the debug pictures ---
 
-// A halftoned page of 0/1 bytes, as the pipeline hands it to the printer.
-std::vector<unsigned char> halftoned(const InkPage& page) {
-  PaletteImage img;
-  img.CreateFromArray(const_cast<unsigned char*>(page.ink.data()), page.width, page.height, 8, page.width, false);
-  img.Dither(1);
-  img.IncreaseBpp(8);
-  std::vector<unsigned char> out(static_cast<size_t>(page.width) * page.height);
-  for (int y = 0; y < page.height; ++y)
-    for (int x = 0; x < page.width; ++x) out[static_cast<size_t>(y) * page.width + x] = img.GetPixelIndex(x, y);
-  return out;
-}
-
-void BM_GrayToMono(benchmark::State& state) {
-  const InkPage& page = pageFor(static_cast<int>(state.range(0)));
-  const std::vector<unsigned char> src = halftoned(page);
-  std::vector<unsigned char> buf;
-  BenchPrinter printer;
-  for (auto _ : state) {
-    state.PauseTiming();
-    buf = src;
-    state.ResumeTiming();
-    benchmark::DoNotOptimize(printer.GrayToMono(page.width, page.height, buf.data()));
-  }
-  perPixel(state, page);
-}
-BENCHMARK(BM_GrayToMono)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
-
-// The whole graphic: packing plus the row encoder through the print
-// primitives, to /dev/null; second argument 0 the Kelvo dialect, 1 Standard.
+// The whole graphic of a page of ordered dots to /dev/null; second argument
+// 0 the Kelvo dialect, 1 Standard.
 void BM_ZplGraphic(benchmark::State& state) {
   const InkPage& page = pageFor(static_cast<int>(state.range(0)));
-  const std::vector<unsigned char> src = halftoned(page);
-  BenchPrinter printer;
-  printer.setDialect(state.range(1) != 0 ? kDialectStandard : kDialectKelvo);
-  cups_page_header2_t header{};
-  header.NumCopies = 1;
-  printer.setPageHeader(&header);
-  for (auto _ : state) printer.doPrintImage(src.data(), page.width, page.height, page.width);
+  const KelvoDots dots = dotsOf(page, KelvoHalftone::kOrdered4x4);
+  KelvoSink sink(devNull());
+  KelvoJobSettings settings;
+  settings.dialect = state.range(1) != 0 ? ZplDialect::kStandard : ZplDialect::kKelvo;
+  for (auto _ : state) kelvoWriteGraphic(sink, settings, dots);
   perPixel(state, page);
 }
 BENCHMARK(BM_ZplGraphic)->ArgsProduct({{0, 1}, {0, 1}})->Unit(benchmark::kMillisecond);
 
 void BM_SaveImage(benchmark::State& state) {
   const InkPage& page = pageFor(static_cast<int>(state.range(0)));
-  BenchPrinter printer;
-  printer.setDebugImages(true, scratchDir(), "bench");
+  KelvoDebugPictures pictures(scratchDir(), "bench");
   for (auto _ : state) {
-    printer.saveImage(page.ink.data(), page.width, page.height, page.width, 8, "origin");
+    pictures.saveReceived(page.ink.data(), page.width, page.height);
     state.PauseTiming();
     // Every file of the scratch folder is the benchmark's own.
     const std::string clean = "rm -f " + scratchDir() + "/kelvozpl-debug-*.bmp";
@@ -292,36 +210,46 @@ void BM_SaveImage(benchmark::State& state) {
 }
 BENCHMARK(BM_SaveImage)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
-// --- the whole page through printImage: label with None and with an
-// error diffusion (type 2 runs Burkes), A4 with both stencil chains ---
+// --- the whole page, as the engine prints it: the label with the threshold,
+// Burkes' diffusion and Barcode and Text made darker and mirrored, A4 with
+// both stencil chains ---
 
 struct PageCase {
   int page;
-  DitherType type;
+  KelvoHalftone halftone;
+  int brightness;
+  bool mirror;
 };
-const PageCase kPageCases[] = {{0, None}, {0, Ordered}, {1, Tattoo}, {1, Tattoo_X8}};
+const PageCase kPageCases[] = {{0, KelvoHalftone::kThreshold, 0, false},
+                               {0, KelvoHalftone::kBurkes, 0, false},
+                               {0, KelvoHalftone::kBarcodeText, 20, true},
+                               {1, KelvoHalftone::kTattoo, 0, false},
+                               {1, KelvoHalftone::kTattooX8, 0, false}};
 
 void BM_WholePage(benchmark::State& state) {
   const PageCase& c = kPageCases[state.range(0)];
   const InkPage& page = pageFor(c.page);
-  BenchPrinter printer;
-  cups_page_header2_t header{};
-  header.NumCopies = 1;
-  printer.setPageHeader(&header);
-  printer.setHalftoneType(c.type);
-  // Debug pictures are off, as in the shipped PPDs. printImage may work in
-  // the page it is given, so each round gets a fresh copy (not timed), as
-  // each page of a job is read afresh.
+  KelvoSink sink(devNull());
+  KelvoJobSettings settings;
+  settings.halftone = c.halftone;
+  settings.brightness = c.brightness;
+  settings.mirror = c.mirror;
+  const KelvoPageSize size{static_cast<unsigned>(page.width), static_cast<unsigned>(page.height), 300, 300};
+  KelvoDots dots;
+  // The engine works in the page it is given, so each round gets a fresh
+  // copy (not timed), as each page of a job is read afresh. Debug pictures
+  // are off, as in the shipped PPDs.
   std::vector<unsigned char> scratch(page.ink.size());
   for (auto _ : state) {
     state.PauseTiming();
-    std::memcpy(scratch.data(), page.ink.data(), scratch.size());
+    scratch = page.ink;
     state.ResumeTiming();
-    printer.printImage(scratch.data(), page.width, page.height, page.width);
+    kelvoRenderPage(scratch.data(), static_cast<size_t>(page.width), size, settings, dots, nullptr);
+    kelvoWriteGraphic(sink, settings, dots);
   }
   perPixel(state, page);
 }
-BENCHMARK(BM_WholePage)->DenseRange(0, 3)->MeasureProcessCPUTime()->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_WholePage)->DenseRange(0, 4)->MeasureProcessCPUTime()->UseRealTime()->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

@@ -20,8 +20,7 @@
 
 #include "filter/ppd_helpers.h"
 #include "filter/settings.h"
-#include "printer/label_setup.h"
-#include "printer/zpl_printer.h"
+#include "printer/page_engine.h"
 #include "support/kelvo_log.h"
 #include "support/kelvo_string.h"
 #include "support/page_buffer.h"
@@ -36,18 +35,18 @@
 
 namespace {
 
-const char sVersion[] = "3.13.13";
+const char kVersion[] = "3.13.13";
 
 // Set when the spooler cancels the job (SIGTERM). The filter runs one job per
-// process, so the flag lives here; the printer is handed a pointer to it.
-volatile std::sig_atomic_t sJobCancelled = 0;
+// process, so the flag lives here; the engine's sink is handed a pointer to it.
+volatile std::sig_atomic_t gJobCancelled = 0;
 
 // A cancelled job finishes the row it is sending and ends the download; that
 // takes milliseconds. Should the printer link stall instead, the alarm half a
 // second later makes the stream non-blocking, so the writes fail at once and
 // the filter ends instead of waiting until the spooler kills it.
 extern "C" void onCancel(int) {
-  sJobCancelled = 1;
+  gJobCancelled = 1;
   struct itimerval grace {};
   grace.it_value.tv_usec = 500 * 1000;
   setitimer(ITIMER_REAL, &grace, nullptr);
@@ -107,9 +106,9 @@ bool outputFailed(FILE* out) {
   // When the spooler cancels a job it stops the backend and the filter
   // alike, in no fixed order: a link that went away may be the cancel
   // arriving a moment later. Give it that moment before calling it a failure.
-  if (failed && !sJobCancelled && (errno == EPIPE || errno == 0)) {
+  if (failed && !gJobCancelled && (errno == EPIPE || errno == 0)) {
     const int saved = errno;
-    for (int i = 0; i < 30 && !sJobCancelled; ++i) {
+    for (int i = 0; i < 30 && !gJobCancelled; ++i) {
       const struct timespec tick {0, 10 * 1000 * 1000};
       nanosleep(&tick, nullptr);
     }
@@ -117,7 +116,7 @@ bool outputFailed(FILE* out) {
   }
   // After a cancel the write error is the cancel itself (the link was closed,
   // or made non-blocking above), not a failure of the job.
-  if (failed && !sJobCancelled)
+  if (failed && !gJobCancelled)
     kelvoLogCommon(LogError, "Unable to send the job to the printer: writing standard output failed (%s)",
                    errno != 0 ? std::strerror(errno) : "write error");
   return failed;
@@ -174,7 +173,7 @@ struct RasterSource {
     auto* self = static_cast<RasterSource*>(context);
     for (;;) {
       const ssize_t got = ::read(self->fd, buffer, length);
-      if (got < 0 && errno == EINTR && !sJobCancelled) continue;
+      if (got < 0 && errno == EINTR && !gJobCancelled) continue;
       if (got <= 0) {
         self->atEnd = true;
         return got < 0 && errno == EINTR ? 0 : got;
@@ -215,16 +214,14 @@ struct RasterSource {
 };
 
 // Reads and prints pages until the stream ends; returns the exit status.
-int pageLoop(cups_raster_t* raster, RasterSource& source, Settings& settings, const KelvoPrintableArea& area,
-             KelvoPrinter& printer, unsigned char*& buffer) {
+int pageLoop(cups_raster_t* raster, RasterSource& source, KelvoEngine& engine, unsigned char*& buffer) {
   size_t bufferBytes = 0;
   cups_page_header2_t header;
   int pageCount = 0;
-  FILE* out = printer.getOutputStreams().front();
   source.markPageEnd();
-  while (!sJobCancelled) {
+  while (!gJobCancelled) {
     if (!cupsRasterReadHeader2(raster, &header)) {
-      if (sJobCancelled || !source.refused()) break;
+      if (gJobCancelled || !source.refused()) break;
       kelvoLogCommon(LogError, "Page %d: the raster stream holds %s after %d complete pages; the job stops here",
                      pageCount + 1, cupsLastErrorString() != nullptr && *cupsLastErrorString() != '\0'
                                         ? "a page header that is not valid (bits per pixel, bytes per line or "
@@ -233,17 +230,12 @@ int pageLoop(cups_raster_t* raster, RasterSource& source, Settings& settings, co
                      pageCount);
       return 1;
     }
-    if (header.cupsBitsPerPixel != 8) {
-      kelvoLogCommon(LogError, "Unsupported bits per pixel : %d ! Requires 8 bits per pixel!",
-                     header.cupsBitsPerPixel);
-      return 1;
-    }
     // An empty page ends the whole job successfully: the spooler sends one
     // after the last real page on some printers.
-    if (header.cupsHeight == 0 || header.cupsBytesPerLine == 0) return 0;
+    if (header.cupsBitsPerPixel == 8 && (header.cupsHeight == 0 || header.cupsBytesPerLine == 0)) return 0;
     // A page the printer could not print is refused before anything is
     // allocated for it: its cost would be for nobody.
-    const std::string refusal = kelvoPageRefusal(area, header, static_cast<unsigned>(pageCount) + 1);
+    const std::string refusal = engine.checkPage(header, static_cast<unsigned>(pageCount) + 1);
     if (!refusal.empty()) {
       kelvoLogCommon(LogError, "%s", refusal.c_str());
       return 1;
@@ -261,39 +253,28 @@ int pageLoop(cups_raster_t* raster, RasterSource& source, Settings& settings, co
       }
     }
 
-    // From here on the raster's own size is the page size of the job.
-    settings.pageWidth = static_cast<float>(header.cupsWidth * 25.4 / header.HWResolution[0]);
-    settings.pageHeight = static_cast<float>(header.cupsHeight * 25.4 / header.HWResolution[1]);
-    settings.pageWidthDots = header.cupsWidth;
-    settings.pageHeightDots = header.cupsHeight;
-    kelvoLogCommon(LogDebug, "pageWidth: %f,pageHeight: %f", settings.pageWidth, settings.pageHeight);
-
-    jobSetup(printer, &settings);
-    printer.setPageHeader(&header);
-    printer.setBrightness(settings.Brightness);
-    printer.setHalftoneType(static_cast<DitherType>(settings.halftoneType));
-    printer.setMirrorPrint(settings.MirrorImage != 0);
-    printer.setNegativePrint(settings.NegativeImage != 0);
-    setCls(printer);
+    // The page's copies and size name come with its header; the printer
+    // repeats the page itself.
+    KelvoJobSettings& settings = engine.settings();
+    settings.copies = header.NumCopies;
+    settings.sheet.assign(header.cupsPageSizeName, strnlen(header.cupsPageSizeName, sizeof header.cupsPageSizeName));
+    engine.startPage(header);
 
     ++pageCount;
     logHeader(pageCount, header);
 
     const bool whole = cupsRasterReadPixels(raster, buffer, pageBytes) != 0;
     source.markPageEnd();
-    if (whole && !sJobCancelled) {
-      printer.startPage();
-      if (!printer.printImage(buffer, header.cupsBytesPerLine, header.cupsHeight, header.cupsWidth)) {
-        kelvoLogCommon(LogError, "Page %d: out of memory while processing it; the job stops here", pageCount);
-        return 1;
-      }
+    if (whole && !gJobCancelled && !engine.finishPage(buffer)) {
+      kelvoLogCommon(LogError, "Page %d: out of memory while processing it; the job stops here", pageCount);
+      return 1;
     }
     // Stop at the first page the printer could not receive; the rest would
     // be rendered for nobody.
-    if (outputFailed(out)) return sJobCancelled ? 0 : 1;
+    if (outputFailed(stdout)) return gJobCancelled ? 0 : 1;
   }
   // Cancelling is the spooler's decision, not a failure of the job.
-  if (sJobCancelled) kelvoLogCommon(LogDebug, "Job cancelled after %d pages", pageCount);
+  if (gJobCancelled) kelvoLogCommon(LogDebug, "Job cancelled after %d pages", pageCount);
   return 0;
 }
 
@@ -414,7 +395,7 @@ int filterMain(int argc, char** argv) {
   if (argc < 6) {
     // "copyies" is how the usage line has always been spelt.
     std::fprintf(stderr, "%s v%s\n\nUsage:\n\n    %s job_id user title copyies options [file]\n\n",
-                 kelvoPathGetBasename(program), sVersion, kelvoPathGetBasename(program));
+                 kelvoPathGetBasename(program), kVersion, kelvoPathGetBasename(program));
     return 1;
   }
 
@@ -436,10 +417,9 @@ int filterMain(int argc, char** argv) {
     }
   }
 
-  sJobCancelled = 0;
+  gJobCancelled = 0;
   JobSignals signals;
   int status = 1;
-  std::unique_ptr<ZplPrinter> printer(new ZplPrinter());
   Settings settings{};
   unsigned char* buffer = nullptr;
   cups_raster_t* raster = nullptr;
@@ -447,22 +427,25 @@ int filterMain(int argc, char** argv) {
   source.fd = fd;
 
   KelvoPrintableArea area;
-  parseSettings(&settings, options, &area);
-  printer->setCancelFlag(&sJobCancelled);
-  printer->setDialect(settings.dialect);
-  printer->setGraphicEncoding(settings.encoding);
-  const char* tmp = std::getenv("TMPDIR");
-  printer->setDebugImages(settings.DebugImages != 0, tmp != nullptr && *tmp != '\0' ? tmp : KELVO_DEBUG_IMAGE_DIR,
-                          jobId);
+  kelvoParseSettings(&settings, options, &area);
+  KelvoJobSettings job = kelvoEngineSettings(settings);
+  if (settings.DebugImages != 0) {
+    const char* tmp = std::getenv("TMPDIR");
+    job.debugFolder = tmp != nullptr && *tmp != '\0' ? tmp : KELVO_DEBUG_IMAGE_DIR;
+    job.debugTag = jobId;
+  }
+  KelvoSink sink(stdout);
+  sink.setCancelFlag(&gJobCancelled);
 
   std::unique_ptr<Recording> recording;
   if (settings.outputFile[0] != '\0') {
     recording.reset(new Recording(settings.outputFile));
     if (FILE* stream = recording->open()) {
       kelvoLogCommon(LogDebug, "Filter data output to: %s", settings.outputFile);
-      printer->getOutputStreams().push_back(stream);
+      sink.addStream(stream);
     }
   }
+  KelvoEngine engine(job, area, sink);
 
   // Only a missing or vanishing size is refused, whatever the message says;
   // the text is what support staff search the logs for.
@@ -471,11 +454,10 @@ int filterMain(int argc, char** argv) {
                  settings.pageHeight);
     explainMissingPageSize(settings);
   } else {
-    // Line feeds wake the printer and flush anything left in its parser.
-    for (int i = 0; i < 64; ++i) printer->printByte('\n');
+    engine.wakePrinter();
     raster = cupsRasterOpenIO(RasterSource::read, &source, CUPS_RASTER_READ);
     try {
-      status = raster != nullptr ? pageLoop(raster, source, settings, area, *printer, buffer) : 0;
+      status = raster != nullptr ? pageLoop(raster, source, engine, buffer) : 0;
     } catch (const std::bad_alloc&) {
       kelvoLogCommon(LogError, "A page could not be printed: out of memory; the job stops here");
       status = 1;
@@ -486,7 +468,7 @@ int filterMain(int argc, char** argv) {
   if (raster != nullptr) cupsRasterClose(raster);
   // The last bytes may still sit in a buffer; a job whose end never reached
   // the printer has failed.
-  if (status == 0 && outputFailed(stdout) && !sJobCancelled) status = 1;
+  if (status == 0 && outputFailed(stdout) && !gJobCancelled) status = 1;
   if (recording && recording->failed())
     kelvoLogCommon(LogWarning, "Recording file %s is incomplete", settings.outputFile);
   if (fd != 0) close(fd);

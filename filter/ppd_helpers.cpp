@@ -56,10 +56,6 @@ extern "C" const char* kelvoPpdGetAttrAsStrDefault(ppd_file_t* ppd, const char* 
   return value != nullptr ? value : def;
 }
 
-extern "C" double kelvoPpdGetAttrAsFloatDefault(ppd_file_t* ppd, const char* name, const char* spec, double def) {
-  const char* value = attrValue(ppd, name, spec);
-  return value != nullptr ? std::atof(value) : def;
-}
 
 ppd_file_t* kelvoPpdOpenFile(const char* path, std::string* why) {
   std::string reason;

@@ -29,9 +29,6 @@ signed char kelvoPpdGetChoiceAsBoolDefault(ppd_file_t* ppd, const char* keyword,
 // specifier), or `def` when it is missing or has no value.
 const char* kelvoPpdGetAttrAsStrDefault(ppd_file_t* ppd, const char* name, const char* spec, const char* def);
 
-// The same attribute value read by atof, or `def`.
-double kelvoPpdGetAttrAsFloatDefault(ppd_file_t* ppd, const char* name, const char* spec, double def);
-
 }
 
 // Opens the PPD at `path` and reads it; null when that fails, with the

@@ -15,6 +15,46 @@
 
 namespace {
 
+// The PPD's HalftoneType words. They are older than the methods' names and
+// sit one method off for most ("FloydSteinberg" runs the ordered dither);
+// printers in the field are tuned to what each word runs.
+constexpr struct {
+  const char* word;
+  KelvoHalftone halftone;
+} kPpdHalftones[] = {
+    {"None", KelvoHalftone::kThreshold},
+    {"FloydSteinberg", KelvoHalftone::kOrdered4x4},
+    {"Ordered", KelvoHalftone::kBurkes},
+    {"Burkes", KelvoHalftone::kStucki},
+    {"Stucki", KelvoHalftone::kJarvisJudiceNinke},
+    {"JarvisJudiceNinke", KelvoHalftone::kSierra},
+    {"Sierra", KelvoHalftone::kStevensonArce},
+    {"StevensonArce", KelvoHalftone::kBayer},
+    {"Tattoo", KelvoHalftone::kTattoo},
+    {"Tattoo_X8", KelvoHalftone::kTattooX8},
+    {"BarcodeText", KelvoHalftone::kBarcodeText},
+};
+
+// The method of an exact, case-sensitive word; other words give the
+// threshold.
+KelvoHalftone halftoneOfWord(const char* word) {
+  for (const auto& entry : kPpdHalftones)
+    if (std::strcmp(word, entry.word) == 0) return entry.halftone;
+  return KelvoHalftone::kThreshold;
+}
+
+bool contains(const char* text, const char* word) { return std::strstr(text, word) != nullptr; }
+
+// The speed word itself is what "^PR" always carried, so only one or two
+// digits are taken: anything else could carry other commands.
+bool isSpeedWord(const char* speed) {
+  const size_t length = std::strlen(speed);
+  if (length == 0 || length > 2) return false;
+  for (size_t i = 0; i < length; ++i)
+    if (speed[i] < '0' || speed[i] > '9') return false;
+  return true;
+}
+
 void copyChoice(char* field, ppd_file_t* ppd, const char* keyword) {
   kelvoStrCpy(field, kelvoPpdGetChoiceAsStrDefault(ppd, keyword, ""), kSettingsTextSize);
 }
@@ -108,8 +148,8 @@ void applyDiagnosticsRule(ppd_file_t* ppd, int& count, cups_option_t*& list) {
   }
 }
 
-}  // namespace
-
+// Page size in millimetres of the marked "PageSize" (custom sizes included);
+// 0 by 0 when the PPD has no such size.
 void getPageWidthPageHeight(ppd_file_t* ppd, Settings* settings) {
   const char* name = kelvoPpdGetChoiceAsStrDefault(ppd, "PageSize", "");
   settings->pageWidth = 0;
@@ -127,7 +167,10 @@ void getPageWidthPageHeight(ppd_file_t* ppd, Settings* settings) {
   kelvoLogCommon(LogDebug, "Set page size: width %f mm, height %f mm", settings->pageWidth, settings->pageHeight);
 }
 
-void parseSettings(Settings* settings, const char* options, KelvoPrintableArea* area) {
+}  // namespace
+
+
+void kelvoParseSettings(Settings* settings, const char* options, KelvoPrintableArea* area) {
   if (settings == nullptr) return;
   const char* ppdPath = std::getenv("PPD");
   ppd_file_t* ppd = ppdPath != nullptr ? kelvoPpdOpenFile(ppdPath, nullptr) : nullptr;
@@ -151,56 +194,102 @@ void parseSettings(Settings* settings, const char* options, KelvoPrintableArea* 
 
   std::memset(settings, 0, sizeof *settings);
   copyChoice(settings->PageSize, ppd, "PageSize");
-  copyChoice(settings->Resolution, ppd, "Resolution");
   copyChoice(settings->MediaMethod, ppd, "MediaMethod");
   copyChoice(settings->PaperType, ppd, "PaperType");
   settings->GapsHeight = kelvoPpdGetChoiceAsIntDefault(ppd, "GapsHeight", 0);
   copyChoice(settings->PostAction, ppd, "PostAction");
-  copyChoice(settings->Occurrence, ppd, "Occurrence");
   copyChoice(settings->Origin, ppd, "Origin");
-  settings->halftoneType = kelvoHalftoneTypeFromStr(kelvoPpdGetChoiceAsStrDefault(ppd, "HalftoneType", ""));
+  settings->halftoneType = halftoneOfWord(kelvoPpdGetChoiceAsStrDefault(ppd, "HalftoneType", ""));
   settings->MirrorImage = kelvoPpdGetChoiceAsBoolDefault(ppd, "MirrorImage", 0);
   settings->NegativeImage = kelvoPpdGetChoiceAsBoolDefault(ppd, "NegativeImage", 0);
   copyChoice(settings->PrintSpeed, ppd, "PrintSpeed");
   settings->Darkness = kelvoPpdGetChoiceAsIntDefault(ppd, "Darkness", 0);
   settings->Brightness = kelvoPpdGetChoiceAsIntDefault(ppd, "Brightness", 0);
-  settings->DirectBuffer = 0;
-  settings->StoredGraphics = 0;
-  settings->OptionDisplayUnit = 0;
   getPageWidthPageHeight(ppd, settings);
-  settings->ForceRotation = kelvoPpdGetChoiceAsIntDefault(ppd, "ForceRotation", 0);
 
   if (kelvoPpdGetChoiceAsIntDefault(ppd, "RecordPrinterCommands", 0) > 0) makeRecordingName(ppd, settings);
 
   // Newer choices. A PPD without them prints as before: the Kelvo dialect,
   // hex graphics, debug pictures on.
   const char* dialect = kelvoPpdGetChoiceAsStrDefault(ppd, "ZplDialect", "");
-  settings->dialect = std::strcmp(dialect, "Standard") == 0 ? kDialectStandard : kDialectKelvo;
+  settings->dialect = std::strcmp(dialect, "Standard") == 0 ? ZplDialect::kStandard : ZplDialect::kKelvo;
   const char* encoding = kelvoPpdGetChoiceAsStrDefault(ppd, "GraphicEncoding", "");
-  settings->encoding = std::strcmp(encoding, "Z64") == 0         ? kEncodingZ64
-                       : std::strcmp(encoding, "InlineZ64") == 0 ? kEncodingInlineZ64
-                                                                 : kEncodingHex;
+  settings->encoding = std::strcmp(encoding, "Z64") == 0         ? GraphicEncoding::kZ64
+                       : std::strcmp(encoding, "InlineZ64") == 0 ? GraphicEncoding::kInlineZ64
+                                                                 : GraphicEncoding::kHex;
   settings->DebugImages = kelvoPpdGetChoiceAsBoolDefault(ppd, "DebugImages", 1) != 0 ? 1 : 0;
+  settings->AntiWrinkle = kelvoPpdGetChoiceAsIntDefault(ppd, "AntiWrinkle", 0);
 
-  kelvoLogCommon(LogDebug, "settings->Resolution:%s", settings->Resolution);
   kelvoLogCommon(LogDebug, "settings->MediaMethod:%s", settings->MediaMethod);
   kelvoLogCommon(LogDebug, "settings->PaperType:%s", settings->PaperType);
   kelvoLogCommon(LogDebug, "settings->GapsHeight:%d", settings->GapsHeight);
   kelvoLogCommon(LogDebug, "settings->PostAction:%s", settings->PostAction);
-  kelvoLogCommon(LogDebug, "settings->Occurrence:%s", settings->Occurrence);
   kelvoLogCommon(LogDebug, "settings->Origin:%s", settings->Origin);
   kelvoLogCommon(LogDebug, "settings->MirrorImage:%d", settings->MirrorImage);
   kelvoLogCommon(LogDebug, "settings->NegativeImage:%d", settings->NegativeImage);
   kelvoLogCommon(LogDebug, "settings->PrintSpeed:%s", settings->PrintSpeed);
   kelvoLogCommon(LogDebug, "settings->Darkness:%d", settings->Darkness);
   kelvoLogCommon(LogDebug, "settings->halftoneType:%d", static_cast<int>(settings->halftoneType));
-  kelvoLogCommon(LogDebug, "settings->DirectBuffer:%d", settings->DirectBuffer);
-  kelvoLogCommon(LogDebug, "settings->StoredGraphics:%d", settings->StoredGraphics);
-  kelvoLogCommon(LogDebug, "settings->OptionDisplayUnit:%d", settings->OptionDisplayUnit);
   kelvoLogCommon(LogDebug, "settings->PageSize:%s", settings->PageSize);
   kelvoLogCommon(LogDebug, "settings->pageWidth:%f", settings->pageWidth);
   kelvoLogCommon(LogDebug, "settings->pageHeight:%f", settings->pageHeight);
 
   if (area != nullptr) *area = kelvoPpdPrintableArea(ppd);
   if (ppd != nullptr) ppdClose(ppd);
+}
+
+KelvoJobSettings kelvoEngineSettings(const Settings& settings) {
+  KelvoJobSettings job;
+  job.dialect = settings.dialect;
+  job.encoding = settings.encoding;
+
+  // First match wins.
+  const char* paper = settings.PaperType;
+  if (contains(paper, "Normal")) {
+    job.tracking = MediaTracking::kPrinterSetting;
+  } else if (contains(paper, "Continue")) {
+    job.tracking = MediaTracking::kContinuous;
+  } else if (contains(paper, "LabelGaps")) {
+    job.tracking = MediaTracking::kGaps;
+  } else if (contains(paper, "LabelMark")) {
+    job.tracking = MediaTracking::kMarks;
+  } else {
+    job.tracking = MediaTracking::kUnnamed;
+    if (*paper != '\0') kelvoLogCommon(LogDebug, "Unknown paper type: %s!", paper);
+  }
+  job.gapMm = settings.GapsHeight;
+
+  if (contains(settings.MediaMethod, "Direct"))
+    job.printMethod = PrintMethod::kDirectThermal;
+  else if (contains(settings.MediaMethod, "Transfer"))
+    job.printMethod = PrintMethod::kThermalTransfer;
+
+  // "PartialCut" contains "Cut": both cut.
+  const char* post = settings.PostAction;
+  if (contains(post, "Normal") || contains(post, "None"))
+    job.postAction = PostAction::kPrinterSetting;
+  else if (contains(post, "TearOff"))
+    job.postAction = PostAction::kTearOff;
+  else if (contains(post, "PeelOff"))
+    job.postAction = PostAction::kPeelOff;
+  else if (contains(post, "Cut"))
+    job.postAction = PostAction::kCut;
+
+  job.turnLabel = contains(settings.Origin, "Rotation180");
+  const char* speed = settings.PrintSpeed;
+  if (!contains(speed, "Normal") && std::atof(speed) > 0.000000000000001) {
+    if (isSpeedWord(speed))
+      job.speed = std::atoi(speed);
+    else
+      kelvoLogCommon(LogWarning, "Print speed \"%.40s\" is not a speed the printer accepts (1 or 2 digits); none is sent",
+                     speed);
+  }
+  job.darkness = settings.Darkness;
+
+  job.halftone = settings.halftoneType;
+  job.brightness = settings.Brightness;
+  job.mirror = settings.MirrorImage != 0;
+  job.negative = settings.NegativeImage != 0;
+  job.antiWrinkleMm = settings.AntiWrinkle < 0 ? 0 : settings.AntiWrinkle > 3 ? 3 : settings.AntiWrinkle;
+  return job;
 }

@@ -18,7 +18,7 @@
 #include "filter/filter_main.h"
 #include "filter/ppd_helpers.h"
 #include "fuzz_util.h"
-#include "printer/zpl_printer.h"
+#include "printer/page_limits.h"
 #include "tools/zpl_decode.h"
 
 namespace {

@@ -6,22 +6,22 @@
 // recording-file prefix, and any further lines as raw PPD text.
 //
 // Properties: every text field stays terminated within its size; the
-// halftone is one of the ten methods; the setup block is well formed.
+// halftone is one of the methods; the setup block is well formed.
 #include <algorithm>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "printer/label_setup.h"
 #include "filter/settings.h"
 #include "fuzz_util.h"
-#include "tests/common/memory_printer.h"
+#include "printer/label_setup.h"
+#include "test_support/memory_sink.h"
 
 namespace {
 
 const char* const kOptions[] = {"PageSize",   "Resolution",   "MediaMethod",   "PaperType",  "GapsHeight",
-                                "PostAction", "Occurrence",   "Origin",        "HalftoneType", "MirrorImage",
-                                "NegativeImage", "PrintSpeed", "Darkness",     "Brightness", "ForceRotation",
+                                "PostAction", "AntiWrinkle",  "Origin",        "HalftoneType", "MirrorImage",
+                                "NegativeImage", "PrintSpeed", "Darkness",     "Brightness", "ZplDialect",
                                 "RecordPrinterCommands"};
 const size_t kOptionCount = sizeof kOptions / sizeof kOptions[0];
 
@@ -92,32 +92,30 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   Settings settings;
   std::memset(&settings, 0xA5, sizeof settings);
-  parseSettings(&settings, options.c_str());
+  kelvoParseSettings(&settings, options.c_str());
 
   const struct {
     const char* name;
     const char* field;
     size_t size;
   } texts[] = {{"PageSize", settings.PageSize, sizeof settings.PageSize},
-               {"Resolution", settings.Resolution, sizeof settings.Resolution},
                {"MediaMethod", settings.MediaMethod, sizeof settings.MediaMethod},
                {"PaperType", settings.PaperType, sizeof settings.PaperType},
                {"PostAction", settings.PostAction, sizeof settings.PostAction},
-               {"Occurrence", settings.Occurrence, sizeof settings.Occurrence},
                {"Origin", settings.Origin, sizeof settings.Origin},
                {"PrintSpeed", settings.PrintSpeed, sizeof settings.PrintSpeed},
                {"outputFile", settings.outputFile, sizeof settings.outputFile}};
   for (const auto& t : texts)
     if (!terminated(t.field, t.size)) kfuzz::fail("%s is not terminated within %zu bytes", t.name, t.size);
-  if (settings.halftoneType < None || settings.halftoneType > BarcodeText)
-    kfuzz::fail("halftone type %d", static_cast<int>(settings.halftoneType));
-  if (settings.DirectBuffer != 0 || settings.StoredGraphics != 0 || settings.OptionDisplayUnit != 0)
-    kfuzz::fail("fields that are always 0 are not");
+  const int halftone = static_cast<int>(settings.halftoneType);
+  if (halftone < 0 || halftone >= kKelvoHalftoneCount) kfuzz::fail("halftone type %d", halftone);
 
-  MemoryPrinter printer;
-  jobSetup(printer, &settings);
-  const std::string block = printer.take();
-  const char* start = settings.dialect == kDialectStandard ? "^XA\r\n" : "SIZE ";
+  MemorySink sink;
+  const KelvoJobSettings job = kelvoEngineSettings(settings);
+  if (job.antiWrinkleMm < 0 || job.antiWrinkleMm > 3) kfuzz::fail("anti-wrinkle frame of %d mm", job.antiWrinkleMm);
+  kelvoWriteLabelSetup(sink, job, KelvoPageSize{812, 1218, 203, 203});
+  const std::string block = sink.take();
+  const char* start = settings.dialect == ZplDialect::kStandard ? "^XA\r\n" : "SIZE ";
   if (block.compare(0, std::strlen(start), start) != 0 || block.size() < 8 ||
       block.compare(block.size() - 7, 7, "^XZ\r\n\r\n") != 0)
     kfuzz::fail("setup block is not framed by %s and ^XZ: %s", start, block.c_str());

@@ -11,7 +11,7 @@
 #include <fstream>
 #include <string>
 
-#include "tests/common/read_file.h"
+#include "test_support/read_file.h"
 
 namespace kfuzz {
 

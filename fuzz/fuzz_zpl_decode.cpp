@@ -5,20 +5,22 @@
 #include <vector>
 
 #include "fuzz_util.h"
-#include "tests/common/memory_printer.h"
-#include "tests/reference/reference.h"
+#include "printer/zpl_graphic.h"
+#include "test_support/memory_sink.h"
 #include "tools/zpl_decode.h"
 
 namespace {
 
-// The graphic as a download of its own through the filter's row encoder.
-std::string encode(MemoryPrinter& printer, const ZplGraphic& g) {
-  printer.printFormat("~DGR:CUPS.GRF,%zu,%zu,\n", g.rows.size(), g.bytesPerRow);
-  printer.startPage();
-  for (size_t r = 0; r < g.height; ++r)
-    printer.ZPLPrintLine(g.rows.data() + r * g.bytesPerRow, static_cast<int>(g.bytesPerRow));
-  printer.printStr("^FO0,0^XGR:CUPS.GRF,1,1^FS\n^XZ\r\n");
-  return printer.take();
+// The graphic as a page of its own through the filter's graphic writer.
+std::string encode(ZplDialect dialect, const ZplGraphic& g) {
+  KelvoDots dots;
+  dots.reset(static_cast<unsigned>(g.bytesPerRow * 8), static_cast<unsigned>(g.height));
+  dots.bits = g.rows;
+  KelvoJobSettings settings;
+  settings.dialect = dialect;
+  MemorySink sink;
+  kelvoWriteGraphic(sink, settings, dots);
+  return sink.take();
 }
 
 }  // namespace
@@ -46,11 +48,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   if (total > kZplMaxJobGraphicBytes) kfuzz::fail("graphics of %zu bytes together", total);
 
-  MemoryPrinter printer;
   for (const ZplGraphic& g : graphics)
-    for (const ZplDialect dialect : {kDialectKelvo, kDialectStandard}) {
-      printer.setDialect(dialect);
-      const std::string job = encode(printer, g);
+    for (const ZplDialect dialect : {ZplDialect::kKelvo, ZplDialect::kStandard}) {
+      const std::string job = encode(dialect, g);
       std::vector<ZplGraphic> again;
       if (!kelvoZplDecode(reinterpret_cast<const unsigned char*>(job.data()), job.size(), again, error))
         kfuzz::fail("the encoder's own job does not decode: %s", error.c_str());

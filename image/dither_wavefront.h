@@ -1,20 +1,18 @@
-// The error-diffusion kernels of PaletteImage::Dither as a wavefront of
-// rows in vector lanes. Included by palette_dither.cpp once per instruction
+// The error-diffusion kernels of kelvoHalftone as a wavefront of rows in
+// vector lanes. Included by halftone.cpp once per instruction
 // set, inside a namespace that defines `Lanes` (sixteen-bit lanes: N, V and
 // the operations used below) and the macro KD_TARGET (empty, or that set's
 // target attribute, spelled on every function here). No include guard.
 //
 // How the order of the plain scan is kept is explained at KernelShape in
-// palette_dither.cpp.
+// halftone.cpp.
 
 struct WaveConsts {
-  Lanes::V zero, top, keep, half, full, magic;
+  Lanes::V zero, top, half, full, magic;
   __m128i shift;
 };
 
-KD_TARGET inline Lanes::V clampMask(Lanes::V v, const WaveConsts& c) {
-  return Lanes::and_(Lanes::max(Lanes::min(v, c.top), c.zero), c.keep);
-}
+KD_TARGET inline Lanes::V clamp(Lanes::V v, const WaveConsts& c) { return Lanes::max(Lanes::min(v, c.top), c.zero); }
 
 // trunc(error * Weight / divisor) in every lane (see Divider).
 template <int Weight>
@@ -31,19 +29,19 @@ KD_TARGET inline void spread(Lanes::V error, Lanes::V& right1, Lanes::V& right2,
   constexpr KernelCell cell = Cells[K];
   const Lanes::V q = share<cell.weight>(error, c);
   if constexpr (cell.dy == 0 && cell.dx == 1) {
-    right1 = clampMask(Lanes::add(right1, q), c);
+    right1 = clamp(Lanes::add(right1, q), c);
   } else if constexpr (cell.dy == 0) {
-    right2 = clampMask(Lanes::add(right2, q), c);
+    right2 = clamp(Lanes::add(right2, q), c);
   } else {
     int16_t* p = column + (cell.dx + Lag * cell.dy) * Lanes::N;
-    Lanes::store(p, clampMask(Lanes::add(Lanes::load(p), Lanes::template shiftUp<cell.dy>(q)), c));
+    Lanes::store(p, clamp(Lanes::add(Lanes::load(p), Lanes::template shiftUp<cell.dy>(q)), c));
   }
   if constexpr (K + 1 < N) spread<Cells, N, K + 1, Lag>(error, right1, right2, column, c);
 }
 
 #define BLOCK_TARGET KD_TARGET
 #define BLOCK_SSE2 1
-#include "image/byte_blocks_impl.h"
+#include "support/byte_blocks_impl.h"
 #undef BLOCK_SSE2
 #undef BLOCK_TARGET
 
@@ -51,8 +49,8 @@ KD_TARGET inline void spread(Lanes::V error, Lanes::V& right1, Lanes::V& right2,
 // one 0/1 byte a pixel. `carry` holds the rows below the last band as that
 // band left them.
 template <const KernelCell* Cells, int N, typename Emit>
-KD_TARGET void diffuseWavefront(const uint8_t* bits, uint32_t stride, int bpp, long width, long height, uint8_t mask,
-                                int16_t magic, int shift, Emit& emit) {
+KD_TARGET void diffuseWavefront(const uint8_t* page, size_t stride, long width, long height, int16_t magic, int shift,
+                                Emit& emit) {
   using Shape = KernelShape<Cells, N>;
   constexpr int kLanes = Lanes::N;
   constexpr int kGroups = kLanes / 8;  // groups of eight lanes for the byte transposes
@@ -69,8 +67,7 @@ KD_TARGET void diffuseWavefront(const uint8_t* bits, uint32_t stride, int bpp, l
   std::vector<int16_t> cells(static_cast<size_t>(columns) * kLanes);
   std::vector<uint8_t> dots(static_cast<size_t>(columns) * kLanes);
   std::vector<uint8_t> carry(static_cast<size_t>(kBelow) * static_cast<size_t>(w));
-  // Rows that are not 8-bit levels in the image are converted here first;
-  // the band's finished rows are put back together here.
+  // The band's finished rows are put back together here.
   std::vector<uint8_t> rowBuffers(static_cast<size_t>(kLanes) * static_cast<size_t>(w));
   uint8_t* rowBuffer[kLanes];
   for (int j = 0; j < kLanes; ++j) rowBuffer[j] = &rowBuffers[static_cast<size_t>(j) * static_cast<size_t>(w)];
@@ -78,7 +75,6 @@ KD_TARGET void diffuseWavefront(const uint8_t* bits, uint32_t stride, int bpp, l
   WaveConsts c;
   c.zero = Lanes::zero();
   c.top = Lanes::set1(255);
-  c.keep = Lanes::set1(mask);
   c.half = Lanes::set1(128);
   c.full = Lanes::set1(255);
   c.magic = Lanes::set1(magic);
@@ -102,11 +98,8 @@ KD_TARGET void diffuseWavefront(const uint8_t* bits, uint32_t stride, int bpp, l
         source[j] = nullptr;
       } else if (y0 > 0 && j < kBelow) {
         source[j] = &carry[static_cast<size_t>(j) * static_cast<size_t>(w)];
-      } else if (bpp == 8) {
-        source[j] = bits + static_cast<size_t>(stride) * static_cast<size_t>(y);
       } else {
-        kelvoRowToLevels(bits + static_cast<size_t>(stride) * static_cast<size_t>(y), bpp, w, rowBuffer[j]);
-        source[j] = rowBuffer[j];
+        source[j] = page + stride * static_cast<size_t>(y);
       }
     }
     // Into their skewed lanes, eight columns at a time.

@@ -84,25 +84,10 @@ inline void kelvoPackNonZero(const uint8_t* src, size_t n, uint8_t* dst) {
   }
 }
 
-// One pixel row of a palette image as one level (palette index) a byte:
-// 8 bits as they are, 4 bits high nibble first, 1 bit most significant bit
-// first; 24-bit pixels have no index and read 0.
-inline void kelvoRowToLevels(const uint8_t* row, int bpp, long width, uint8_t* dst) {
-  switch (bpp) {
-    case 8:
-      std::memcpy(dst, row, static_cast<size_t>(width));
-      break;
-    case 4:
-      for (long x = 0; x < width; ++x) dst[x] = (row[x >> 1] >> ((1 - (x & 1)) * 4)) & 0x0F;
-      break;
-    case 1: {
-      long x = 0;
-      for (; x + 8 <= width; x += 8) std::memcpy(dst + x, &kKelvoBitSpread.table[row[x >> 3]], 8);
-      for (; x < width; ++x) dst[x] = (row[x >> 3] >> (7 - (x & 7))) & 0x01;
-      break;
-    }
-    default:
-      std::memset(dst, 0, static_cast<size_t>(width));
-      break;
-  }
+// One row of dots (one bit a pixel, the first in bit 7) as one byte a
+// pixel: 1 for a dot, 0 for paper.
+inline void kelvoUnpackBits(const uint8_t* row, long width, uint8_t* dst) {
+  long x = 0;
+  for (; x + 8 <= width; x += 8) std::memcpy(dst + x, &kKelvoBitSpread.table[row[x >> 3]], 8);
+  for (; x < width; ++x) dst[x] = (row[x >> 3] >> (7 - (x & 7))) & 0x01;
 }

@@ -23,12 +23,17 @@ std::string format(const char* text, ...) {
   return line;
 }
 
-}  // namespace
+struct PageLimits {
+  unsigned long long widthDots;
+  unsigned long long lengthDots;
+};
 
-KelvoPageLimits kelvoPageLimits(const KelvoPrintableArea& area) {
+PageLimits limitsOf(const KelvoPrintableArea& area) {
   const unsigned dpi = area.dpi != 0 ? area.dpi : kKelvoFinestDpi;
   return {dotsOf(area.widestPt, dpi), dotsOf(area.longestPt, dpi)};
 }
+
+}  // namespace
 
 std::string kelvoPageRefusal(const KelvoPrintableArea& area, const cups_page_header2_t& header, unsigned page) {
   const unsigned width = header.cupsWidth, height = header.cupsHeight;
@@ -42,7 +47,7 @@ std::string kelvoPageRefusal(const KelvoPrintableArea& area, const cups_page_hea
                   header.cupsBytesPerLine);
   if (header.HWResolution[0] == 0 || header.HWResolution[1] == 0)
     return format("Page header has no resolution (%u x %u dpi)", header.HWResolution[0], header.HWResolution[1]);
-  const KelvoPageLimits limits = kelvoPageLimits(area);
+  const PageLimits limits = limitsOf(area);
   const unsigned dpi = area.dpi != 0 ? area.dpi : kKelvoFinestDpi;
   if (width > limits.widthDots)
     return format("Page %u is %u x %u dots, wider than the %llu dots this printer prints (%.2f inches at %u dpi)",

@@ -35,19 +35,13 @@ struct KelvoPrintableArea {
   unsigned dpi = 0;
 };
 
-// The model's limits in dots at its finest resolution, an eighth of an inch
-// beyond its widest and longest page (room for the rounding of page sizes to
-// dots, nothing a printer could use), and at most kKelvoMaxSideDots.
-struct KelvoPageLimits {
-  unsigned long long widthDots;
-  unsigned long long lengthDots;
-};
-KelvoPageLimits kelvoPageLimits(const KelvoPrintableArea& area);
-
 // Why page `page` (counted from 1) of `header` cannot be printed on a model
 // of `area`; empty when it can. In this order: a header that contradicts
 // itself or has no resolution, a page wider than the model prints, longer
 // than it prints, larger than kKelvoMaxPageBytes. The message names the
 // limit that was broken. Limits are in dots whatever resolution the header
-// claims: a hostile header may claim any.
+// claims (a hostile header may claim any): the model's widest and longest
+// page at its finest resolution, an eighth of an inch beyond (room for the
+// rounding of page sizes to dots, nothing a printer could use), and at most
+// kKelvoMaxSideDots.
 std::string kelvoPageRefusal(const KelvoPrintableArea& area, const cups_page_header2_t& header, unsigned page);

@@ -21,7 +21,7 @@ const int kSqrtStepLimit = 200;
 
 }  // namespace
 
-int momentsThreshold(const uint8_t* gray, int32_t n, bool guarded) {
+int momentsThreshold(const uint8_t* gray, int32_t n) {
   // Four partial histograms keep successive equal pixels from waiting on
   // each other's count; the totals are the same integers.
   uint32_t part[4][256] = {};
@@ -52,14 +52,10 @@ int momentsThreshold(const uint8_t* gray, int32_t n, bool guarded) {
   float disc = static_cast<float>(static_cast<double>(c0) * -4.0 + static_cast<double>(c1 * c1));
   if (0 > disc) return 128;
 
+  // A single gray level gives 0/0 here; nearly uniform pages can give NaN
+  // or +inf. my_sqrt would never return on those.
   float root = 0.0f;
-  if (guarded) {
-    // A single gray level gives 0/0 here; nearly uniform pages can give NaN
-    // or +inf. my_sqrt would never return on those.
-    if (!std::isfinite(disc) || !my_sqrt_bounded(disc, kSqrtStepLimit, &root)) return 128;
-  } else {
-    root = my_sqrt(disc);
-  }
+  if (!std::isfinite(disc) || !my_sqrt_bounded(disc, kSqrtStepLimit, &root)) return 128;
   float z0 = 0.5f * ((-c1) - root);
   float z1 = 0.5f * ((-c1) + root);
   float p0 = (z1 - m1) / (z1 - z0);
@@ -72,7 +68,7 @@ int momentsThreshold(const uint8_t* gray, int32_t n, bool guarded) {
   return -1;
 }
 
-void gammaTable(int pivot, float gammaLow, float gammaHigh, bool guarded, uint8_t table[256]) {
+void gammaTable(int pivot, float gammaLow, float gammaHigh, uint8_t table[256]) {
   const float fpivot = static_cast<float>(pivot);
   const float span = static_cast<float>(255LL - pivot);
   for (int i = 0; i < 256; ++i) {
@@ -80,7 +76,7 @@ void gammaTable(int pivot, float gammaLow, float gammaHigh, bool guarded, uint8_
     float v;
     if (i < pivot) {
       v = my_pow(fi / fpivot, gammaLow) * fpivot;
-    } else if (guarded && pivot == 255) {
+    } else if (pivot == 255) {
       // Only entry 255 gets here, where the base would be 0/0; the pivot
       // maps onto itself as in every other table.
       v = 255.0f;

@@ -7,12 +7,12 @@
 
 namespace jvk {
 
-// thresh_global_moments(_guarded) of `n` gray bytes (n as the chain's
-// 32-bit pixel count).
-int momentsThreshold(const uint8_t* gray, int32_t n, bool guarded);
+// thresh_global_moments of `n` gray bytes (n as the chain's 32-bit
+// pixel count).
+int momentsThreshold(const uint8_t* gray, int32_t n);
 
-// The gamma table of enh_piecewise_gamma (guarded: of the _guarded form).
-void gammaTable(int pivot, float gammaLow, float gammaHigh, bool guarded, uint8_t table[256]);
+// The gamma table of enh_piecewise_gamma.
+void gammaTable(int pivot, float gammaLow, float gammaHigh, uint8_t table[256]);
 
 // out = add_Weighted(g, enh_gaussian_filter_fast(g, size, sigma), weight)
 // for g = table[gray], as taps2 = 2 * (size / 2) + 1 taps from

@@ -76,21 +76,13 @@ JVImage cvtGray(const JVImage& src) {
   return out;
 }
 
-int thresh_global_moments(const JVImage& gray) { return jvk::momentsThreshold(gray.data, pixelCount32(gray), false); }
-
-int thresh_global_moments_guarded(const JVImage& gray) {
-  return jvk::momentsThreshold(gray.data, pixelCount32(gray), true);
+int thresh_global_moments(const JVImage& gray) {
+  return jvk::momentsThreshold(gray.data, pixelCount32(gray));
 }
 
 void enh_piecewise_gamma(JVImage& img, int pivot, float gammaLow, float gammaHigh) {
   unsigned char table[256];
-  jvk::gammaTable(pivot, gammaLow, gammaHigh, false, table);
-  applyTable(img, table);
-}
-
-void enh_piecewise_gamma_guarded(JVImage& img, int pivot, float gammaLow, float gammaHigh) {
-  unsigned char table[256];
-  jvk::gammaTable(pivot, gammaLow, gammaHigh, true, table);
+  jvk::gammaTable(pivot, gammaLow, gammaHigh, table);
   applyTable(img, table);
 }
 
@@ -152,54 +144,6 @@ JVImage enh_gaussian_filter_fast(const JVImage& src, int size, double sigma, con
   const std::vector<double> taps = gaussianTaps(size, sigma);
   JVImage tmp = convolve1D(src, taps.data(), size, true, options);
   return convolve1D(tmp, taps.data(), size, false, options);
-}
-
-void generateGaussianKernel(int size, double sigmaX, double sigmaY, double* kernel) {
-  const int half = size / 2;
-  const double scale = 1.0 / ((6.283185307179586 * sigmaX) * sigmaY);
-  for (int ky = -half; ky <= half; ++ky) {
-    for (int kx = -half; kx <= half; ++kx) {
-      const double dx = static_cast<double>(-(static_cast<int64_t>(kx) * kx));
-      const double dy = static_cast<double>(static_cast<int64_t>(ky) * ky);
-      const float e = static_cast<float>(dx / ((2.0 * sigmaX) * sigmaX) - dy / ((2.0 * sigmaY) * sigmaY));
-      kernel[static_cast<int64_t>(ky + half) * size + (kx + half)] = scale * static_cast<double>(my_exp(e));
-    }
-  }
-  const int64_t n = static_cast<int64_t>(size) * size;
-  double sum = 0.0;
-  for (int64_t j = 0; j < n; ++j) sum = kernel[j] + sum;
-  for (int64_t j = 0; j < n; ++j) kernel[j] = kernel[j] / sum;
-}
-
-JVImage enh_gaussian_filter(const JVImage& src, int size, double sigmaX, double sigmaY) {
-  const int half = size / 2;
-  JVImage out(src.width, src.height, JV_IMG_GRAY);
-  // Zeroed and one row and column larger than size x size, so that even and
-  // negative sizes neither overrun nor read garbage.
-  const int64_t side = static_cast<int64_t>(size < 0 ? -static_cast<int64_t>(size) : size) + 1;
-  if (side > 46341) throw std::bad_alloc();
-  std::vector<double> kernel(static_cast<size_t>(side * side), 0.0);
-  generateGaussianKernel(size, sigmaX, sigmaY, kernel.data());
-
-  const int64_t w = src.width;
-  const int64_t h = src.height;
-  if (w <= 0 || h <= 0) return out;
-  for (int64_t y = 0; y < h; ++y) {
-    for (int64_t x = 0; x < w; ++x) {
-      double sum = 0.0;
-      for (int ky = -half; ky <= half; ++ky) {
-        for (int kx = -half; kx <= half; ++kx) {
-          const int64_t xi = myClamp<int64_t>(x + kx, 0, w - 1);
-          const int64_t yi = myClamp<int64_t>(y + ky, 0, h - 1);
-          sum = static_cast<double>(src.data[yi * w + xi]) *
-                    kernel[static_cast<int64_t>(ky + half) * size + (kx + half)] +
-                sum;
-        }
-      }
-      out.data[y * w + x] = static_cast<unsigned char>(my_round(static_cast<float>(sum)));
-    }
-  }
-  return out;
 }
 
 JVImage add_Weighted(const JVImage& a, const JVImage& b, float weight) {

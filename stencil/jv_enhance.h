@@ -9,22 +9,16 @@
 JVImage cvtGray(const JVImage& src);
 
 // Moment-preserving two-level threshold: 0..255, 128 for a negative
-// discriminant, -1 when no level qualifies. Does not return for pages whose
-// discriminant is NaN or +inf, e.g. a page of one single gray level.
+// discriminant, -1 when no level qualifies. Where the plain computation
+// would never end (a discriminant that is not finite, e.g. a page of one
+// single gray level, or a square root that never settles) the result is
+// 128, the value of a negative discriminant.
 int thresh_global_moments(const JVImage& gray);
 
-// Same bytes as thresh_global_moments wherever that returns; where it would
-// not (discriminant not finite, or a square root that never settles) the
-// result is 128, the value of a negative discriminant.
-int thresh_global_moments_guarded(const JVImage& gray);
-
 // Two-segment gamma table applied in place: [0, pivot) with gammaLow,
-// [pivot, 255] with gammaHigh. Pivot 255 divides 0 by 0 and does not return.
+// [pivot, 255] with gammaHigh. With pivot 255 entry 255 is 255 (the plain
+// curve would divide 0 by 0 and never end).
 void enh_piecewise_gamma(JVImage& img, int pivot, float gammaLow, float gammaHigh);
-
-// Same bytes, except that with pivot 255 entry 255 is 255 instead of a
-// never-ending my_pow(0/0).
-void enh_piecewise_gamma_guarded(JVImage& img, int pivot, float gammaLow, float gammaHigh);
 
 // Fills 2 * (size / 2) + 1 taps (one more than `size` for even sizes; only
 // the first `size` are normalised).
@@ -37,13 +31,6 @@ JVImage convolve1D(const JVImage& src, const double* taps, int size, bool horizo
 // Separable blur: horizontal pass, then vertical pass on its rounded bytes.
 JVImage enh_gaussian_filter_fast(const JVImage& src, int size, double sigma);
 JVImage enh_gaussian_filter_fast(const JVImage& src, int size, double sigma, const JVRunOptions& options);
-
-// Fills a size x size kernel; for even sizes it writes up to index
-// size * size + size, so `kernel` must hold (size + 1) * (size + 1) entries.
-void generateGaussianKernel(int size, double sigmaX, double sigmaY, double* kernel);
-
-// Direct 2-D blur; the chain uses the separable form instead.
-JVImage enh_gaussian_filter(const JVImage& src, int size, double sigmaX, double sigmaY);
 
 // clamp(round(a * (1 + weight) - b * weight)); b must hold at least
 // a.width * a.height bytes.

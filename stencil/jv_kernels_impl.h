@@ -8,7 +8,7 @@
 // targets) get the same code.
 //
 // Exactness. Every output is computed with the float or double operations
-// of the plain definitions in tests/reference, in the same order, with no
+// of the plain definitions in test_support/, in the same order, with no
 // fused multiply-add (the project builds with -ffp-contract=off and the
 // intrinsics used here are separate multiplies and adds). A vector holds
 // several independent outputs, one per lane, each lane doing exactly the
@@ -229,13 +229,13 @@ JVK_TARGET void blurColumnWeightedT(const float* const* rows, const jvk::BlurTap
 #if defined(JVK_SSE2_TRANSPOSE)
 #define BLOCK_SSE2 1
 #endif
-#include "image/byte_blocks_impl.h"
+#include "support/byte_blocks_impl.h"
 #undef BLOCK_SSE2
 #undef BLOCK_TARGET
 
 // ---- the diffusion band ----
 //
-// The plain scan (tests/reference, kref::edfCus) visits the pixels row by
+// The plain scan (test_support/, kref::edfCus) visits the pixels row by
 // row; pixel (x, y) reads its error cell, quantises v = cell + level
 // against the threshold, and adds share k = e * w[k] to six cells: (x+1, y)
 // and (x+2, y) [k = 0, 1], and (x-2, y+1) .. (x+1, y+1) [k = 2 .. 5], each

@@ -39,14 +39,3 @@ inline int my_round(float x) {
   if (static_cast<double>(x) >= 0.0) return jv_trunc_i32(x + 0.5f);
   return jv_trunc_i32(x - 0.5f);
 }
-
-template <typename T>
-T myClamp(T value, T low, T high) {
-  if (value < low) return low;
-  if (value > high) return high;
-  return value;
-}
-
-inline bool isWithinBounds(int x, int y, int width, int height) {
-  return x >= 0 && x < width && y >= 0 && y < height;
-}

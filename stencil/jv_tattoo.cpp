@@ -22,37 +22,37 @@ enum class Variant { Tattoo, X8 };
 // through the blur, and the diffusion runs in place on the sharpened page.
 // `gray`: one byte a pixel, width * height pixels, which must be positive;
 // `out` receives the stencil and may be `gray` itself.
-void grayChainInto(const unsigned char* gray, int width, int height, Variant variant, bool guarded,
+void grayChainInto(const unsigned char* gray, int width, int height, Variant variant,
                    const JVRunOptions& options, unsigned char* out) {
   const int32_t n = static_cast<int32_t>(static_cast<uint32_t>(width) * static_cast<uint32_t>(height));
   // Measured before any enhancement (and before `out` may overwrite `gray`).
-  const int t = jvk::momentsThreshold(gray, n, guarded);
+  const int t = jvk::momentsThreshold(gray, n);
   uint8_t table[256];
   if (variant == Variant::Tattoo)
-    jvk::gammaTable(64, 0.85f, 0.7f, false, table);
+    jvk::gammaTable(64, 0.85f, 0.7f, table);
   else
-    jvk::gammaTable(t, 0.5f, 1.5f, guarded, table);
+    jvk::gammaTable(t, 0.5f, 1.5f, table);
 
   jvUnsharpGrayInto(gray, width, height, table, 300.0f, 11, options, out);
   jvk::edfInPlace(out, width, height, t, jvk::kernelsFor(jvSimdLevelFor(options)),
                   jvDiffusionThreadsFor(options, static_cast<int64_t>(width) * height));
 }
 
-JVImage grayChain(const unsigned char* gray, int width, int height, Variant variant, bool guarded,
+JVImage grayChain(const unsigned char* gray, int width, int height, Variant variant,
                   const JVRunOptions& options) {
   JVImage out(width, height, JV_IMG_GRAY);
-  grayChainInto(gray, width, height, variant, guarded, options, out.data);
+  grayChainInto(gray, width, height, variant, options, out.data);
   return out;
 }
 
-JVImage tattooChain(JVImage& src, Variant variant, bool guarded, const JVRunOptions& options) {
+JVImage tattooChain(JVImage& src, Variant variant, const JVRunOptions& options) {
   const int32_t n = static_cast<int32_t>(static_cast<uint32_t>(src.width) * static_cast<uint32_t>(src.height));
   if (n <= 0) return JVImage(src);
   // A one-byte gray record is its own gray page; others are converted.
   if (src.color == JV_IMG_GRAY && src.channels == 1)
-    return grayChain(src.data, src.width, src.height, variant, guarded, options);
+    return grayChain(src.data, src.width, src.height, variant, options);
   const JVImage converted = cvtGray(src);
-  return grayChain(converted.data, src.width, src.height, variant, guarded, options);
+  return grayChain(converted.data, src.width, src.height, variant, options);
 }
 
 }  // namespace
@@ -75,20 +75,16 @@ JVImage edf_cus(const JVImage& src, int threshold, const JVRunOptions& options) 
   return out;
 }
 
-JVImage jvTattooDithering(JVImage& src) { return tattooChain(src, Variant::Tattoo, false, JVRunOptions()); }
+JVImage jvTattooDithering(JVImage& src) { return tattooChain(src, Variant::Tattoo, JVRunOptions()); }
 
-JVImage jvTattooDitheringX8(JVImage& src) { return tattooChain(src, Variant::X8, false, JVRunOptions()); }
+JVImage jvTattooDitheringX8(JVImage& src) { return tattooChain(src, Variant::X8, JVRunOptions()); }
 
-JVImage jvTattooDitheringGuarded(JVImage& src) { return tattooChain(src, Variant::Tattoo, true, JVRunOptions()); }
-
-JVImage jvTattooDitheringX8Guarded(JVImage& src) { return tattooChain(src, Variant::X8, true, JVRunOptions()); }
-
-JVImage jvTattooDitheringGuarded(JVImage& src, const JVRunOptions& options) {
-  return tattooChain(src, Variant::Tattoo, true, options);
+JVImage jvTattooDithering(JVImage& src, const JVRunOptions& options) {
+  return tattooChain(src, Variant::Tattoo, options);
 }
 
-JVImage jvTattooDitheringX8Guarded(JVImage& src, const JVRunOptions& options) {
-  return tattooChain(src, Variant::X8, true, options);
+JVImage jvTattooDitheringX8(JVImage& src, const JVRunOptions& options) {
+  return tattooChain(src, Variant::X8, options);
 }
 
 namespace {
@@ -99,13 +95,8 @@ bool chainTakes(int width, int height) {
 
 }  // namespace
 
-JVImage jvTattooStencilOfGray(const unsigned char* gray, int width, int height, bool x8, const JVRunOptions& options) {
-  if (!chainTakes(width, height)) return JVImage(0, 0, JV_IMG_GRAY);
-  return grayChain(gray, width, height, x8 ? Variant::X8 : Variant::Tattoo, true, options);
-}
-
 bool jvTattooStencilInPlace(unsigned char* gray, int width, int height, bool x8, const JVRunOptions& options) {
   if (!chainTakes(width, height)) return false;
-  grayChainInto(gray, width, height, x8 ? Variant::X8 : Variant::Tattoo, true, options, gray);
+  grayChainInto(gray, width, height, x8 ? Variant::X8 : Variant::Tattoo, options, gray);
   return true;
 }

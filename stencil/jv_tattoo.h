@@ -12,28 +12,18 @@ JVImage edf_cus(const JVImage& src, int threshold);
 JVImage edf_cus(const JVImage& src, int threshold, const JVRunOptions& options);
 
 // Gamma with pivot 64, unsharp mask, then edf_cus at the page's moment
-// threshold. Does not return for a page of a single gray level.
-JVImage jvTattooDithering(JVImage& src);
-
-// As jvTattooDithering, with the gamma pivot at the measured threshold and
-// gammas 0.5 / 1.5. Also does not return when that threshold is 255.
-JVImage jvTattooDitheringX8(JVImage& src);
-
-// The entries the page pipeline calls: the same bytes as the two above on
-// every page those finish, and they finish on every page.
+// threshold. The X8 variant takes the gamma pivot at the measured threshold
+// and gammas 0.5 / 1.5. Both finish on every page, also where the plain
+// stages would not (a page of a single gray level, an X8 pivot of 255).
 // With default options they use every core this process may run on for
 // pages of a million pixels or more (jv_run.h).
-JVImage jvTattooDitheringGuarded(JVImage& src);
-JVImage jvTattooDitheringX8Guarded(JVImage& src);
-JVImage jvTattooDitheringGuarded(JVImage& src, const JVRunOptions& options);
-JVImage jvTattooDitheringX8Guarded(JVImage& src, const JVRunOptions& options);
-// The guarded chain (X8 when `x8`) of a gray page given as rows of `width`
-// bytes, read in place: no copy of the page is made first. An empty record
-// when the page has no pixels or more than fit 31 bits.
-JVImage jvTattooStencilOfGray(const unsigned char* gray, int width, int height, bool x8,
-                              const JVRunOptions& options = JVRunOptions());
-// The same in place: the page becomes the stencil, and no page-sized buffer
-// is made. False, with the page unchanged, for the pages that give an
-// empty record above.
+JVImage jvTattooDithering(JVImage& src);
+JVImage jvTattooDitheringX8(JVImage& src);
+JVImage jvTattooDithering(JVImage& src, const JVRunOptions& options);
+JVImage jvTattooDitheringX8(JVImage& src, const JVRunOptions& options);
+// The chain (X8 when `x8`) of a gray page given as rows of `width` bytes,
+// made in place: the page becomes the stencil, and no page-sized buffer is
+// made. False, with the page unchanged, when the page has no pixels or more
+// than fit 31 bits.
 bool jvTattooStencilInPlace(unsigned char* gray, int width, int height, bool x8,
                             const JVRunOptions& options = JVRunOptions());

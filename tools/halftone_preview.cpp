@@ -12,50 +12,46 @@
 #include <string>
 #include <vector>
 
-#include "printer/kelvo_printer.h"
+#include "image/pixel_rows.h"
+#include "printer/page_pipeline.h"
 #include "printer/page_layout.h"
 #include "printer/png_io.h"
 
 namespace {
 
-// A printer that keeps the processed page instead of sending it anywhere.
-class PreviewPrinter : public KelvoPrinter {
- public:
-  void doPrintImage(const unsigned char*, unsigned long, unsigned long, unsigned long) override {}
-
-  // Processes one page of ink amounts (0 = paper) and returns the page as it
-  // will print: 0 where a dot goes, 255 for bare paper.
-  bool process(const std::vector<unsigned char>& ink, int width, int height, GrayPage& out) {
-    // A stencil is held as the chain made it until it is asked for.
-    PaletteImage* image = PageProcess(getHalftoneType(), ink.data(), width, width, height) ? processedImage() : nullptr;
-    if (image == nullptr) return false;
-    out.width = image->GetWidth();
-    out.height = image->GetHeight();
-    out.pixels.resize(static_cast<size_t>(out.width) * out.height);
-    for (uint32_t y = 0; y < out.height; ++y) {
-      const unsigned char* row = image->GetBits(y);
-      for (uint32_t x = 0; x < out.width; ++x) out.pixels[static_cast<size_t>(y) * out.width + x] = row[x] ? 0 : 255;
-    }
-    return true;
+// Runs one page of ink amounts (0 = paper) through the engine's pipeline and
+// returns the page as it will print: 0 where a dot goes, 255 for bare paper.
+bool process(std::vector<unsigned char> ink, int width, int height, int dpi, const KelvoJobSettings& settings,
+             GrayPage& out) {
+  KelvoDots dots;
+  const unsigned w = static_cast<unsigned>(width), h = static_cast<unsigned>(height), d = static_cast<unsigned>(dpi);
+  if (!kelvoRenderPage(ink.data(), w, KelvoPageSize{w, h, d, d}, settings, dots, nullptr)) return false;
+  out.width = dots.width;
+  out.height = dots.height;
+  out.pixels.resize(static_cast<size_t>(out.width) * out.height);
+  for (uint32_t y = 0; y < out.height; ++y) {
+    unsigned char* row = &out.pixels[static_cast<size_t>(y) * out.width];
+    kelvoUnpackBits(dots.row(y), dots.width, row);
+    for (uint32_t x = 0; x < out.width; ++x) row[x] = row[x] ? 0 : 255;
   }
-};
+  return true;
+}
 
 void usage(FILE* out) {
   std::fprintf(out,
                "Usage: halftonepreview [options] input output.png\n"
-               "Shows a picture as the printer will print it: through the filter's halftone,\n"
-               "brightness, mirror and negative steps, dots black on white paper.\n"
+               "Shows a picture as the printer will print it: through the engine's brightness,\n"
+               "mirror, halftone and negative steps, dots black on white paper.\n"
                "  input         a PNG picture, or with --raw a page of 8-bit ink amounts (0 = paper)\n"
                "  -s SIZE       put the picture on a page of this size first, as CUPS does: turned a\n"
                "                quarter left if its orientation differs, scaled to fit, centred.\n"
                "                SIZE: 4x6 (inches), 100x150mm, w288h432 (points), A4, A5, A6, Letter,\n"
                "                Tattoo_A5, Tattoo_A6. Without -s the picture prints at its own pixel size.\n"
                "  -r DPI        resolution of that page (default 203)\n"
-               "  -t TYPE       halftone, the PPD's HalftoneType keyword: None, FloydSteinberg, Ordered,\n"
-               "                Burkes, Stucki, JarvisJudiceNinke, Sierra, StevensonArce, Tattoo or\n"
-               "                Tattoo_X8 (default None)\n"
-               "  -b, -c N      brightness and contrast, -100 to 100 (default 0); a positive\n"
-               "                brightness prints darker\n"
+               "  -t NAME       halftone: threshold (the default), ordered-4x4, burkes-diffusion,\n"
+               "                stucki-diffusion, jarvis-judice-ninke-diffusion, sierra-diffusion,\n"
+               "                stevenson-arce-diffusion, bayer-ordered, tattoo, tattoo-x8 or barcode-text\n"
+               "  -b N          brightness, -100 to 100 (default 0); a positive one prints darker\n"
                "  -m, -n        mirror left to right; negative print\n"
                "  --raw WxH     the input is a raw page of W by H bytes (also -r WxH)\n"
                "  -v            show the pipeline's log lines\n"
@@ -87,7 +83,7 @@ bool parseRawSize(const char* text, int& width, int& height) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  PreviewPrinter printer;
+  KelvoJobSettings settings;
   int rawWidth = 0, rawHeight = 0, dpi = 203;
   const char* pageSize = nullptr;
   bool verbose = false;
@@ -101,22 +97,19 @@ int main(int argc, char** argv) {
       return 0;
     } else if (arg == "-t" && hasValue) {
       const char* name = argv[++i];
-      const DitherType type = kelvoHalftoneTypeFromStr(name);
-      if (type == None && std::strcmp(name, "None") != 0) {
-        std::fprintf(stderr, "halftonepreview: unknown halftone type \"%s\"\n", name);
+      if (!kelvoHalftoneFromName(name, &settings.halftone)) {
+        std::fprintf(stderr, "halftonepreview: unknown halftone \"%s\"\n", name);
         return 2;
       }
-      printer.setHalftoneType(type);
-    } else if ((arg == "-b" || arg == "-c") && hasValue && parseInt(argv[i + 1], value)) {
+    } else if (arg == "-b" && hasValue && parseInt(argv[i + 1], value)) {
       ++i;
-      if (arg == "-b") printer.setBrightness(value);
-      else printer.setContrast(value);
+      settings.brightness = value;
     } else if (arg == "-v") {
       verbose = true;
     } else if (arg == "-m") {
-      printer.setMirrorPrint(true);
+      settings.mirror = true;
     } else if (arg == "-n") {
-      printer.setNegativePrint(true);
+      settings.negative = true;
     } else if ((arg == "--raw" || (arg == "-r" && hasValue && std::strchr(argv[i + 1], 'x') != nullptr)) &&
                hasValue) {
       if (!parseRawSize(argv[++i], rawWidth, rawHeight)) {
@@ -195,7 +188,7 @@ int main(int argc, char** argv) {
     }
   }
   GrayPage page;
-  const bool processed = printer.process(ink, width, height, page);
+  const bool processed = process(ink, width, height, dpi, settings, page);
   if (savedStderr >= 0) {
     std::fflush(stderr);
     dup2(savedStderr, 2);
@@ -210,7 +203,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "halftonepreview: %s\n", error.c_str());
     return 1;
   }
-  std::printf("%s: %u x %u, %s", files[1], page.width, page.height, kelvoHalftoneTypeToStr(printer.getHalftoneType()));
+  std::printf("%s: %u x %u, %s", files[1], page.width, page.height, kelvoHalftoneName(settings.halftone));
   if (pageSize != nullptr) std::printf(", page %s at %d dpi", pageSize, dpi);
   std::printf("\n");
   return 0;

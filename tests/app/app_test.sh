@@ -160,7 +160,7 @@ stucki203|label203|oe_4x6-label_4x6in|203|f203.ppd|1|-o kelvo-halftone=jarvis-ju
 copies203|label203|om_2x1-label_50.55x25.4mm|203|f203.ppd|3|-o kelvo-halftone=burkes-diffusion -o kelvo-post-action=none|HalftoneType=Ordered Darkness=15 PostAction=None
 mirror300|label300|oe_4x3-label_4x3in|300|f300.ppd|1|-o kelvo-mirror=true -o kelvo-negative=true -o kelvo-rotate-180=true -o kelvo-halftone=jarvis-judice-ninke -o print-darkness=-50 -o kelvo-post-action=partial-cut|MirrorImage=True NegativeImage=True Origin=Rotation180 PostAction=PartialCut HalftoneType=JarvisJudiceNinke Darkness=0
 tattoo|tattoo|iso_a4_210x297mm|300|ftat.ppd|1||Darkness=15
-tattoox8|tattoo|iso_a4_210x297mm|300|ftat.ppd|2|-o kelvo-halftone=tattoo-x8 -o kelvo-brightness=-30|HalftoneType=Tattoo_X8 Brightness=-30 Darkness=15
+tattoox8|tattoo|iso_a4_210x297mm|300|ftat.ppd|2|-o kelvo-halftone=tattoo-x8 -o kelvo-brightness=-30 -o kelvo-anti-wrinkle=2|HalftoneType=Tattoo_X8 Brightness=-30 Darkness=15 AntiWrinkle=2
 EOF
 
   # Two printers at once: each prints exactly what it prints alone.

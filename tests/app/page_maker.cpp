@@ -50,7 +50,9 @@ int main(int argc, char** argv) {
       if (x < 8 || y < 8 || x + 8 >= width || y + 8 >= height) value = 255;
       pixels[static_cast<size_t>(y) * pwg.cupsBytesPerLine + x] = static_cast<unsigned char>(value);
     }
-  cups_page_header2_t cups = kelvoRasterHeader(width, height, static_cast<unsigned>(dpi), 8, "", pwg.NumCopies);
+  // The page size's PPD name, as CUPS names it after the PPD's PageSize.
+  cups_page_header2_t cups = kelvoRasterHeader(width, height, static_cast<unsigned>(dpi), 8,
+                                               media->ppd != nullptr ? media->ppd : "", pwg.NumCopies);
   return writePage(argv[4], CUPS_RASTER_WRITE_PWG, pwg, pixels) && writePage(argv[5], CUPS_RASTER_WRITE, cups, pixels)
              ? 0
              : 1;

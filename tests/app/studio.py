@@ -29,8 +29,9 @@ from selenium.webdriver.support.ui import Select, WebDriverWait
 # choice checked (halftone by the engine's name for it, brightness, mirror,
 # negative), and halftones whose preview time is only shown.
 SCREENS = [
-    ("tablet", 820, 1180, 2, "a4", "Stucki", 30, False, False, ["JarvisJudiceNinke", "Tattoo", "Tattoo_X8"]),
-    ("phone", 390, 844, 3, "a5", "Tattoo_X8", -40, True, True, []),
+    ("tablet", 820, 1180, 2, "a4", "jarvis-judice-ninke-diffusion", 30, False, False,
+     ["sierra-diffusion", "tattoo", "tattoo-x8"]),
+    ("phone", 390, 844, 3, "a5", "tattoo-x8", -40, True, True, []),
 ]
 
 # The canvas's dots against a picture's (a data URL): how many differ, and

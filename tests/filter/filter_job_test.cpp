@@ -3,7 +3,7 @@
 
 #include "filter/filter_main.h"
 #include "job_runner.h"
-#include "tests/reference/reference.h"
+#include "test_support/reference.h"
 
 namespace {
 
@@ -132,8 +132,7 @@ TEST(FilterJob, EveryHalftoneAndPageOptionPrintsItsPlainPage) {
         wrong += ((graphics[0].rows[y * graphics[0].bytesPerRow + x / 8] & (0x80 >> (x % 8))) != 0) !=
                  (want.px[static_cast<size_t>(y) * want.eff + x] != 0);
     EXPECT_EQ(wrong, 0) << row.options;
-    // A stencil with its debug pictures on takes another way to the printer
-    // (through a page image); what it prints stays the same.
+    // A stencil prints the same with its debug pictures on.
     if (row.o.type >= 8) {
       const JobResult debug = runJob(raster, row.options + " DebugImages=True", debugPpd.path);
       EXPECT_EQ(debug.tempFiles.size(), 2u) << row.options;
@@ -348,6 +347,18 @@ TEST(FilterJob, TattooTypesFinishBlankAndLineArtPages) {
     EXPECT_GT(dots, 240u * 160 / 4) << type;  // about half the page is ink
     EXPECT_LT(dots, 240u * 160 * 3 / 4) << type;
   }
+  // The anti-wrinkle frame of 2 mm around A6's 100 x 118 mm: 1181 + 2 x 24
+  // by 1394 + 2 x 12 dots at 300 dpi. The blank page is centred in it on
+  // 1228 x 1418 dots (the odd difference halves down), so the right line
+  // keeps 23 of its 24 columns: 2 x 12 rows of 1228 and 1394 rows of
+  // 24 + 23 dots.
+  const JobResult framed = runJob(rasterStream({blank}), "HalftoneType=Tattoo AntiWrinkle=2", ppdPath("kelvotat.ppd"));
+  ASSERT_EQ(framed.status, 0) << framed.err;
+  const std::vector<ZplGraphic> graphics = graphicsOf(framed.out);
+  ASSERT_EQ(graphics.size(), 1u);
+  EXPECT_EQ(graphics[0].bytesPerRow, (1228u + 7) / 8);
+  EXPECT_EQ(graphics[0].height, 1418u);
+  EXPECT_EQ(kelvoZplCountDots(graphics[0]), 2u * 12 * 1228 + 1394u * 47);
 }
 
 }  // namespace

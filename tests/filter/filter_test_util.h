@@ -1,21 +1,24 @@
 #pragma once
-// Shared by the filter tests: capture what the setup commands write, and
-// write small PPD files.
+// Shared by the filter tests: the setup block a job's settings give, and
+// small PPD files.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
-#include <functional>
 #include <string>
 
-#include "tests/common/memory_printer.h"
+#include "filter/settings.h"
+#include "printer/label_setup.h"
+#include "test_support/memory_sink.h"
 
-// What `write` sends through the printer it is given.
-inline std::string printed(const std::function<void(KelvoPrinter&)>& write) {
-  MemoryPrinter printer;
-  write(printer);
-  return printer.take();
+inline bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+// The label setup block of a page of `page` for these settings.
+inline std::string setupBlock(const Settings& settings, const KelvoPageSize& page = {812, 1218, 203, 203}) {
+  MemorySink sink;
+  kelvoWriteLabelSetup(sink, kelvoEngineSettings(settings), page);
+  return sink.take();
 }
 
 // The process id keeps test cases that ctest runs in parallel apart.

@@ -24,7 +24,7 @@
 #include <vector>
 
 #include "filter_test_util.h"
-#include "tests/common/read_file.h"
+#include "test_support/read_file.h"
 #include "tools/zpl_decode.h"
 
 inline const std::string kLineFeeds(64, '\n');
@@ -54,7 +54,6 @@ struct MemoryLimit {
   ~MemoryLimit() { gMemoryLimit = 0; }
 };
 
-inline bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 // An 8-bit K page, 0 = no ink; `pixels` are written as they are, however
 // many there are.

@@ -24,14 +24,12 @@ TEST(PpdHelpers, MarkedThenDeclaredThenCallerDefault) {
   EXPECT_EQ(kelvoPpdGetChoiceAsIntDefault(f.ppd, "PaperType", 7), 0);
   EXPECT_STREQ(kelvoPpdGetAttrAsStrDefault(f.ppd, "kelvoOut", nullptr, "d"), "/var/tmp/rec");
   EXPECT_STREQ(kelvoPpdGetAttrAsStrDefault(f.ppd, "kelvoScale", "Other", "d"), "d");
-  EXPECT_DOUBLE_EQ(kelvoPpdGetAttrAsFloatDefault(f.ppd, "kelvoScale", "Main", -1), 2.5);
   // Without a PPD every helper gives the default.
   EXPECT_EQ(kelvoPpdGetChoice(nullptr, "PageSize"), nullptr);
   EXPECT_STREQ(kelvoPpdGetChoiceAsStrDefault(nullptr, "PageSize", "d"), "d");
   EXPECT_EQ(kelvoPpdGetChoiceAsIntDefault(nullptr, "Darkness", 12), 12);
   EXPECT_EQ(kelvoPpdGetChoiceAsBoolDefault(nullptr, "MirrorImage", 3), 3);
   EXPECT_STREQ(kelvoPpdGetAttrAsStrDefault(nullptr, "kelvoOut", nullptr, "d"), "d");
-  EXPECT_DOUBLE_EQ(kelvoPpdGetAttrAsFloatDefault(nullptr, "kelvoScale", nullptr, 1.5), 1.5);
 }
 
 TEST(PpdHelpers, TruthValues) {

@@ -13,7 +13,7 @@ const char kLongWord[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmn";  // 40 char
 
 std::string settingsPpd(const std::string& extra = "") {
   return labelPpd(ppdOption("MediaMethod", "Transfer") + ppdOption("GapsHeight", "3") +
-                  ppdOption("Occurrence", kLongWord) + ppdOption("HalftoneType", "Burkes", {"Burkes", "Tattoo_x8"}) +
+                  ppdOption("PostAction", kLongWord) + ppdOption("HalftoneType", "Burkes", {"Burkes", "Tattoo_x8"}) +
                   ppdOption("MirrorImage", "True") + ppdOption("PrintSpeed", "3", {"3", "4"}) +
                   ppdOption("Brightness", "-20") + extra);
 }
@@ -23,7 +23,7 @@ Settings parse(const std::string& ppdPath, const char* options, std::string* log
   Settings s;
   std::memset(&s, 0x5A, sizeof s);  // must come back cleared
   testing::internal::CaptureStderr();
-  parseSettings(&s, options);
+  kelvoParseSettings(&s, options);
   const std::string err = testing::internal::GetCapturedStderr();
   if (log != nullptr) *log = err;
   return s;
@@ -41,15 +41,16 @@ TEST(Settings, PpdDefaultsJobOptionsAndLog) {
   EXPECT_EQ(log, std::string("DEBUG:PageSizeName: w288h432\n"
                              "DEBUG:Custom Size: (288.000000,432.000000,4.000000,6.000000,280.000000,420.000000)\n"
                              "DEBUG:Set page size: width 101.606400 mm, height 152.409607 mm\n"
-                             "DEBUG:settings->Resolution:\nDEBUG:settings->MediaMethod:Transfer\n"
-                             "DEBUG:settings->PaperType:\nDEBUG:settings->GapsHeight:3\nDEBUG:settings->PostAction:\n"
-                             "DEBUG:settings->Occurrence:") + kLongWord +
+                             "DEBUG:settings->MediaMethod:Transfer\n"
+                             "DEBUG:settings->PaperType:\nDEBUG:settings->GapsHeight:3\nDEBUG:settings->PostAction:") +
+                         kLongWord +
                      "\nDEBUG:settings->Origin:\nDEBUG:settings->MirrorImage:1\nDEBUG:settings->NegativeImage:0\n"
                      "DEBUG:settings->PrintSpeed:4\nDEBUG:settings->Darkness:0\nDEBUG:settings->halftoneType:3\n"
-                     "DEBUG:settings->DirectBuffer:0\nDEBUG:settings->StoredGraphics:0\n"
-                     "DEBUG:settings->OptionDisplayUnit:0\nDEBUG:settings->PageSize:w288h432\n"
+                     "DEBUG:settings->PageSize:w288h432\n"
                      "DEBUG:settings->pageWidth:101.606400\nDEBUG:settings->pageHeight:152.409607\n");
-  EXPECT_EQ(parse(ppd.path, "HalftoneType=Tattoo_x8").halftoneType, None);  // names match exactly
+  // "Burkes" runs Stucki's kernel; names match exactly.
+  EXPECT_EQ(s.halftoneType, KelvoHalftone::kStucki);
+  EXPECT_EQ(parse(ppd.path, "HalftoneType=Tattoo_x8").halftoneType, KelvoHalftone::kThreshold);
   EXPECT_EQ(parse("/nonexistent.ppd", "PrintSpeed=4").pageWidth, 0.0f);
 }
 

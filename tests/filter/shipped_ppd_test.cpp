@@ -3,9 +3,9 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <set>
 
-#include "printer/label_setup.h"
 #include "filter/ppd_helpers.h"
 #include "filter_test_util.h"
 #include "shipped_ppds.h"
@@ -45,10 +45,20 @@ TEST(ShippedPpd, CupsRendersEightBitBlackPagesAndChoicesFitTheCommands) {
                  "application/vnd.cups-raster 0 rastertokelvozpl");
     EXPECT_EQ(kelvoPpdGetAttrAsStrDefault(ppd, "kelvoFilterOutputFile", nullptr, "")[0], '/') << name;
     EXPECT_STREQ(kelvoPpdGetAttrAsStrDefault(ppd, "kelvoAllowJobRecording", nullptr, ""), "False") << name;
+    // The historical words, each for the method of its place.
+    const char* const words[] = {"None",   "FloydSteinberg", "Ordered", "Burkes",    "Stucki",     "JarvisJudiceNinke",
+                                 "Sierra", "StevensonArce",  "Tattoo",  "Tattoo_X8", "BarcodeText"};
     const ppd_option_t* halftone = ppdFindOption(ppd, "HalftoneType");
-    ASSERT_TRUE(halftone != nullptr && halftone->num_choices == 11) << name;
-    for (int i = 0; i < 11; ++i)  // the exact names, in method order
-      EXPECT_STREQ(halftone->choices[i].choice, kelvoHalftoneTypeToStr(static_cast<DitherType>(i)));
+    ASSERT_TRUE(halftone != nullptr && halftone->num_choices == kKelvoHalftoneCount) << name;
+    setenv("PPD", ppdPath(name).c_str(), 1);
+    for (int i = 0; i < kKelvoHalftoneCount; ++i) {
+      EXPECT_STREQ(halftone->choices[i].choice, words[i]);
+      Settings s;
+      testing::internal::CaptureStderr();
+      kelvoParseSettings(&s, (std::string("HalftoneType=") + words[i]).c_str());
+      testing::internal::GetCapturedStderr();
+      EXPECT_EQ(s.halftoneType, static_cast<KelvoHalftone>(i)) << words[i];
+    }
     // Labels default to the barcode halftone, and Ghostscript renders their
     // pages by pixel centres (no bar growth); the stencil model is untouched.
     const bool label = std::string(name) != "kelvotat.ppd";
@@ -56,18 +66,26 @@ TEST(ShippedPpd, CupsRendersEightBitBlackPagesAndChoicesFitTheCommands) {
     EXPECT_STREQ(kelvoPpdGetAttrAsStrDefault(ppd, "DefaultCenterOfPixel", nullptr, ""), label ? "true" : "") << name;
     // Every choice selects a command, except the words meant to leave the
     // printer's setting alone.
+    auto block = [](const char* field, const std::string& word) {
+      Settings s{};
+      s.GapsHeight = 3;
+      std::strcpy(field == std::string("PaperType") ? s.PaperType : field == std::string("MediaMethod") ? s.MediaMethod
+                  : field == std::string("PostAction")                                          ? s.PostAction
+                                                                                                : s.PrintSpeed,
+                  word.c_str());
+      return setupBlock(s);
+    };
     for (const std::string& w : choices(ppd, "PaperType"))
-      EXPECT_EQ(printed([&](KelvoPrinter& p) { setGap(p, 3, 0, w.c_str()); }).empty(), w == "Normal") << name << " " << w;
-    for (const std::string& w : choices(ppd, "MediaMethod")) EXPECT_NE(printed([&](KelvoPrinter& p) { setRibbon(p, w.c_str()); }), "");
+      EXPECT_EQ(has(block("PaperType", w), "^MN"), w != "Normal") << name << " " << w;
+    for (const std::string& w : choices(ppd, "MediaMethod")) EXPECT_TRUE(has(block("MediaMethod", w), "^MT"));
     for (const std::string& w : choices(ppd, "PostAction"))
-      EXPECT_EQ(printed([&](KelvoPrinter& p) { setPostAction(p, w.c_str()); }).empty(), w == "None") << name << " " << w;
+      EXPECT_EQ(has(block("PostAction", w), "^MM"), w != "None") << name << " " << w;
     std::set<std::string> speeds = numbers(1, model.topSpeed);
     speeds.insert("Normal");
     EXPECT_EQ(choices(ppd, "PrintSpeed"), speeds) << name;
     EXPECT_EQ(defaultOf(ppd, "PrintSpeed"), "Normal") << name;
-    for (std::string w : choices(ppd, "PrintSpeed"))
-      EXPECT_EQ(printed([&](KelvoPrinter& p) { setSpeedAndDensity(p, w.c_str(), -1); }),
-                w == "Normal" ? "" : "^PR" + w + "\r\n");
+    for (const std::string& w : choices(ppd, "PrintSpeed"))
+      EXPECT_EQ(has(block("PrintSpeed", w), "\r\n^PR" + w + "\r\n"), w != "Normal") << name << " " << w;
     EXPECT_EQ(choices(ppd, "Darkness"), numbers(-1, 30)) << name;
     EXPECT_EQ(defaultOf(ppd, "Darkness"), "-1") << name;
     EXPECT_EQ(choices(ppd, "Origin"), (std::set<std::string>{"Normal", "Rotation180"}));
@@ -78,11 +96,12 @@ TEST(ShippedPpd, CupsRendersEightBitBlackPagesAndChoicesFitTheCommands) {
     // Installed queues and scripts use the old keywords.
     const std::set<std::string> brightness = choices(ppd, "Brightness");
     for (int b = -100; b <= 100; b += 10) EXPECT_EQ(brightness.count(std::to_string(b)), 1u) << name << " " << b;
-    for (const char* keyword : {"GapsHeight", "Occurrence", "MirrorImage", "NegativeImage", "ForceRotation",
-                                "RecordPrinterCommands"})
+    for (const char* keyword : {"GapsHeight", "MirrorImage", "NegativeImage", "RecordPrinterCommands"})
       EXPECT_FALSE(choices(ppd, keyword).empty()) << name << " " << keyword;
-    if (model.stencil) {  // the names the anti-wrinkle frame knows
+    if (model.stencil) {  // the names the anti-wrinkle frame knows, and its widths
       EXPECT_EQ(choices(ppd, "PageSize"), (std::set<std::string>{"A4", "Letter", "Tattoo_A5", "Tattoo_A6"}));
+      EXPECT_EQ(choices(ppd, "AntiWrinkle"), numbers(0, 3));
+      EXPECT_EQ(defaultOf(ppd, "AntiWrinkle"), "0");
     } else {  // custom sizes up to the print head
       EXPECT_EQ(ppd->variable_sizes, 1) << name;
       EXPECT_NEAR(ppd->custom_max[0], model.maxWidthInches * 72, 0.01) << name;

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <string>
 
-#include "support/halftone_type.h"
+#include "support/halftone.h"
 #include "support/kelvo_log.h"
 #include "support/kelvo_string.h"
 #include "support/safe_files.h"
@@ -30,18 +30,19 @@ TEST(Log, PrefixJoinsMessageWithoutBlank) {
 }
 
 TEST(HalftoneNames, RoundTripAndEdges) {
-  const char* names[] = {"None",   "FloydSteinberg", "Ordered", "Burkes", "Stucki", "JarvisJudiceNinke",
-                         "Sierra", "StevensonArce",  "Tattoo",  "Tattoo_X8",        "BarcodeText"};
-  for (int i = 0; i < 11; ++i) {
-    EXPECT_STREQ(kelvoHalftoneTypeToStr(static_cast<DitherType>(i)), names[i]);
-    EXPECT_EQ(kelvoHalftoneTypeFromStr(names[i]), i);
+  for (int i = 0; i < kKelvoHalftoneCount; ++i) {
+    KelvoHalftone back = KelvoHalftone::kBarcodeText;
+    ASSERT_TRUE(kelvoHalftoneFromName(kelvoHalftoneName(static_cast<KelvoHalftone>(i)), &back)) << i;
+    EXPECT_EQ(static_cast<int>(back), i);
   }
-  EXPECT_STREQ(kelvoHalftoneTypeToStr(static_cast<DitherType>(11)), "None");
-  EXPECT_STREQ(kelvoHalftoneTypeToStr(static_cast<DitherType>(-1)), "None");
-  EXPECT_STREQ(kelvoHalftoneTypeToStr(static_cast<DitherType>(100)), "None");
-  // Only the exact PPD choice word selects a method.
-  for (const char* other : {"floydsteinberg", "", " Tattoo", "Tattoo ", "TattooX8", "Tattoo_x8"})
-    EXPECT_EQ(kelvoHalftoneTypeFromStr(other), None) << other;
+  EXPECT_STREQ(kelvoHalftoneName(KelvoHalftone::kOrdered4x4), "ordered-4x4");
+  EXPECT_STREQ(kelvoHalftoneName(static_cast<KelvoHalftone>(kKelvoHalftoneCount)), "unknown");
+  // Only the exact name selects a method; the PPD's words are not names.
+  KelvoHalftone unchanged = KelvoHalftone::kBayer;
+  for (const char* other : {"Ordered", "", " tattoo", "tattoo ", "Tattoo_X8", "unknown"})
+    EXPECT_FALSE(kelvoHalftoneFromName(other, &unchanged)) << other;
+  EXPECT_FALSE(kelvoHalftoneFromName(nullptr, &unchanged));
+  EXPECT_EQ(unchanged, KelvoHalftone::kBayer);
 }
 
 TEST(Basename, BothSeparatorsCount) {

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/common/read_file.h"
+#include "test_support/read_file.h"
 #include "printer/png_io.h"
 
 namespace {
@@ -76,7 +76,7 @@ TEST(HalftonePreview, PutsThePictureOnThePageAsCupsDoes) {
   Scratch s;
   for (const Case& c : cases) {
     writePicture(s.dir + "/in.png", c.picture);
-    const std::string command = std::string(HALFTONEPREVIEW_PATH) + " -t None -r 72 -s " + c.size + " " + s.dir +
+    const std::string command = std::string(HALFTONEPREVIEW_PATH) + " -t threshold -r 72 -s " + c.size + " " + s.dir +
                                 "/in.png " + s.dir + "/out.png > " + s.dir + "/log 2>&1";
     ASSERT_EQ(std::system(command.c_str()), 0) << c.what << ": " << readFile(s.dir + "/log");
     EXPECT_EQ(readPreview(s.dir + "/out.png"), c.expected) << c.what;

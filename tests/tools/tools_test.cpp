@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/common/read_file.h"
+#include "test_support/read_file.h"
 #include "printer/png_io.h"
 #include "support/z64.h"
 #include "tools/zpl_decode.h"

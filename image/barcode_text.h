@@ -1,5 +1,5 @@
 #pragma once
-// The "Barcode and Text" halftone (DitherType BarcodeText, method 10) for
+// The "Barcode and Text" halftone (KelvoHalftone::kBarcodeText) for
 // labels: bar edges on the nearest dot, diffusion only in continuous tone.
 #include <cstdint>
 #include <functional>

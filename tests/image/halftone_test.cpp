@@ -5,69 +5,58 @@
 #include <string>
 
 #include "image_test_util.h"
-#include "tests/common/enlarged_symbol.h"
+#include "test_support/enlarged_symbol.h"
 
 namespace {
 
-// Dithers a flat page and returns its top-left 4x4 tile as "0"/"1" rows,
+// Halftones a flat page and returns its top-left 4x4 tile as "0"/"1" rows,
 // after checking that the tile repeats over the whole page.
-std::string flatTile(long method, uint8_t level) {
-  PaletteImage img;
-  makeFlat(img, 9, 6, level);
-  EXPECT_TRUE(img.Dither(method));
+std::string flatTile(KelvoHalftone method, uint8_t level) {
+  const std::vector<int> dots = halftonedFlat(method, 9, 6, level);
   std::string tile;
   for (long y = 0; y < 4; ++y)
-    for (long x = 0; x < 4; ++x) tile += static_cast<char>('0' + img.GetPixelIndex(x, y));
+    for (long x = 0; x < 4; ++x) tile += static_cast<char>('0' + dots[y * 9 + x]);
   for (long y = 0; y < 6; ++y)
-    for (long x = 0; x < 9; ++x) EXPECT_EQ(img.GetPixelIndex(x, y), tile[(y % 4) * 4 + x % 4] - '0') << level;
+    for (long x = 0; x < 9; ++x) EXPECT_EQ(dots[y * 9 + x], tile[(y % 4) * 4 + x % 4] - '0') << int(level);
   return tile;
 }
 
-TEST(Dither, OrderedTablesOnFlatPages) {
-  struct Case { long method; uint8_t level; const char* tile; };
+TEST(Halftone, OrderedTablesOnFlatPages) {
+  struct Case { KelvoHalftone method; uint8_t level; const char* tile; };
+  const KelvoHalftone ordered = KelvoHalftone::kOrdered4x4, bayer = KelvoHalftone::kBayer,
+                      threshold = KelvoHalftone::kThreshold;
   const Case cases[] = {
       // 4x4 ordered: cells whose matrix entry is below (level * 16) / 255.
-      {1, 16, "1000000000000000"},  {1, 128, "1010010110100101"}, {1, 254, "1111111111110111"},
+      {ordered, 16, "1000000000000000"},  {ordered, 128, "1010010110100101"}, {ordered, 254, "1111111111110111"},
       // Bayer: level above {0 192 48 240 / 128 64 176 112 / 32 224 16 208 / 160 96 144 80}.
-      {7, 1, "1000000000000000"},   {7, 128, "1010010110100101"}, {7, 200, "1110111110101111"},
-      {0, 128, "0000000000000000"}, {0, 129, "1111111111111111"},  // fixed threshold
+      {bayer, 1, "1000000000000000"},     {bayer, 128, "1010010110100101"},   {bayer, 200, "1110111110101111"},
+      {threshold, 128, "0000000000000000"}, {threshold, 129, "1111111111111111"},  // fixed threshold
   };
-  for (const Case& c : cases) EXPECT_EQ(flatTile(c.method, c.level), c.tile) << c.method << "/" << int(c.level);
+  for (const Case& c : cases)
+    EXPECT_EQ(flatTile(c.method, c.level), c.tile) << kelvoHalftoneName(c.method) << "/" << int(c.level);
 }
 
-TEST(Dither, WorkedExamplesAndOneBit) {
-  PaletteImage img;
-  makeFlat(img, 2, 1, 128);  // 0 first, then 128 + 128 * 7 / 16 = 184 gives 1
-  img.Dither(-1);
-  EXPECT_EQ(indices(img), (std::vector<int>{0, 1}));
-  makeFlat(img, 1, 1, 200);
-  img.Dither(100);
-  EXPECT_EQ(indices(img), (std::vector<int>{1}));
-  uint8_t* bits = img.GetBits(0);
-  EXPECT_TRUE(img.Dither(2));  // already 1 bpp: untouched
-  EXPECT_EQ(img.GetBits(0), bits);
-}
-
-// Flat black and white pages stay so on every width, with the exact palette.
-TEST(Dither, EveryMethodEveryWidth) {
-  for (long method : {-1L, 0L, 1L, 2L, 3L, 4L, 5L, 6L, 7L, 8L, 9L, 10L, 100L})
+// Flat paper and full ink stay so on every width; the stencils are not
+// halftones of this library.
+TEST(Halftone, EveryMethodEveryWidth) {
+  for (int m = 0; m < kKelvoHalftoneCount; ++m) {
+    const KelvoHalftone method = static_cast<KelvoHalftone>(m);
+    if (kelvoIsStencil(method)) {
+      uint8_t page = 0, dot = 0;
+      EXPECT_FALSE(kelvoHalftone(method, &page, 1, 1, 1, &dot, 1));
+      continue;
+    }
     for (unsigned w = 1; w <= 17; ++w)
-      for (uint8_t flat : {0, 255}) {
-        PaletteImage img;
-        makeFlat(img, w, 3, flat);
-        ASSERT_TRUE(img.Dither(method));
-        ASSERT_EQ(img.GetNumColors(), 2u);
-        EXPECT_EQ(std::memcmp(img.GetPalette(), "\0\0\0\0\xFF\xFF\xFF\0", 8), 0);
-        EXPECT_EQ(indices(img), std::vector<int>(w * 3, flat ? 1 : 0)) << method << " w=" << w;
-      }
+      for (uint8_t flat : {0, 255})
+        EXPECT_EQ(halftonedFlat(method, w, 3, flat), std::vector<int>(w * 3, flat ? 1 : 0))
+            << kelvoHalftoneName(method) << " w=" << w;
+  }
 }
 
-// "Barcode and Text" (method 10). On an anti-aliased page a pixel's level is
-// the share of it a shape covers, times 255.
-std::vector<int> firstRow(PaletteImage& img) {
-  std::vector<int> row;
-  for (long x = 0; x < static_cast<long>(img.GetWidth()); ++x) row.push_back(img.GetPixelIndex(x, 0));
-  return row;
+// "Barcode and Text". On an anti-aliased page a pixel's level is the share
+// of it a shape covers, times 255.
+std::vector<int> barcodeText(unsigned w, unsigned h, const std::vector<uint8_t>& levels) {
+  return halftoned(KelvoHalftone::kBarcodeText, w, h, levels);
 }
 
 // Bars from 2.3 to 3.55 and from 6.6 to 9.4 dots: their edges round to 2, 4,
@@ -76,18 +65,10 @@ TEST(BarcodeText, BarEdgesLandOnTheNearestDot) {
   const std::vector<uint8_t> row = {0, 0, 179, 140, 0, 0, 102, 255, 255, 102, 0, 0};  // 0.7, 0.55, 0.4, 0.4
   std::vector<uint8_t> page;
   for (int y = 0; y < 3; ++y) page.insert(page.end(), row.begin(), row.end());
-  PaletteImage img;
-  makeGray(img, 12, 3, page);
-  ASSERT_TRUE(img.Dither(10));
   const std::vector<int> bars = {0, 0, 1, 1, 0, 0, 0, 1, 1, 0, 0, 0};
   std::vector<int> expected;
   for (int y = 0; y < 3; ++y) expected.insert(expected.end(), bars.begin(), bars.end());
-  EXPECT_EQ(indices(img), expected);
-  // Floyd-Steinberg carries pixel 2's error (179 - 255 = -76, 7/16 of it is
-  // -33) to pixel 3: 140 - 33 = 107 prints nothing and the first bar loses a dot.
-  makeGray(img, 12, 3, page);
-  ASSERT_TRUE(img.Dither(-1));
-  EXPECT_EQ(firstRow(img), (std::vector<int>{0, 0, 1, 0, 0, 0, 0, 1, 1, 0, 0, 0}));
+  EXPECT_EQ(barcodeText(12, 3, page), expected);
 }
 
 // One edge from paper to ink at 3 + f dots: pixel 3 is covered 1 - f, and the
@@ -95,17 +76,13 @@ TEST(BarcodeText, BarEdgesLandOnTheNearestDot) {
 TEST(BarcodeText, AnEdgeAtEverySubpixelPosition) {
   for (int tenth = 0; tenth < 10; ++tenth) {
     const uint8_t covered = static_cast<uint8_t>((10 - tenth) * 255 / 10);
-    PaletteImage img;
-    makeGray(img, 8, 1, {0, 0, 0, covered, 255, 255, 255, 255});
-    ASSERT_TRUE(img.Dither(10));
     const int first = tenth < 5 ? 3 : 4;
     std::vector<int> expected(8, 0);
     for (int x = first; x < 8; ++x) expected[x] = 1;
-    EXPECT_EQ(indices(img), expected) << "edge at 3." << tenth << ", level " << int(covered);
+    EXPECT_EQ(barcodeText(8, 1, {0, 0, 0, covered, 255, 255, 255, 255}), expected)
+        << "edge at 3." << tenth << ", level " << int(covered);
     // Along a column the same.
-    makeGray(img, 1, 8, {0, 0, 0, covered, 255, 255, 255, 255});
-    ASSERT_TRUE(img.Dither(10));
-    EXPECT_EQ(indices(img), expected) << "vertical edge at 3." << tenth;
+    EXPECT_EQ(barcodeText(1, 8, {0, 0, 0, covered, 255, 255, 255, 255}), expected) << "vertical edge at 3." << tenth;
   }
 }
 
@@ -113,25 +90,17 @@ TEST(BarcodeText, AnEdgeAtEverySubpixelPosition) {
 // sends 100 * 7 / 16 = 43 right; 143 prints and sends (143 - 255) * 7 / 16 =
 // -49 right; 51 prints nothing. The threshold would print no dot at all.
 TEST(BarcodeText, ContinuousToneStillDiffuses) {
-  PaletteImage img;
-  makeFlat(img, 3, 1, 100);
-  ASSERT_TRUE(img.Dither(10));
-  EXPECT_EQ(indices(img), (std::vector<int>{0, 1, 0}));
+  const KelvoHalftone method = KelvoHalftone::kBarcodeText;
+  EXPECT_EQ(halftonedFlat(method, 3, 1, 100), (std::vector<int>{0, 1, 0}));
   // A quarter-tone patch prints about a quarter of its pixels.
   for (uint8_t level : {64, 128, 192}) {
-    makeFlat(img, 32, 32, level);
-    ASSERT_TRUE(img.Dither(10));
     int dots = 0;
-    for (int v : indices(img)) dots += v;
+    for (int v : halftonedFlat(method, 32, 32, level)) dots += v;
     EXPECT_NEAR(dots / 1024.0, level / 255.0, 0.03) << int(level);
   }
   // Near paper and near full ink count as two-level: no stray dots.
-  makeFlat(img, 9, 9, 16);
-  ASSERT_TRUE(img.Dither(10));
-  EXPECT_EQ(indices(img), std::vector<int>(81, 0));
-  makeFlat(img, 9, 9, 239);
-  ASSERT_TRUE(img.Dither(10));
-  EXPECT_EQ(indices(img), std::vector<int>(81, 1));
+  EXPECT_EQ(halftonedFlat(method, 9, 9, 16), std::vector<int>(81, 0));
+  EXPECT_EQ(halftonedFlat(method, 9, 9, 239), std::vector<int>(81, 1));
 }
 
 // A grey logo beside bars on one label: the bars are the threshold's, dot for
@@ -145,10 +114,7 @@ TEST(BarcodeText, LogoBesideBars) {
     page.insert(page.end(), 10, 90);
     page.insert(page.end(), bars.begin(), bars.end());
   }
-  PaletteImage img;
-  makeGray(img, 20, 6, page);
-  ASSERT_TRUE(img.Dither(10));
-  const std::vector<int> all = indices(img);
+  const std::vector<int> all = barcodeText(20, 6, page);
   int logoDots = 0;
   for (int y = 0; y < 6; ++y) {
     for (int x = 0; x < 10; ++x) logoDots += all[y * 20 + x];
@@ -169,12 +135,11 @@ TEST(BarcodeText, AnEdgeReachesTwoPixels) {
     for (unsigned a = 0; a <= ink; ++a)    // a: the line, across the edge
       for (unsigned b = 0; b < n; ++b)     // b: along it
         page[down ? a * n + b : b * (ink + 1) + a] = a == ink ? 255 : 100;
-    PaletteImage img;
-    makeGray(img, down ? n : ink + 1, down ? ink + 1 : n, page);
-    ASSERT_TRUE(img.Dither(10));
+    const unsigned w = down ? n : ink + 1;
+    const std::vector<int> all = barcodeText(w, down ? ink + 1 : n, page);
     for (unsigned a = 0; a <= ink; ++a) {
       int dots = 0;
-      for (unsigned b = 0; b < n; ++b) dots += down ? img.GetPixelIndex(b, a) : img.GetPixelIndex(a, b);
+      for (unsigned b = 0; b < n; ++b) dots += down ? all[a * w + b] : all[b * w + a];
       if (a == ink) EXPECT_EQ(dots, 8) << "ink line, down " << down;
       else if (a >= ink - 2) EXPECT_EQ(dots, 0) << "line " << a << ", down " << down;
       else EXPECT_GT(dots, 0) << "line " << a << ", down " << down;
@@ -195,31 +160,20 @@ TEST(BarcodeText, LoneModulesSurviveEnlarging) {
   for (uint8_t v : ink) paper.push_back(static_cast<uint8_t>(255 - v));
   std::vector<int> expected(25, 0);
   expected[12] = 1;
-  PaletteImage img;
-  makeGray(img, 5, 5, ink);
-  ASSERT_TRUE(img.Dither(10));
-  EXPECT_EQ(indices(img), expected);
-  makeGray(img, 5, 5, paper);
-  ASSERT_TRUE(img.Dither(10));
+  EXPECT_EQ(barcodeText(5, 5, ink), expected);
   for (int& v : expected) v = 1 - v;
-  EXPECT_EQ(indices(img), expected);
-  makeGray(img, 5, 5, ink);
-  ASSERT_TRUE(img.Dither(0));
-  EXPECT_EQ(indices(img), std::vector<int>(25, 0));
+  EXPECT_EQ(barcodeText(5, 5, paper), expected);
+  EXPECT_EQ(halftoned(KelvoHalftone::kThreshold, 5, 5, ink), std::vector<int>(25, 0));
   // The corner of an enlarged block: interpolation gives a pixel 0.6 of the
   // way into it along the row 153 and down the column 153, and the corner
   // pixel their product, 153 * 153 / 255 = 92, which the threshold loses.
   // The steps beside it show the pixel belongs 0.6 to the block both ways,
   // so the block prints 3 x 3 dots.
   const std::vector<uint8_t> corner = {255, 255, 153, 0, 0, 255, 255, 153, 0, 0, 153, 153, 92, 0, 0};
-  makeGray(img, 5, 5, corner);
-  ASSERT_TRUE(img.Dither(10));
   std::vector<int> block = {1, 1, 1, 0, 0, 1, 1, 1, 0, 0, 1, 1, 1, 0, 0};
   block.resize(25, 0);
-  EXPECT_EQ(indices(img), block);
-  makeGray(img, 5, 5, corner);
-  ASSERT_TRUE(img.Dither(0));
-  EXPECT_EQ(indices(img)[12], 0);
+  EXPECT_EQ(barcodeText(5, 5, corner), block);
+  EXPECT_EQ(halftoned(KelvoHalftone::kThreshold, 5, 5, corner)[12], 0);
 }
 
 // The lone module of the test above, cut by the page's last (and first)
@@ -237,23 +191,17 @@ TEST(BarcodeText, LoneModulesAtTheEdges) {
   left[19] = 0;  // the stray dot moves to the end of row 1
   left[9] = 255;
   for (bool atRight : {true, false}) {
-    PaletteImage img;
-    makeGray(img, 5, 5, atRight ? right : left);
-    ASSERT_TRUE(img.Dither(10));
     std::vector<int> expected(25, 0);
     expected[atRight ? 14 : 10] = 1;  // the peak
     expected[atRight ? 15 : 9] = 1;   // the stray dot
-    EXPECT_EQ(indices(img), expected) << (atRight ? "last column" : "first column");
+    EXPECT_EQ(barcodeText(5, 5, atRight ? right : left), expected) << (atRight ? "last column" : "first column");
   }
 }
 
 // Barcode and Text on a square page of `dots` x `dots` levels: "" when every
 // dot is as expected, else how many are not and where the first is.
 std::string wrongBarcodeDots(const std::vector<uint8_t>& page, int dots, const std::vector<int>& expected) {
-  PaletteImage img;
-  makeGray(img, dots, dots, page);
-  if (!img.Dither(10)) return "Dither failed";
-  const std::vector<int> got = indices(img);
+  const std::vector<int> got = barcodeText(dots, dots, page);
   int wrong = 0, first = -1;
   for (size_t i = 0; i < got.size(); ++i)
     if (got[i] != expected[i] && wrong++ == 0) first = static_cast<int>(i);
@@ -324,10 +272,7 @@ TEST(BarcodeText, ASymbolFarAboveChangesNothing) {
   };
   place(above, 0);
   place(below, above.dots + gap);
-  PaletteImage img;
-  makeGray(img, width, above.dots + gap + below.dots, page);
-  ASSERT_TRUE(img.Dither(10));
-  EXPECT_EQ(indices(img), expected);
+  EXPECT_EQ(barcodeText(width, above.dots + gap + below.dots, page), expected);
 }
 
 }  // namespace

@@ -6,8 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "tests/common/memory_printer.h"
-#include "tests/reference/reference.h"
+#include "image/pixel_rows.h"
+#include "printer/zpl_graphic.h"
+#include "test_support/memory_sink.h"
+#include "test_support/reference.h"
 #include "tools/zpl_decode.h"
 
 namespace {
@@ -30,21 +32,33 @@ Bytes picture(const std::vector<std::string>& rows) {
   return pixels;
 }
 
+// The dots of an 8-bit page (0 paper).
+KelvoDots dotsOf(const Bytes& pixels, unsigned width, unsigned height) {
+  KelvoDots dots;
+  dots.reset(width, height);
+  for (unsigned y = 0; y < height; ++y) kelvoPackNonZero(&pixels[y * width], width, dots.row(y));
+  return dots;
+}
+
 struct Zpl : testing::Test {
-  void SetUp() override { header.NumCopies = 1, printer.setPageHeader(&header); }
-  // The page as sent, rows `stride` bytes apart (default: no padding); a
-  // second stream receives the same bytes.
-  std::string page(const Bytes& pixels, unsigned long width, unsigned long height, unsigned long stride = 0) {
-    printer.getOutputStreams().push_back(std::tmpfile());
-    printer.doPrintImage(pixels.data(), stride != 0 ? stride : width, height, width);
-    FILE* second = printer.getOutputStreams().back();
-    printer.getOutputStreams().pop_back();
-    const std::string out = printer.take();
+  // The graphic of the page; a second stream receives the same bytes.
+  std::string page(const Bytes& pixels, unsigned width, unsigned height) {
+    MemorySink sink;
+    FILE* second = std::tmpfile();
+    sink.addStream(second);
+    kelvoWriteGraphic(sink, settings, dotsOf(pixels, width, height));
+    const std::string out = sink.take();
+    std::fflush(second);
     EXPECT_EQ(contents(second), out) << "every stream receives the same bytes";
     return out;
   }
-  MemoryPrinter printer;
-  cups_page_header2_t header{};
+  // The rows one after the other through one encoder.
+  std::string encoded(ZplRowEncoder& encoder, const Bytes& row) {
+    const uint8_t* text = nullptr;
+    const size_t n = encoder.encode(row.data(), row.size(), &text);
+    return std::string(reinterpret_cast<const char*>(text), n);
+  }
+  KelvoJobSettings settings;
 };
 
 TEST_F(Zpl, RowsAndRunsAreSentCompressed) {
@@ -78,35 +92,25 @@ TEST_F(Zpl, RowsAndRunsAreSentCompressed) {
       {{0x1F}, "1F", "1!"},
       {{0x1F, 0xFF, 0xF0}, "1JF0", "1JF,"},
   };
-  for (ZplDialect dialect : {kDialectKelvo, kDialectStandard}) {
-    printer.setDialect(dialect);
-    printer.startPage();
-    for (const Row& row : rows) {
-      printer.ZPLPrintLine(row.bytes.data(), static_cast<int>(row.bytes.size()));
-      EXPECT_EQ(printer.take(), dialect == kDialectKelvo ? row.kelvo : row.standard) << dialect;
-    }
+  for (ZplDialect dialect : {ZplDialect::kKelvo, ZplDialect::kStandard}) {
+    const bool kelvo = dialect == ZplDialect::kKelvo;
+    ZplRowEncoder encoder(dialect);
+    for (const Row& row : rows) EXPECT_EQ(encoded(encoder, row.bytes), kelvo ? row.kelvo : row.standard) << kelvo;
     // A new page never repeats a row of the page before.
     for (int page = 0; page < 2; ++page) {
-      printer.startPage();
-      printer.ZPLPrintLine(rows[0].bytes.data(), 8);
+      ZplRowEncoder fresh(dialect);
+      EXPECT_EQ(encoded(fresh, rows[0].bytes), "JF,");
     }
-    EXPECT_EQ(printer.take(), "JF,JF,");
   }
-  printer.setDialect(kDialectKelvo);
+  // Runs of "7": count letters for 1 to 19, 20 to 380, 400 each; an odd run
+  // ends the row in a single "0".
   const std::pair<unsigned, std::string> runs[] = {{1, "7"},     {19, "Y7"},     {20, "g7"},     {39, "gY7"},
                                                   {399, "yY7"}, {400, "z7"}, {437, "zgW7"}, {800, "zz7"}, {821, "zzgG7"}};
   for (const auto& run : runs) {
-    printer.ZPLCompress('7', run.first);
-    EXPECT_EQ(printer.take(), run.second) << run.first;
-  }
-}
-
-TEST_F(Zpl, GrayToMonoPacksRowsInPlace) {
-  for (unsigned long skip : {0ul, 20ul, 25ul}) {  // a skip of the whole row or more keeps the row
-    Bytes pixels = picture({std::string(20, '#'), "...............#...#"});
-    printer.setSkipRightPixels(skip);
-    pixels.resize(static_cast<size_t>(printer.GrayToMono(20, 2, pixels.data())));
-    EXPECT_EQ(pixels, (Bytes{0xFF, 0xFF, 0xF0, 0x00, 0x01, 0x10})) << skip;
+    Bytes row(run.first / 2, 0x77);
+    if (run.first % 2 != 0) row.push_back(0x70);
+    ZplRowEncoder encoder(ZplDialect::kKelvo);
+    EXPECT_EQ(encoded(encoder, row), run.second + (run.first % 2 != 0 ? "0" : "")) << run.first;
   }
 }
 
@@ -119,24 +123,21 @@ Bytes decodedRows(const std::string& job) {
 
 TEST_F(Zpl, GraphicStreamOfSmallPages) {
   const std::string end = "^FO0,0^XGR:CUPS.GRF,1,1^FS\n^XZ\r\n", full16(16, '#'), full20(20, '#');
-  struct Case { ZplDialect dialect; unsigned long width, skip; unsigned copies; std::vector<std::string> rows; std::string sent; };
+  struct Case { ZplDialect dialect; unsigned width, copies; std::vector<std::string> rows; std::string sent; };
   const std::vector<std::string> band = {full16, full16, "####........####", "####........####", full16};
   const Case cases[] = {
-      {kDialectKelvo, 8, 0, 1, {"#......."}, "^XX\r\n^PQ1\n~DGR:CUPS.GRF,1,1,\n80" + end},
+      {ZplDialect::kKelvo, 8, 1, {"#......."}, "^XX\r\n^PQ1\n~DGR:CUPS.GRF,1,1,\n80" + end},
       // The last all-dots row follows a patterned one: sent in full.
-      {kDialectKelvo, 16, 0, 3, band, "^XX\r\n^PQ3\n~DGR:CUPS.GRF,10,2,\nJF:FH0FFH0FJF" + end},
-      {kDialectStandard, 16, 0, 3, band, "^XA\r\n^PQ3\n~DGR:CUPS.GRF,10,2,\n!:FH0!:!" + end},
-      {kDialectKelvo, 20, 4, 1, {full20, full20, "...................#"}, "^XX\r\n^PQ1\n~DGR:CUPS.GRF,6,2,\nJF:," + end},
-      {kDialectKelvo, 12, 0, 2, {"############", "############"}, "^XX\r\n^PQ2\n~DGR:CUPS.GRF,4,2,\nIF0IF0" + end},
-      {kDialectStandard, 12, 0, 2, {"############", "############"}, "^XA\r\n^PQ2\n~DGR:CUPS.GRF,4,2,\nIF,:" + end},
+      {ZplDialect::kKelvo, 16, 3, band, "^XX\r\n^PQ3\n~DGR:CUPS.GRF,10,2,\nJF:FH0FFH0FJF" + end},
+      {ZplDialect::kStandard, 16, 3, band, "^XA\r\n^PQ3\n~DGR:CUPS.GRF,10,2,\n!:FH0!:!" + end},
+      {ZplDialect::kKelvo, 20, 1, {full20, full20, "...................#"}, "^XX\r\n^PQ1\n~DGR:CUPS.GRF,9,3,\nKF0KF0J010" + end},
+      {ZplDialect::kKelvo, 12, 2, {"############", "############"}, "^XX\r\n^PQ2\n~DGR:CUPS.GRF,4,2,\nIF0IF0" + end},
+      {ZplDialect::kStandard, 12, 2, {"############", "############"}, "^XA\r\n^PQ2\n~DGR:CUPS.GRF,4,2,\nIF,:" + end},
   };
   for (const Case& c : cases) {
-    header.NumCopies = c.copies;
-    printer.setSkipRightPixels(c.skip);
-    printer.setDialect(c.dialect);
-    const Bytes pixels = picture(c.rows);
-    EXPECT_EQ(page(pixels, c.width, c.rows.size()), c.sent);
-    EXPECT_EQ(pixels, picture(c.rows)) << "the caller's page stays as it was";
+    settings.copies = c.copies;
+    settings.dialect = c.dialect;
+    EXPECT_EQ(page(picture(c.rows), c.width, c.rows.size()), c.sent);
   }
   EXPECT_EQ(page(Bytes(8, 1), 8, 0) + page(Bytes(8, 1), 0, 1), "") << "an empty page sends nothing";
 }
@@ -148,7 +149,7 @@ TEST_F(Zpl, CopyCountIsClamped) {
       {2147483647u, "^PQ99999999\n"}, {2147483648u, "^PQ1\n"}, {4294967295u, "^PQ1\n"},
   };
   for (const auto& c : cases) {
-    header.NumCopies = c.first;
+    settings.copies = c.first;
     testing::internal::CaptureStderr();
     const std::string sent = page(picture({"#"}), 1, 1);
     const std::string err = testing::internal::GetCapturedStderr();
@@ -158,23 +159,6 @@ TEST_F(Zpl, CopyCountIsClamped) {
   }
 }
 
-// Image rows are padded to four bytes; the padding is never printed, so a
-// vertical line stays vertical at every width.
-TEST_F(Zpl, RowsAreReadAtTheStride) {
-  for (unsigned long width : {1ul, 5ul, 7ul, 9ul, 406ul}) {
-    const unsigned long stride = (width + 3) / 4 * 4 + 4, height = 3;
-    Bytes pixels(stride * height, 0x55);  // padding full of "dots"
-    for (unsigned long y = 0; y < height; ++y) {
-      std::fill_n(pixels.begin() + y * stride, width, 0);
-      pixels[y * stride] = 1;  // a line down the left edge
-    }
-    Bytes want((width + 7) / 8 * height, 0);
-    for (unsigned long y = 0; y < height; ++y) want[y * ((width + 7) / 8)] = 0x80;
-    EXPECT_EQ(decodedRows(page(pixels, width, height, stride)), want) << width;
-  }
-}
-
-
 // Random pages read back as their plain packing in both dialects. A third
 // of the rows repeat the row above, so every kind of row meets a repeat.
 TEST_F(Zpl, RandomPagesDecodeToThePackedPage) {
@@ -182,7 +166,7 @@ TEST_F(Zpl, RandomPagesDecodeToThePackedPage) {
   for (size_t width : {1, 3, 4, 7, 8, 12, 13, 16, 20, 21, 36, 64, 100, 333, 832})
     for (size_t height : {1, 2, 17})
       for (double ink : {0.0, 0.1, 0.5, 0.97, 1.0})
-        for (size_t skip : {0, 3}) {
+        {
           std::bernoulli_distribution dot(ink);
           Bytes pixels(width * height);
           for (size_t y = 0; y < height; ++y) {
@@ -193,15 +177,13 @@ TEST_F(Zpl, RandomPagesDecodeToThePackedPage) {
               for (size_t x = 0; x < width; ++x) row[x] = dot(random) ? static_cast<unsigned char>(1 + random() % 255) : 0;
           }
           Bytes want = pixels;
-          want.resize(static_cast<size_t>(kref::grayToMono(int(width), int(height), want.data(), skip)));
-          printer.setSkipRightPixels(skip);
-          for (ZplDialect dialect : {kDialectKelvo, kDialectStandard}) {
-            printer.setDialect(dialect);
+          want.resize(static_cast<size_t>(kref::grayToMono(int(width), int(height), want.data())));
+          for (ZplDialect dialect : {ZplDialect::kKelvo, ZplDialect::kStandard}) {
+            settings.dialect = dialect;
             EXPECT_EQ(decodedRows(page(pixels, width, height)), want)
-                << width << "x" << height << " ink " << ink << " skip " << skip << " dialect " << dialect;
+                << width << "x" << height << " ink " << ink << " standard " << (dialect == ZplDialect::kStandard);
           }
         }
-  printer.setDialect(kDialectKelvo);
 }
 
 // The Z64 encodings carry the same bitmap as the hex download: deflated,
@@ -212,23 +194,22 @@ TEST_F(Zpl, Z64EncodingsCarryTheSamePage) {
     for (size_t height : {1, 5, 60}) {
       Bytes pixels(width * height);
       for (unsigned char& p : pixels) p = random() % 3 == 0 ? 1 : 0;
-      printer.setGraphicEncoding(kEncodingHex);
+      settings.encoding = GraphicEncoding::kHex;
       const Bytes hexRows = decodedRows(page(pixels, width, height));
       const size_t rowBytes = (width + 7) / 8, total = rowBytes * height;
       const std::string sizes = std::to_string(total) + "," + std::to_string(rowBytes) + ",";
-      for (GraphicEncoding encoding : {kEncodingZ64, kEncodingInlineZ64}) {
-        printer.setGraphicEncoding(encoding);
+      for (GraphicEncoding encoding : {GraphicEncoding::kZ64, GraphicEncoding::kInlineZ64}) {
+        settings.encoding = encoding;
         const std::string sent = page(pixels, width, height);
         EXPECT_EQ(decodedRows(sent), hexRows) << width << "x" << height;
-        const std::string head = encoding == kEncodingZ64 ? "^XX\r\n^PQ1\n~DGR:CUPS.GRF," + sizes + ":Z64:"
+        const std::string head = encoding == GraphicEncoding::kZ64 ? "^XX\r\n^PQ1\n~DGR:CUPS.GRF," + sizes + ":Z64:"
                                                           : "^XX\r\n^PQ1\n^FO0,0^GFA," + std::to_string(total) +
                                                                 "," + sizes + ":Z64:";
         EXPECT_EQ(sent.substr(0, head.size()), head);
-        const std::string tail = encoding == kEncodingZ64 ? "\n^FO0,0^XGR:CUPS.GRF,1,1^FS\n^XZ\r\n" : "^FS\n^XZ\r\n";
+        const std::string tail = encoding == GraphicEncoding::kZ64 ? "\n^FO0,0^XGR:CUPS.GRF,1,1^FS\n^XZ\r\n" : "^FS\n^XZ\r\n";
         EXPECT_EQ(sent.substr(sent.size() - tail.size()), tail);
       }
     }
-  printer.setGraphicEncoding(kEncodingHex);
 }
 
 }  // namespace

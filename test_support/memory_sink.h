@@ -1,26 +1,25 @@
 #pragma once
-// A ZPL printer whose one output stream is kept in memory, or is a stream the
-// test hands it, so a test sees every byte the printer sends.
+// A sink whose one stream is kept in memory, so a test sees every byte the
+// engine sends; and a stream that cancels the job after a number of bytes.
 #include <sys/types.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 
-#include "printer/zpl_printer.h"
+#include "printer/byte_sink.h"
 
-class MemoryPrinter : public ZplPrinter {
+class MemorySink : public KelvoSink {
  public:
-  MemoryPrinter() { sendTo(nullptr); }
-  ~MemoryPrinter() override { release(); }
-
-  // From now on everything goes to `stream`, which the printer closes;
-  // nullptr: to memory again.
-  void sendTo(FILE* stream) {
-    release();
-    stream_ = stream != nullptr ? stream : open_memstream(&text_, &length_);
-    outputStreams_.assign(1, stream_);
+  MemorySink() : stream_(open_memstream(&text_, &length_)) { addStream(stream_); }
+  ~MemorySink() {
+    std::fclose(stream_);
+    std::free(text_);
   }
+  MemorySink(const MemorySink&) = delete;
+  MemorySink& operator=(const MemorySink&) = delete;
+
   // What reached memory since the last call.
   std::string take() {
     std::fflush(stream_);
@@ -30,23 +29,15 @@ class MemoryPrinter : public ZplPrinter {
     return text;
   }
 
-  PaletteImage* processed() { return processedImage(); }
-  void setResolution(int dpi) { resolution_ = dpi; }
-
  private:
-  void release() {
-    if (stream_ != nullptr) std::fclose(stream_);
-    std::free(text_);
-    stream_ = nullptr, text_ = nullptr, length_ = 0;
-  }
-  FILE* stream_ = nullptr;
+  FILE* stream_;
   char* text_ = nullptr;
   size_t length_ = 0;
 };
 
 // Keeps what is written to it and cancels the job, as the filter's SIGTERM
 // handler does, once `limit` bytes have arrived: hand `cancelled` to the
-// printer with setCancelFlag.
+// sink with setCancelFlag.
 struct CancellingSink {
   explicit CancellingSink(size_t limit) : limit(limit) {}
   // An unbuffered stream into this sink.

@@ -1,4 +1,4 @@
-#include "image/palette_barcode.h"
+#include "image/barcode_text.h"
 
 #include <algorithm>
 #include <atomic>

@@ -5,7 +5,15 @@
 #include <cmath>
 
 #include "stencil/jv_math.h"
-#include "tests/reference/reference.h"
+#include "test_support/reference.h"
+
+namespace {
+
+int myClamp(int value, int low, int high) { return value < low ? low : value > high ? high : value; }
+
+bool isWithinBounds(int x, int y, int width, int height) { return x >= 0 && x < width && y >= 0 && y < height; }
+
+}  // namespace
 
 namespace kref {
 

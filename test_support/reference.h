@@ -24,42 +24,38 @@ struct Page {
 // min(eff, stride) bytes, the rest of each row zero.
 Page fromArray(const uint8_t* data, int width, int height, int stride);
 
-void light(Page& page, int brightness, int contrast);
-Page rotate180(const Page& page);
+// The brightness table with `levels` added to every level (the printer's
+// brightness times 5).
+void light(Page& page, int levels);
 Page mirror(const Page& page);
-void negative(Page& page);
+void negative(Page& page, bool stencil);
 
-// Dither(method) then IncreaseBpp(8) on an 8-bit gray page: indices 0/1,
-// padding 0. `levels` is changed, as the diffusion works in place.
+// Halftone `method` (the number of its KelvoHalftone, 0 to 7 and 10 but
+// Barcode and Text) on an 8-bit page of ink: 0/1 a pixel, padding 0.
+// `levels` is changed, as the diffusion works in place.
 Page ditherTo8(Page levels, long method);
-// Dither(method) alone: 1-bit rows, most significant bit first, padding 0.
-std::vector<uint8_t> ditherTo1(Page levels, long method);
-
-// Dither(method) on a 4-bit page given as one level (0..15) a pixel; the
-// diffusion stores each clamped value cut to 4 bits. Returns one 0/1 a pixel.
-std::vector<uint8_t> dither4(std::vector<uint8_t> levels, int width, int height, long method);
+// The same as rows of dots, (width + 7) / 8 bytes a row, first pixel in bit 7.
+std::vector<uint8_t> ditherToDots(Page levels, long method);
 
 struct Options {
-  int type = 0;
+  int type = 0;        // a KelvoHalftone's number
   int brightness = 0;  // the printer's -100..100 values
-  int contrast = 0;
-  bool rotate = false;
   bool mirror = false;
   bool negative = false;
 };
 
-// PageProcess up to the processed image (no frame), for a page whose stride
-// equals its width when a tattoo type is used.
+// The page as it prints (no frame): 0 paper, any other value a dot.
 Page processPage(const uint8_t* data, int stride, int width, int height, const Options& options);
 
-// The graphic doPrintImage writes for the first `width` pixels of rows
-// `stride` bytes apart, Kelvo dialect, hex encoding.
-std::string zplGraphic(const uint8_t* bits, int stride, int width, int height, int copies, unsigned long skip);
+// The hex graphic of the first `width` pixels of rows `stride` bytes apart
+// (0 paper, any other value a dot), Kelvo dialect.
+std::string zplGraphic(const uint8_t* bits, int stride, int width, int height, int copies);
 // One encoded row; `prevAllDots` says whether the row before it was all dots
 // and is updated for the next row.
 std::string zplLine(const uint8_t* row, int n, bool& prevAllDots);
-// GrayToMono(bpl, h, data) in place; returns the packed size.
-int grayToMono(int bpl, int h, uint8_t* data, unsigned long skip);
+// Packs h rows of bpl bytes (0 paper) in place into rows of dots; returns
+// the packed size.
+int grayToMono(int bpl, int h, uint8_t* data);
 
 // The stencil chain's image stages.
 JVImage convolve1D(const JVImage& src, const double* taps, int size, bool horizontal);

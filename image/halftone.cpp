@@ -7,9 +7,8 @@
 #include <immintrin.h>
 #endif
 
-#include "image/palette_barcode.h"
-#include "image/palette_dither.h"
-#include "image/palette_image.h"
+#include "image/barcode_text.h"
+#include "image/halftone.h"
 #include "image/pixel_rows.h"
 
 namespace {
@@ -34,7 +33,6 @@ constexpr KernelCell kSierra[] = {{1, 0, 5},  {2, 0, 3},  {-2, 1, 2}, {-1, 1, 4}
 constexpr KernelCell kStevensonArce[] = {{2, 0, 32},  {-3, 1, 12}, {-1, 1, 26}, {1, 1, 30}, {3, 1, 16},
                                          {-2, 2, 12}, {0, 2, 26},  {2, 2, 12},  {-3, 3, 5}, {-1, 3, 12},
                                          {1, 3, 12},  {3, 3, 5}};
-constexpr KernelCell kFloydSteinberg[] = {{1, 0, 7}, {-1, 1, 3}, {0, 1, 5}, {1, 1, 1}};
 
 const int kOrdered4x4[4][4] = {
     {0, 8, 2, 10},
@@ -50,34 +48,29 @@ const int kWindowRows = 4;
 
 // The levels being dithered, a window of four rows padded on each side.
 // Diffusion shares that fall off the page land in the padding or in rows
-// past the last one and are never read back, which is exactly what happens
-// to them on the image (their writes are ignored there).
+// past the last one and are never read back: a share that leaves the page
+// is lost.
 class LevelWindow {
  public:
-  LevelWindow(const uint8_t* bits, uint32_t stride, int bpp, long width, long height)
-      : bits_(bits), stride_(stride), bpp_(bpp), width_(width), height_(height),
-        rowSize_(width + 2 * kMargin), cells_(static_cast<size_t>(rowSize_) * kWindowRows) {
+  LevelWindow(const uint8_t* page, size_t stride, long width, long height)
+      : page_(page), stride_(stride), width_(width), height_(height), rowSize_(width + 2 * kMargin),
+        cells_(static_cast<size_t>(rowSize_) * kWindowRows) {
     for (long r = 0; r < kWindowRows; ++r) load(r);
   }
   // Row y + dy while row y is being dithered, at column 0.
   uint8_t* row(long y, long dy) { return &cells_[static_cast<size_t>((y + dy) % kWindowRows) * rowSize_ + kMargin]; }
   // Row y is finished: its slot takes row y + 4.
   void advance(long y) { load(y + kWindowRows); }
-  // What the diffusion stores: 4-bit pixels keep only their low four bits,
-  // and pixels of a 24-bit image have no index at all.
-  uint8_t storeMask() const { return bpp_ == 8 ? 0xFF : bpp_ == 4 ? 0x0F : 0x00; }
 
  private:
   void load(long y) {
     uint8_t* dst = &cells_[static_cast<size_t>(y % kWindowRows) * rowSize_];
     std::memset(dst, 0, static_cast<size_t>(rowSize_));
-    if (y >= height_) return;
-    kelvoRowToLevels(bits_ + static_cast<size_t>(stride_) * static_cast<size_t>(y), bpp_, width_, dst + kMargin);
+    if (y < height_) std::memcpy(dst + kMargin, page_ + stride_ * static_cast<size_t>(y), static_cast<size_t>(width_));
   }
 
-  const uint8_t* bits_;
-  uint32_t stride_;
-  int bpp_;
+  const uint8_t* page_;
+  size_t stride_;
   long width_;
   long height_;
   long rowSize_;
@@ -96,8 +89,9 @@ inline int clampLevel(int v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
 // of eight cells (x - 3 .. x + 4) in one vector: a pixel adds its shares to
 // all eight lanes at once (a zero share leaves a stored level as it is),
 // then the leftmost cell, which no later pixel reaches, goes back to memory.
-template <int Below, size_t N, typename Emit>
-void diffuse(LevelWindow& win, const KernelCell (&cells)[N], int64_t divisor, long width, long height, Emit emit) {
+template <int Below, typename Emit>
+void diffuse(LevelWindow& win, const KernelCell* cells, int count, int64_t divisor, long width, long height,
+             Emit emit) {
   struct Shares {
     int right1;
     int right2;
@@ -113,7 +107,8 @@ void diffuse(LevelWindow& win, const KernelCell (&cells)[N], int64_t divisor, lo
     int16_t lanes[Below][8] = {};
     Shares& t = table[static_cast<size_t>(level)];
     t.right1 = t.right2 = 0;
-    for (const KernelCell& c : cells) {
+    for (int k = 0; k < count; ++k) {
+      const KernelCell& c = cells[k];
       const int share = static_cast<int>(error * c.weight / divisor);
       if (c.dy == 0)
         (c.dx == 1 ? t.right1 : t.right2) = share;
@@ -127,7 +122,6 @@ void diffuse(LevelWindow& win, const KernelCell (&cells)[N], int64_t divisor, lo
 #endif
   }
 
-  const uint8_t mask = win.storeMask();
   std::vector<uint8_t> out(static_cast<size_t>(width));
   for (long y = 0; y < height; ++y) {
     const uint8_t* cur = win.row(y, 0);
@@ -138,7 +132,6 @@ void diffuse(LevelWindow& win, const KernelCell (&cells)[N], int64_t divisor, lo
 #if defined(__SSE2__)
     const __m128i zero = _mm_setzero_si128();
     const __m128i top = _mm_set1_epi16(255);
-    const __m128i keep = _mm_set1_epi16(mask);
     __m128i window[Below];
     for (int r = 0; r < Below; ++r)
       window[r] = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(below[r] - 3)), zero);
@@ -147,12 +140,12 @@ void diffuse(LevelWindow& win, const KernelCell (&cells)[N], int64_t divisor, lo
       const int level = here;
       out[static_cast<size_t>(x)] = level > 128 ? 1 : 0;
       const Shares& s = table[static_cast<size_t>(level)];
-      here = clampLevel(next + s.right1) & mask;
-      next = clampLevel(cur[x + 2] + s.right2) & mask;
+      here = clampLevel(next + s.right1);
+      next = clampLevel(cur[x + 2] + s.right2);
 #if defined(__SSE2__)
       for (int r = 0; r < Below; ++r) {
         __m128i w = _mm_add_epi16(window[r], s.below[r]);
-        w = _mm_and_si128(_mm_max_epi16(_mm_min_epi16(w, top), zero), keep);
+        w = _mm_max_epi16(_mm_min_epi16(w, top), zero);
         below[r][x - 3] = static_cast<uint8_t>(_mm_cvtsi128_si32(w));
         window[r] = _mm_insert_epi16(_mm_srli_si128(w, 2), below[r][x + 5], 7);
       }
@@ -160,7 +153,7 @@ void diffuse(LevelWindow& win, const KernelCell (&cells)[N], int64_t divisor, lo
       for (int r = 0; r < Below; ++r)
         for (int lane = 0; lane < 8; ++lane) {
           uint8_t& cell = below[r][x - 3 + lane];
-          cell = static_cast<uint8_t>(clampLevel(cell + s.below[r][lane]) & mask);
+          cell = static_cast<uint8_t>(clampLevel(cell + s.below[r][lane]));
         }
 #endif
     }
@@ -179,7 +172,7 @@ void diffuse(LevelWindow& win, const KernelCell (&cells)[N], int64_t divisor, lo
 // diffuse() above walks the page row by row; each pixel waits for the one
 // before it. Here a band of rows runs at once, one row per 16-bit lane of a
 // vector, row j of the band `lag` pixels behind row j - 1, and every
-// share is still added to its cell, clamped and masked, exactly when the
+// share is still added to its cell and clamped exactly when the
 // plain scan adds it relative to the other shares of that cell:
 //
 // - The cells live in a skewed buffer: column c, lane j holds the cell of
@@ -198,8 +191,8 @@ void diffuse(LevelWindow& win, const KernelCell (&cells)[N], int64_t divisor, lo
 //   row buffer (`carry`) for the next band, which adds its own shares after
 //   them, as the plain scan does.
 // - Pixels off the page, and lanes whose row is not running at a step, get
-//   an error of 0: their shares are 0, and adding 0 to a cell (clamped and
-//   masked already) leaves it as it is.
+//   an error of 0: their shares are 0, and adding 0 to a cell (clamped
+//   already) leaves it as it is.
 // The shares are computed per lane, error * weight / divisor truncated
 // toward zero as the integer division of the plain loop, by a multiply and
 // shift checked against that division for every numerator (Divider).
@@ -361,7 +354,7 @@ std::atomic<int> gDiffusionPath{kBestPath};
 // The page's diffusion with the kernel `Cells`; false when the wavefront
 // cannot take it (then diffuse() runs).
 template <const KernelCell* Cells, int N, int Divisor, typename Emit>
-bool diffuseFast(const uint8_t* bits, uint32_t stride, int bpp, long width, long height, uint8_t mask, Emit emit) {
+bool diffuseFast(const uint8_t* page, size_t stride, long width, long height, Emit emit) {
   const int path = gDiffusionPath.load(std::memory_order_relaxed);
   // Lane positions are 16-bit.
   if (path < 0 || width > 30000) return false;
@@ -369,15 +362,43 @@ bool diffuseFast(const uint8_t* bits, uint32_t stride, int bpp, long width, long
   if (!div.ok) return false;
 #if defined(__x86_64__) || defined(__i386__)
   if (path >= 1)
-    waveAvx2::diffuseWavefront<Cells, N>(bits, stride, bpp, width, height, mask, div.magic, div.shift, emit);
+    waveAvx2::diffuseWavefront<Cells, N>(page, stride, width, height, div.magic, div.shift, emit);
   else
-    waveSse2::diffuseWavefront<Cells, N>(bits, stride, bpp, width, height, mask, div.magic, div.shift, emit);
+    waveSse2::diffuseWavefront<Cells, N>(page, stride, width, height, div.magic, div.shift, emit);
   return true;
 #else
-  (void)bits, (void)stride, (void)bpp, (void)height, (void)mask, (void)emit;
+  (void)page, (void)stride, (void)height, (void)emit;
   return false;
 #endif
 }
+
+template <const KernelCell* Cells, int N, int Divisor, int Below, typename Emit>
+void diffusion(const uint8_t* page, size_t stride, long width, long height, Emit emit) {
+  if (diffuseFast<Cells, N, Divisor>(page, stride, width, height, emit)) return;
+  LevelWindow win(page, stride, width, height);
+  diffuse<Below>(win, Cells, N, Divisor, width, height, emit);
+}
+
+// Bayer's ordered dither of order 4: the level against the first 16
+// entries of a table built by interleaving the bits of x and y.
+struct BayerTable {
+  uint8_t entry[16];
+  constexpr BayerTable() : entry() {
+    const int order = 4;
+    for (int i = 0; i < 16; ++i) {
+      int a = i / order;
+      int b = i % order;
+      int t = 0;
+      for (int k = 0; k < order; ++k) {
+        t = (((t << 1) | ((a & 1) ^ (b & 1))) << 1) | (b & 1);
+        a >>= 1;
+        b >>= 1;
+      }
+      entry[i] = static_cast<uint8_t>(t);
+    }
+  }
+};
+constexpr BayerTable kBayer{};
 
 }  // namespace
 
@@ -387,128 +408,59 @@ int kelvoDitherSetPath(int path) {
   return p;
 }
 
-bool PaletteImage::Dither(long method) {
-  if (dib == nullptr) return false;
-  if (header.biBitCount == 1) return true;
-
-  PaletteImage out;
-  out.CopyInfo(*this);
-  out.Create(GetWidth(), GetHeight(), 1, info.imageType);
-  if (!out.IsValid()) {
-    std::memcpy(info.lastError, out.info.lastError, sizeof info.lastError);
-    return false;
-  }
-
-  const long width = header.biWidth;
-  const long height = header.biHeight;
-  const int bpp = header.biBitCount;
-  // Each finished row of 0/1 bytes goes into the 1-bit image.
-  auto emit = [&out](long y, const uint8_t* row) {
-    kelvoPackNonZero(row, static_cast<size_t>(out.header.biWidth), out.GetBits(static_cast<unsigned>(y)));
+bool kelvoHalftone(KelvoHalftone method, const uint8_t* page, size_t stride, long width, long height, uint8_t* dots,
+                   size_t rowBytes) {
+  if (kelvoIsStencil(method)) return false;
+  // Each finished row of 0/1 bytes is packed into its row of dots.
+  auto emit = [dots, rowBytes, width](long y, const uint8_t* row) {
+    kelvoPackNonZero(row, static_cast<size_t>(width), dots + rowBytes * static_cast<size_t>(y));
   };
-  std::vector<uint8_t> levels(static_cast<size_t>(width));
+  auto rowOf = [page, stride](long y) { return page + stride * static_cast<size_t>(y); };
   std::vector<uint8_t> row(static_cast<size_t>(width));
-  auto levelsOf = [&](long y) {
-    kelvoRowToLevels(info.bits + static_cast<size_t>(info.effWidth) * static_cast<size_t>(y), bpp, width,
-                     levels.data());
-    return levels.data();
-  };
-
   switch (method) {
-    case 0:
-      if (bpp == 8) {
-        for (long y = 0; y < height; ++y)
-          kelvoPackAbove128(info.bits + static_cast<size_t>(info.effWidth) * static_cast<size_t>(y),
-                            static_cast<size_t>(width), out.GetBits(static_cast<unsigned>(y)));
-        break;
-      }
-      for (long y = 0; y < height; ++y) {
-        const uint8_t* l = levelsOf(y);
-        for (long x = 0; x < width; ++x) row[x] = l[x] > 128 ? 1 : 0;
-        emit(y, row.data());
-      }
+    case KelvoHalftone::kThreshold:
+      for (long y = 0; y < height; ++y)
+        kelvoPackAbove128(rowOf(y), static_cast<size_t>(width), dots + rowBytes * static_cast<size_t>(y));
       break;
-
-    case 1: {
+    case KelvoHalftone::kOrdered4x4: {
       // d = level * 16 / 255, r = d mod 16, o = d / 16; the output is the
       // level table {0, 1} at o + 1 when M < r, else at o. Only level 255
       // has o = 1 (and r = 0), so it always gives 1.
       uint8_t rank[256];
       for (int level = 0; level < 256; ++level) rank[level] = static_cast<uint8_t>(level * 16 / 255 % 16);
       for (long y = 0; y < height; ++y) {
-        const uint8_t* l = levelsOf(y);
+        const uint8_t* l = rowOf(y);
         const int* m = kOrdered4x4[y & 3];
         for (long x = 0; x < width; ++x) row[x] = (l[x] == 255 || m[x & 3] < rank[l[x]]) ? 1 : 0;
         emit(y, row.data());
       }
       break;
     }
-
-    case 7: {
-      const int order = 4;
-      uint8_t table[1 << (2 * order)];
-      for (int i = 0; i < (1 << (2 * order)); ++i) {
-        int a = i / order;
-        int b = i % order;
-        int t = 0;
-        for (int k = 0; k < order; ++k) {
-          t = (((t << 1) | ((a & 1) ^ (b & 1))) << 1) | (b & 1);
-          a >>= 1;
-          b >>= 1;
-        }
-        table[i] = static_cast<uint8_t>(t);
-      }
-      const int shift = 8 - 2 * order > 0 ? 8 - 2 * order : 0;
+    case KelvoHalftone::kBayer:
       for (long y = 0; y < height; ++y) {
-        const uint8_t* l = levelsOf(y);
-        const uint8_t* t = table + 4 * (y % 4);
-        for (long x = 0; x < width; ++x) row[x] = (l[x] >> shift) > t[x % 4] ? 1 : 0;
+        const uint8_t* l = rowOf(y);
+        const uint8_t* t = kBayer.entry + 4 * (y % 4);
+        for (long x = 0; x < width; ++x) row[x] = l[x] > t[x % 4] ? 1 : 0;
         emit(y, row.data());
       }
       break;
-    }
-
-    case 10:
-      // "Barcode and Text": image/palette_barcode.h.
+    case KelvoHalftone::kBarcodeText:
+      // "Barcode and Text": image/barcode_text.h.
       kelvoBarcodeTextHalftone(
-          width, height,
-          [&](long y, uint8_t* dst) {
-            kelvoRowToLevels(info.bits + static_cast<size_t>(info.effWidth) * static_cast<size_t>(y), bpp, width, dst);
-          },
-          emit);
+          width, height, [&](long y, uint8_t* dst) { std::memcpy(dst, rowOf(y), static_cast<size_t>(width)); }, emit);
       break;
-
-    default: {
-      // Each share is truncated on its own, so a little of the error is
-      // lost on every pixel; the printed texture depends on that.
-      const uint8_t mask = bpp == 8 ? 0xFF : bpp == 4 ? 0x0F : 0x00;
-      const uint8_t* bits = info.bits;
-      const uint32_t stride = info.effWidth;
-      bool done = false;
-      switch (method) {
-        case 2: done = diffuseFast<kBurkes, 7, 32>(bits, stride, bpp, width, height, mask, emit); break;
-        case 3: done = diffuseFast<kStucki, 12, 42>(bits, stride, bpp, width, height, mask, emit); break;
-        case 4: done = diffuseFast<kJarvis, 12, 48>(bits, stride, bpp, width, height, mask, emit); break;
-        case 5: done = diffuseFast<kSierra, 10, 32>(bits, stride, bpp, width, height, mask, emit); break;
-        case 6: done = diffuseFast<kStevensonArce, 12, 200>(bits, stride, bpp, width, height, mask, emit); break;
-        default: done = diffuseFast<kFloydSteinberg, 4, 16>(bits, stride, bpp, width, height, mask, emit); break;
-      }
-      if (done) break;
-      LevelWindow win(info.bits, info.effWidth, bpp, width, height);
-      switch (method) {
-        case 2: diffuse<1>(win, kBurkes, 32, width, height, emit); break;
-        case 3: diffuse<2>(win, kStucki, 42, width, height, emit); break;
-        case 4: diffuse<2>(win, kJarvis, 48, width, height, emit); break;
-        case 5: diffuse<2>(win, kSierra, 32, width, height, emit); break;
-        case 6: diffuse<3>(win, kStevensonArce, 200, width, height, emit); break;
-        default: diffuse<1>(win, kFloydSteinberg, 16, width, height, emit); break;
-      }
+    // Each share is truncated on its own, so a little of the error is lost
+    // on every pixel; the printed texture depends on that.
+    case KelvoHalftone::kBurkes: diffusion<kBurkes, 7, 32, 1>(page, stride, width, height, emit); break;
+    case KelvoHalftone::kStucki: diffusion<kStucki, 12, 42, 2>(page, stride, width, height, emit); break;
+    case KelvoHalftone::kJarvisJudiceNinke: diffusion<kJarvis, 12, 48, 2>(page, stride, width, height, emit); break;
+    case KelvoHalftone::kSierra: diffusion<kSierra, 10, 32, 2>(page, stride, width, height, emit); break;
+    case KelvoHalftone::kStevensonArce:
+      diffusion<kStevensonArce, 12, 200, 3>(page, stride, width, height, emit);
       break;
-    }
+    case KelvoHalftone::kTattoo:
+    case KelvoHalftone::kTattooX8:
+      return false;
   }
-
-  out.SetPaletteColor(0, 0, 0, 0, 0);
-  out.SetPaletteColor(1, 255, 255, 255, 0);
-  Transfer(out);
   return true;
 }

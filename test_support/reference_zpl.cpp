@@ -1,5 +1,5 @@
 // Plain 1-bit packing and row encoding: one output byte at a time.
-#include "tests/reference/reference.h"
+#include "test_support/reference.h"
 
 namespace kref {
 namespace {
@@ -21,8 +21,8 @@ void compress(std::string& out, char digit, unsigned count) {
 
 }  // namespace
 
-int grayToMono(int bpl, int h, uint8_t* data, unsigned long skip) {
-  const int wb = (skip != 0 && skip < static_cast<unsigned long>(bpl)) ? bpl - static_cast<int>(skip) : bpl;
+int grayToMono(int bpl, int h, uint8_t* data) {
+  const int wb = bpl;
   int out = 0;
   for (int r = 0; r < h; ++r) {
     uint8_t acc = 0;
@@ -73,10 +73,10 @@ std::string zplLine(const uint8_t* row, int n, bool& prevAllDots) {
   return out;
 }
 
-std::string zplGraphic(const uint8_t* bits, int stride, int width, int height, int copies, unsigned long skip) {
+std::string zplGraphic(const uint8_t* bits, int stride, int width, int height, int copies) {
   std::vector<uint8_t> buf;
   for (int y = 0; y < height; ++y) buf.insert(buf.end(), bits + y * stride, bits + y * stride + width);
-  const int total = grayToMono(width, height, buf.data(), skip);
+  const int total = grayToMono(width, height, buf.data());
   const int perRow = total / height;
   std::string out = "^XX\r\n^PQ" + std::to_string(copies) + "\n~DGR:CUPS.GRF," + std::to_string(total) + "," +
                     std::to_string(perRow) + ",\n";
