@@ -278,11 +278,13 @@ KelvoJobSettings kelvoEngineSettings(const Settings& settings) {
   job.turnLabel = contains(settings.Origin, "Rotation180");
   const char* speed = settings.PrintSpeed;
   if (!contains(speed, "Normal") && std::atof(speed) > 0.000000000000001) {
-    if (isSpeedWord(speed))
+    if (isSpeedWord(speed)) {
       job.speed = std::atoi(speed);
-    else
+      job.speedDigits = static_cast<int>(std::strlen(speed));
+    } else {
       kelvoLogCommon(LogWarning, "Print speed \"%.40s\" is not a speed the printer accepts (1 or 2 digits); none is sent",
                      speed);
+    }
   }
   job.darkness = settings.Darkness;
 

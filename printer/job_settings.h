@@ -42,6 +42,7 @@ struct KelvoJobSettings {
   PostAction postAction = PostAction::kPrinterSetting;
   bool turnLabel = false;  // the printer prints the label turned 180 degrees (^POI)
   int speed = 0;           // inches a second (^PR, 1 to 99); 0: the printer's own
+  int speedDigits = 1;     // digits ^PR writes: a PPD's speed word "04" keeps its zero
   int darkness = -1;       // ~SD, 0 to 30; any other value: the printer's own
 
   // The page.

@@ -64,7 +64,7 @@ void kelvoWriteLabelSetup(KelvoSink& sink, const KelvoJobSettings& settings, con
   }
   if (const char* command = trackingCommand(settings.tracking, settings.gapMm)) sink.text(command);
   sink.text(settings.turnLabel ? "^POI\r\n" : "^PON\r\n");
-  if (settings.speed > 0 && settings.speed < 100) sink.format("^PR%d\r\n", settings.speed);
+  if (settings.speed > 0 && settings.speed < 100) sink.format("^PR%0*d\r\n", settings.speedDigits, settings.speed);
   if (settings.darkness >= 0 && settings.darkness <= 30) sink.format("~SD%d\r\n", settings.darkness);
   if (const char* command = printMethodCommand(settings.printMethod)) sink.text(command);
   if (const char* command = postActionCommand(settings.postAction)) sink.text(command);

@@ -52,6 +52,7 @@ TEST(JobSetup, ChoiceRules) {
       // Only one or two digits follow ^PR: anything else could carry commands.
       {"Continue", 5, "6ips", 1, "", "None", "^MNN\r\n~SD1\r\n"},
       {"Continue", 5, "12", 1, "", "None", "^MNN\r\n^PR12\r\n~SD1\r\n"},
+      {"Continue", 5, "04", 1, "", "None", "^MNN\r\n^PR04\r\n~SD1\r\n"},  // the word itself, zero and all
       {"Continue", 5, "2^XA^FDX^FS^XZ", 1, "", "None", "^MNN\r\n~SD1\r\n"},
       {"Continue", 5, "123", 1, "", "None", "^MNN\r\n~SD1\r\n"},
       {"MyLabelGapsRoll", 1, "2Normal", 5, "", "Rewind", "^MNY\r\n~SD5\r\n"},
