@@ -570,8 +570,9 @@ dnssd_mode() {
   service_record _ipp._tcp label203 | grep -q . || fail "label203 is gone after the others' changes"
 }
 
-# Creates, in the client's namespace, an IPP request file that asks
-# nothing but is sent in clear text; prints the HTTP status of the answer.
+# clear_text_status <printer-uri> <operation as \x..\x..>: the HTTP status
+# of the answer to that operation, sent by curl from the client's side in
+# clear text (ipptool would switch to TLS by itself).
 clear_text_status() {
   local uri=$1 operation=$2
   # version 2.0, the operation, request-id 1, then the operation attributes.
@@ -590,7 +591,7 @@ remote_mode() {
   local base=$E2E_SERVER_ADDR:$PORT
   local printer=ipp://$base/ipp/print/label203 system=ipp://$base/ipp/system
   local admin=ipps://kadmin:Adm1n-pass@$base clerk=ipps://kclerk:Cl3rk-pass@$base
-  local name op target args line got want state
+  local name op target got
   ipp_test set Set-Printer-Attributes printer-uri 'GROUP printer-attributes-tag' \
     'ATTR keyword kelvo-halftone-default $halftone' 'ATTR integer kelvo-brightness-default $brightness'
   ipp_test pause Pause-Printer printer-uri
@@ -607,8 +608,8 @@ remote_mode() {
 
   # Without a login nothing that changes the server goes through, and
   # nothing changes.
-  while read -r name op target args; do
-    got=$(ask "$target" "$op" -d halftone=stucki -d brightness=0 -d name=evil -d id=1 $args)
+  while read -r name op target; do
+    got=$(ask "$target" "$op" -d halftone=stucki -d brightness=0 -d name=evil -d id=1)
     [ "$got" = client-error-not-authenticated ] || fail "$name without a login: $got"
   done <<EOF
 set-default set $printer
@@ -697,7 +698,7 @@ EOF
   fi
 
   # An administrator's login over TLS changes the server.
-  while read -r name op target want; do
+  while read -r name op target; do
     got=$(ask "$admin$target" "$op" -d halftone=stucki -d brightness=-5 -d name=evil -d id=2)
     [ "$got" = successful-ok ] || fail "$name as an administrator: $got"
   done <<EOF
