@@ -249,9 +249,6 @@ http_status_t kelvoAuthCallback(pappl_client_t* client, const char* group, gid_t
   } else if (result.status == HTTP_STATUS_CONTINUE) {
     papplClientSetUsername(client, request.localAdmin ? localUser.c_str() : result.user.c_str());
   } else {
-    // PAPPL asks for no login by itself: browsers need the challenge.
-    if (result.status == HTTP_STATUS_UNAUTHORIZED)
-      httpSetField(papplClientGetHTTP(client), HTTP_FIELD_WWW_AUTHENTICATE, "Basic realm=\"Kelvo Printer App\"");
     papplLogClient(client, PAPPL_LOGLEVEL_INFO, "Administration refused (%d%s%s).", result.status,
                    result.user.empty() ? "" : ", user ", result.user.c_str());
   }
