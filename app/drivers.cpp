@@ -412,7 +412,8 @@ bool kelvoDriverCallback(pappl_system_t* /*system*/, const char* driverName, con
   data->num_resolution = 1;
   data->x_resolution[0] = data->y_resolution[0] = model->dpi;
   data->x_default = data->y_default = model->dpi;
-  data->borderless = true;
+  // Margins of 0 are borderless already; PAPPL would list 0 twice.
+  data->borderless = false;
   data->left_right = 0;
   data->bottom_top = 0;
 

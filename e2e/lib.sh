@@ -43,9 +43,10 @@ e2e_require() {
 
 # Call first thing with the script's arguments: as root, runs the script
 # again inside UTS and mount namespaces of its own, with a private /run and
-# a private copy of /etc/hostname. A server under test that renamed the
-# host (sethostname, /etc/hostname) would then rename only the sandbox, and
-# PAPPL's local socket (/run/<name>.sock for root) is this test's alone.
+# a private copy of /etc/hostname and an empty /etc/cups/ssl. A server under
+# test that renamed the host (sethostname, /etc/hostname) or left TLS keys
+# where libcups keeps root's would then change only the sandbox, and PAPPL's
+# local socket (/run/<name>.sock for root) is this test's alone.
 # Other users cannot rename the host; their PAPPL socket goes to TMPDIR,
 # which the caller points at a folder of its own.
 e2e_sandbox() {
@@ -58,6 +59,10 @@ e2e_sandbox() {
   if [ -e /etc/hostname ]; then
     cat /etc/hostname >/run/.hostname
     mount --bind /run/.hostname /etc/hostname || e2e_die "cannot make a private /etc/hostname"
+  fi
+  # libcups keeps root's TLS keys there unless told otherwise.
+  if [ -d /etc/cups/ssl ]; then
+    mount -t tmpfs -o mode=0755,size=1m kelvo-test-ssl /etc/cups/ssl || e2e_die "cannot make a private /etc/cups/ssl"
   fi
   E2E_HOST_BEFORE="$(hostname) $(cat /etc/hostname 2>/dev/null)"
 }
@@ -319,4 +324,182 @@ e2e_nothing_listening() {
     if (exec 3<>"/dev/tcp/127.0.0.1/${E2E_PORT[$name]}") 2>/dev/null; then return 1; fi
   done
   ! e2e_scheduler_running
+}
+
+# Two network namespaces joined by a veth pair, for a server and a client
+# that reach each other only over the network, as a phone and a shop's
+# server do: the server at 192.0.2.1 in one, the client at 192.0.2.2 in the
+# other, nothing else on the link and no route out. Each namespace has a
+# D-Bus system bus and an avahi-daemon of its own (sockets under
+# <folder>/server and <folder>/client), so multicast DNS stays on the link;
+# the client's avahi calls itself kelvo-test-client, the server's takes the
+# machine's name. Inside the e2e_sandbox the namespaces' names live on its
+# private /run; e2e_netns_down removes them earlier.
+#   e2e_netns_up <folder>          # root only
+#   e2e_in server|client cmd...    # cmd in that namespace, on its bus
+#   "${E2E_IN_SERVER[@]}" cmd &    # the same as a command: $! is cmd's pid
+#   e2e_stop_avahi server|client
+E2E_NS_ROOT=""
+E2E_SERVER_ADDR=192.0.2.1
+E2E_CLIENT_ADDR=192.0.2.2
+E2E_IN_SERVER=()
+E2E_IN_CLIENT=()
+declare -A E2E_NS=()       # side -> namespace name
+declare -A E2E_NS_PIDS=()  # "<side> bus|avahi" -> pid
+
+e2e_netns_up() {
+  E2E_NS_ROOT=$1
+  [ "$(id -u)" = 0 ] || e2e_die "network namespaces need root"
+  e2e_require ip dbus-daemon avahi-daemon
+  E2E_NS[server]=kelvo-s$$
+  E2E_NS[client]=kelvo-c$$
+  ip netns add "${E2E_NS[server]}" && ip netns add "${E2E_NS[client]}" || e2e_die "ip netns add failed"
+  ip link add kelvo-s netns "${E2E_NS[server]}" type veth peer name kelvo-c netns "${E2E_NS[client]}" ||
+    e2e_die "cannot make the veth pair"
+  local side addr
+  for side in server client; do
+    addr=$E2E_SERVER_ADDR
+    [ "$side" = client ] && addr=$E2E_CLIENT_ADDR
+    ip -n "${E2E_NS[$side]}" link set lo up &&
+      ip -n "${E2E_NS[$side]}" addr add "$addr/24" dev "kelvo-${side:0:1}" &&
+      ip -n "${E2E_NS[$side]}" link set "kelvo-${side:0:1}" up || e2e_die "cannot set up the $side's link"
+    mkdir -p "$E2E_NS_ROOT/$side"
+    e2e_start_bus "$side"
+  done
+  E2E_IN_SERVER=(env "DBUS_SYSTEM_BUS_ADDRESS=unix:path=$E2E_NS_ROOT/server/bus" ip netns exec "${E2E_NS[server]}")
+  E2E_IN_CLIENT=(env "DBUS_SYSTEM_BUS_ADDRESS=unix:path=$E2E_NS_ROOT/client/bus" ip netns exec "${E2E_NS[client]}")
+  e2e_start_avahi server
+  e2e_start_avahi client kelvo-test-client
+}
+
+e2e_in() {
+  local side=$1
+  shift
+  if [ "$side" = client ]; then "${E2E_IN_CLIENT[@]}" "$@"; else "${E2E_IN_SERVER[@]}" "$@"; fi
+}
+
+e2e_start_bus() {
+  local side=$1 dir=$E2E_NS_ROOT/$1
+  cat >"$dir/bus.conf" <<CONF
+<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>system</type>
+  <listen>unix:path=$dir/bus</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/>
+    <allow own="*"/>
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+  </policy>
+</busconfig>
+CONF
+  timeout -k 5 "$E2E_LIFETIME" ip netns exec "${E2E_NS[$side]}" \
+    dbus-daemon --config-file="$dir/bus.conf" --nofork --nopidfile 2>"$dir/bus.log" &
+  E2E_NS_PIDS["$side bus"]=$!
+  e2e_poll 20 test -S "$dir/bus" || e2e_die "the $side's D-Bus did not start: $(cat "$dir/bus.log")"
+}
+
+# e2e_start_avahi <side> [host name]: avahi-daemon on the side's veth only,
+# with a /run/avahi-daemon (pid file, socket) of its own.
+e2e_start_avahi() {
+  local side=$1 name=${2:-} dir=$E2E_NS_ROOT/$1
+  {
+    echo "[server]"
+    [ -n "$name" ] && echo "host-name=$name"
+    echo "use-ipv4=yes"
+    echo "use-ipv6=no"
+    echo "allow-interfaces=kelvo-${side:0:1}"
+    echo "enable-dbus=yes"
+    echo "[wide-area]"
+    echo "enable-wide-area=no"
+    echo "[publish]"
+    echo "publish-hinfo=no"
+    echo "publish-workstation=no"
+  } >"$dir/avahi.conf"
+  mkdir -p /run/avahi-daemon
+  : >"$dir/avahi.log"
+  timeout -k 5 "$E2E_LIFETIME" env "DBUS_SYSTEM_BUS_ADDRESS=unix:path=$dir/bus" \
+    ip netns exec "${E2E_NS[$side]}" unshare --mount --propagation private -- sh -c \
+    'mount -t tmpfs -o size=1m avahi /run/avahi-daemon && exec avahi-daemon -f "$1" --no-drop-root --no-chroot --no-rlimits' \
+    sh "$dir/avahi.conf" >"$dir/avahi.log" 2>&1 &
+  E2E_NS_PIDS["$side avahi"]=$!
+  e2e_poll 20 grep -q "Server startup complete" "$dir/avahi.log" ||
+    e2e_die "the $side's avahi-daemon did not start: $(tail -5 "$dir/avahi.log")"
+}
+
+e2e_stop_avahi() {
+  local key="$1 avahi"
+  [ -n "${E2E_NS_PIDS[$key]:-}" ] || return 0
+  e2e_stop_tree "${E2E_NS_PIDS[$key]}"
+  unset "E2E_NS_PIDS[$key]"
+}
+
+# Stops a process and everything it started, by pid.
+e2e_stop_tree() {
+  local left pid
+  left=$(e2e_descendants "$1")
+  for pid in $left; do kill -TERM "$pid" 2>/dev/null; done
+  e2e_stop_pid "$1"
+  for pid in $left; do kill -KILL "$pid" 2>/dev/null; done
+  return 0
+}
+
+# Stops the daemons (avahi before the buses they use) and removes the
+# namespaces. Safe to call more than once.
+e2e_netns_down() {
+  local side
+  for side in server client; do e2e_stop_avahi "$side"; done
+  for side in server client; do
+    [ -z "${E2E_NS_PIDS[$side bus]:-}" ] || e2e_stop_tree "${E2E_NS_PIDS[$side bus]}"
+    unset "E2E_NS_PIDS[$side bus]"
+    [ -z "${E2E_NS[$side]:-}" ] || ip netns delete "${E2E_NS[$side]}" 2>/dev/null
+    unset "E2E_NS[$side]"
+  done
+  return 0
+}
+
+# Accounts of the test's own, inside the e2e_sandbox only: private copies of
+# /etc/passwd, /etc/shadow, /etc/group, /etc/gshadow and /etc/pam.d are
+# mounted over the machine's, so users, groups and PAM services the test
+# adds vanish with it and the machine's files never change.
+#   e2e_private_accounts <folder>
+#   e2e_add_group <group>
+#   e2e_add_user <user> <password> [group]
+#   e2e_add_pam_service <name>      # the stock Debian common-auth/-account
+e2e_private_accounts() {
+  local dir=$1 file
+  [ -n "${E2E_SANDBOXED:-}" ] || e2e_die "private accounts only inside e2e_sandbox"
+  mkdir -p "$dir"
+  for file in passwd shadow group gshadow; do
+    [ -e "/etc/$file" ] || continue
+    cp -p "/etc/$file" "$dir/$file"
+    mount --bind "$dir/$file" "/etc/$file" || e2e_die "cannot mount a private /etc/$file"
+  done
+  cp -a /etc/pam.d "$dir/pam.d"
+  mount --bind "$dir/pam.d" /etc/pam.d || e2e_die "cannot mount a private /etc/pam.d"
+}
+
+e2e_add_group() {
+  local gid=$((60000 + $(wc -l </etc/group)))
+  echo "$1:x:$gid:" >>/etc/group
+  [ -e /etc/gshadow ] && echo "$1:!::" >>/etc/gshadow
+  return 0
+}
+
+e2e_add_user() {
+  local user=$1 password=$2 group=${3:-} uid=$((60000 + $(wc -l </etc/passwd)))
+  echo "$user:x:$uid:$uid::/nonexistent:/usr/sbin/nologin" >>/etc/passwd
+  echo "$user:$(openssl passwd -6 "$password"):19000:0:99999:7:::" >>/etc/shadow
+  echo "$user:x:$uid:" >>/etc/group
+  [ -n "$group" ] || return 0
+  # In place: the file is a mount point, which sed -i cannot replace.
+  local groups
+  groups=$(awk -F: -v g="$group" -v u="$user" 'BEGIN {OFS = ":"} $1 == g {$4 = ($4 == "" ? u : $4 "," u)} {print}' /etc/group)
+  printf '%s\n' "$groups" >/etc/group
+}
+
+e2e_add_pam_service() {
+  printf '@include common-auth\n@include common-account\n' >"/etc/pam.d/$1"
 }

@@ -5,11 +5,18 @@ the home page to the printer's printing defaults. Checks that every Kelvo
 choice shows a label and values in words, not its IPP names; then, given a
 halftone, chooses it and saves. Keeps a screenshot of the page.
 
-    web_defaults.py <base-url> <printer> <halftone or -> <screenshot.png> [halftone shown first]
+    web_defaults.py <base-url> <printer> <halftone or -> <screenshot.png> [halftone shown first or -]
+                    [user:password]
+
+With a user and password the browser logs in (HTTP Basic, as the page asks
+over TLS) and goes to the printing defaults directly. Exits 3 when the page
+shows no printing defaults to change (a login refused or not given).
 """
 import sys
+from urllib.parse import urlsplit
 
 from selenium import webdriver
+from selenium.common.exceptions import TimeoutException
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
 from selenium.webdriver.support import expected_conditions as ready
@@ -44,27 +51,38 @@ def words_problems(browser):
     return problems, said
 
 
-def main(base, printer, halftone, screenshot, shown=None):
+def main(base, printer, halftone, screenshot, shown="-", login=None):
     options = webdriver.ChromeOptions()
     options.binary_location = "/usr/bin/chromium"
+    # The server's certificate is its own, self-signed.
     for arg in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage", "--disable-gpu",
-                "--window-size=1000,1600", "--no-first-run", "--disable-extensions"):
+                "--window-size=1000,1600", "--no-first-run", "--disable-extensions",
+                "--ignore-certificate-errors"):
         options.add_argument(arg)
     browser = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
     browser.set_page_load_timeout(30)
     wait = WebDriverWait(browser, 40)
     try:
-        browser.get(base + "/")
-        link = wait.until(ready.element_to_be_clickable(
-            (By.CSS_SELECTOR, 'a[href$="/%s/printing"]' % printer)))
-        link.click()
-        wait.until(ready.url_contains("/%s/printing" % printer))
+        if login:
+            url = urlsplit(base)
+            browser.get("%s://%s@%s/%s/printing" % (url.scheme, login, url.netloc, printer))
+        else:
+            browser.get(base + "/")
+            link = wait.until(ready.element_to_be_clickable(
+                (By.CSS_SELECTOR, 'a[href$="/%s/printing"]' % printer)))
+            link.click()
+        try:
+            WebDriverWait(browser, 10).until(ready.presence_of_element_located((By.NAME, "kelvo-halftone")))
+        except TimeoutException:
+            browser.save_screenshot(screenshot)
+            print("web: %s offers no printing defaults to change: %s" % (browser.current_url, browser.title))
+            return 3
         wait.until(ready.text_to_be_present_in_element((By.TAG_NAME, "body"), "Halftone:"))
         problems, said = words_problems(browser)
         print("web: %s says: %s" % (printer, "; ".join(said)))
         choice = Select(browser.find_element(By.NAME, "kelvo-halftone"))
         before = choice.first_selected_option.get_attribute("value")
-        if shown and before != shown:
+        if shown != "-" and before != shown:
             problems.append("halftone shown %s, expected %s" % (before, shown))
         if halftone != "-":
             choice.select_by_value(halftone)
@@ -88,7 +106,7 @@ def main(base, printer, halftone, screenshot, shown=None):
 
 
 if __name__ == "__main__":
-    if len(sys.argv) not in (5, 6):
+    if len(sys.argv) not in (5, 6, 7):
         print(__doc__, file=sys.stderr)
         sys.exit(2)
     sys.exit(main(*sys.argv[1:]))

@@ -29,9 +29,12 @@ kelvo_ensure_packages() {
 # and Ghostscript are for the end-to-end test, which prints through a private
 # cupsd, zint, zbar-tools and dmtx-utils for the barcode scan suite
 # (tools/barcode-scan.sh), and Chromium, its driver and Selenium for the
-# printer application's web interface test; build-essential, debhelper,
-# dpkg-dev, lintian and iproute2 (ss) for the Debian package test.
+# printer application's web interface test; PAM and avahi's client library
+# for the printer application, and avahi-daemon, D-Bus, iproute2, curl and
+# openssl for its tests on a network of their own; build-essential,
+# debhelper, dpkg-dev and lintian for the Debian package test.
 KELVO_BUILD_PACKAGES="cmake make g++ clang libclang-rt-14-dev pkg-config libgtest-dev libgmock-dev \
 libbenchmark-dev libpng-dev zlib1g-dev libcups2-dev libcupsimage2-dev cups-ppdc cups-client cups cups-filters ghostscript \
 libpappl-dev cups-ipp-utils python3 zint zbar-tools dmtx-utils chromium chromium-driver python3-selenium \
-build-essential debhelper dpkg-dev lintian iproute2"
+libpam0g-dev libavahi-client-dev avahi-daemon avahi-utils dbus iproute2 curl openssl \
+build-essential debhelper dpkg-dev lintian"
