@@ -2,11 +2,23 @@
 // port of 127.0.0.1 (raw port printing, what CUPS's socket backend speaks),
 // takes one connection at a time and saves every byte of it as
 // <dir>/job-<n>.zpl, n counting from 1. A file appears under its final name
-// only once the sender has closed its side, so a file that exists is complete.
-// A host status query (~HQES) is answered as a ready printer answers it.
+// only once the sender has closed its side, so a file that exists is complete;
+// a connection that ends any other way leaves <dir>/job-<n>.zpl.incomplete.
+// Status queries (~HQES) are answered as a ready printer answers them.
 // The file's modification time is the arrival of its last byte, so that a sender
 // that keeps the connection open afterwards (waiting for a status answer
 // that never comes) can be timed up to that byte.
+//
+// Printers also fail. A mode says how this one behaves (-m, or the first
+// word of the control file given with -c, read before every connection and
+// every 0.2 s while refusing, so a test can change it while it runs):
+//   save            reads every connection to its end (the default)
+//   never-read      accepts and reads nothing until the sender goes away or
+//                   the mode changes (the printer restarts: the connection
+//                   is reset)
+//   slow=N          reads at most N bytes a second
+//   close-after=N   reads N bytes of a connection, then closes it
+//   refuse          accepts nothing: connections are refused
 //
 // It never outlives its welcome: it stops on SIGTERM or SIGINT, and on its
 // own when the lifetime given with -t runs out, so a test that dies without
@@ -21,21 +33,71 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <string>
 
 namespace {
 
 volatile sig_atomic_t gStop = 0;
+time_t gDeadline = 0;
 
 void onSignal(int) { gStop = 1; }
+bool stopping() { return gStop || time(nullptr) >= gDeadline; }
 
 // A connection that sends nothing for this long is dropped; the socket
 // backend streams a job without pauses of that length.
 constexpr int kIdleMillis = 60000;
+
+enum class Mode { kSave, kNeverRead, kSlow, kCloseAfter, kRefuse };
+struct ModeName {
+  const char* name;
+  Mode mode;
+  bool counted;  // takes "=N"
+};
+const ModeName kModes[] = {
+    {"save", Mode::kSave, false},         {"never-read", Mode::kNeverRead, false}, {"slow", Mode::kSlow, true},
+    {"close-after", Mode::kCloseAfter, true}, {"refuse", Mode::kRefuse, false},
+};
+struct Behaviour {
+  Mode mode = Mode::kSave;
+  long count = 0;
+};
+
+bool parseMode(const std::string& text, Behaviour& out) {
+  const size_t eq = text.find('=');
+  const std::string name = text.substr(0, eq);
+  for (const ModeName& m : kModes) {
+    if (name != m.name || m.counted != (eq != std::string::npos)) continue;
+    out.mode = m.mode;
+    out.count = m.counted ? std::atol(text.c_str() + eq + 1) : 0;
+    return !m.counted || out.count > 0;
+  }
+  return false;
+}
+
+// The control file's mode, or `fallback` while it has none.
+Behaviour currentMode(const std::string& controlFile, const Behaviour& fallback) {
+  Behaviour b = fallback;
+  std::string word;
+  if (!controlFile.empty() && std::ifstream(controlFile) >> word && !parseMode(word, b)) b = fallback;
+  return b;
+}
+
+// What a ready printer answers to each status query.
+struct Answer {
+  const char* query;
+  const char* reply;
+};
+const Answer kAnswers[] = {
+    {"~HQES",
+     "\x02\r\n  PRINTER STATUS\r\n    ERRORS:         0 00000000 00000000\r\n"
+     "    WARNINGS:       0 00000000 00000000\r\n\x03\r\n"},
+};
 
 bool writeFileAtomically(const std::string& path, const std::string& text) {
   const std::string part = path + ".part";
@@ -45,29 +107,62 @@ bool writeFileAtomically(const std::string& path, const std::string& text) {
   return std::fclose(f) == 0 && ok && std::rename(part.c_str(), path.c_str()) == 0;
 }
 
-// Reads the connection to its end into `job`, noting when the last byte
-// came. False when the peer stalls, the connection fails or a stop is
-// requested before the end.
-bool receiveJob(int fd, std::string& job, timespec& last) {
-  static const char kReady[] =
-      "\x02\r\n  PRINTER STATUS\r\n    ERRORS:         0 00000000 00000000\r\n"
-      "    WARNINGS:       0 00000000 00000000\r\n\x03\r\n";
-  size_t answered = 0;  // queries answered so far
+// Answers the queries that have come complete in `job` since the last call.
+bool answerQueries(int fd, const std::string& job, size_t& searched) {
+  for (const Answer& a : kAnswers) {
+    const size_t length = std::strlen(a.query);
+    // A query that was complete at the last call has been answered.
+    for (size_t at = job.find(a.query, searched >= length ? searched - length + 1 : 0); at != std::string::npos;
+         at = job.find(a.query, at + length))
+      if (write(fd, a.reply, std::strlen(a.reply)) < 0) return false;
+  }
+  searched = job.size();
+  return true;
+}
+
+// Reads the connection to its end into `job` as `b` says, noting when the
+// last byte came. False when the connection ends any other way: the peer
+// stalls or resets it, this printer closes it (close-after, or a change
+// from never-read), or a stop is requested.
+bool receiveJob(int fd, const Behaviour& b, const std::string& controlFile, std::string& job, timespec& last) {
+  size_t searched = 0;
   char buffer[65536];
+  timespec second{};
+  long readThisSecond = 0;
   for (;;) {
-    pollfd p{fd, POLLIN, 0};
-    const int ready = poll(&p, 1, kIdleMillis);
-    if (gStop || (ready < 0 && errno != EINTR) || ready == 0) return false;
-    const ssize_t got = ready > 0 ? read(fd, buffer, sizeof buffer) : -1;
+    if (b.mode == Mode::kCloseAfter && static_cast<long>(job.size()) >= b.count) return false;
+    size_t want = sizeof buffer;
+    if (b.mode == Mode::kCloseAfter) want = std::min(want, static_cast<size_t>(b.count - static_cast<long>(job.size())));
+    if (b.mode == Mode::kSlow) {
+      timespec now{};
+      clock_gettime(CLOCK_MONOTONIC, &now);
+      if (now.tv_sec != second.tv_sec) second = now, readThisSecond = 0;
+      if (readThisSecond >= b.count) {
+        if (stopping()) return false;
+        usleep(static_cast<useconds_t>((1000000000L - now.tv_nsec) / 1000 + 1));
+        continue;
+      }
+      want = std::min(want, static_cast<size_t>(b.count - readThisSecond));
+    }
+    // Never reading, it only watches for the sender going away.
+    pollfd p{fd, static_cast<short>(b.mode == Mode::kNeverRead ? POLLRDHUP : POLLIN), 0};
+    const int ready = poll(&p, 1, b.mode == Mode::kNeverRead ? 200 : kIdleMillis);
+    if (stopping() || (ready < 0 && errno != EINTR)) return false;
+    if (b.mode == Mode::kNeverRead) {
+      if (ready > 0 || currentMode(controlFile, b).mode != Mode::kNeverRead) return false;
+      continue;
+    }
+    if (ready == 0) return false;
+    const ssize_t got = ready > 0 ? read(fd, buffer, want) : -1;
     if (got == 0) return true;
     if (got > 0) {
       job.append(buffer, static_cast<size_t>(got));
+      readThisSecond += got;
       clock_gettime(CLOCK_REALTIME, &last);
-      size_t queries = 0;
-      for (size_t at = job.find("~HQES"); at != std::string::npos; at = job.find("~HQES", at + 5)) ++queries;
-      for (; answered < queries; ++answered)
-        if (write(fd, kReady, sizeof kReady - 1) < 0) return false;
-    } else if (errno != EINTR) return false;
+      if (!answerQueries(fd, job, searched)) return false;
+    } else if (errno != EINTR) {
+      return false;
+    }
   }
 }
 
@@ -76,19 +171,48 @@ int fail(const char* what, const std::string& name) {
   return 1;
 }
 
+// A listening socket on 127.0.0.1:`port` (0: a free one, which `port` is set to).
+int listenOn(unsigned& port) {
+  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int on = 1;
+  setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  // A printer's network buffer holds some tens of kilobytes; loopback's
+  // would grow to megabytes and hide from a sender that the printer has
+  // stopped reading.
+  const int buffer = 65536;
+  setsockopt(listener, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof buffer);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  socklen_t len = sizeof addr;
+  if (listener < 0 || bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+      listen(listener, 8) != 0 || getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+    if (listener >= 0) close(listener);
+    return -1;
+  }
+  port = ntohs(addr.sin_port);
+  return listener;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string dir, portFile;
+  std::string dir, portFile, controlFile;
   long lifetime = 900;
+  Behaviour initial;
   auto usage = [] {
-    std::fprintf(stderr, "Usage: fakezplprinter -d <dir> [-f port-file] [-t seconds, default 900]\n");
+    std::fprintf(stderr,
+                 "Usage: fakezplprinter -d <dir> [-f port-file] [-t seconds, default 900] [-m mode] [-c control-file]\n"
+                 "modes: save, never-read, slow=N, close-after=N, refuse\n");
     return 2;
   };
-  for (int opt; (opt = getopt(argc, argv, "d:f:t:")) != -1;) {
+  for (int opt; (opt = getopt(argc, argv, "d:f:t:m:c:")) != -1;) {
     if (opt == 'd') dir = optarg;
     else if (opt == 'f') portFile = optarg;
     else if (opt == 't') lifetime = std::atol(optarg);
+    else if (opt == 'm' && parseMode(optarg, initial)) continue;
+    else if (opt == 'c') controlFile = optarg;
     else return usage();
   }
   if (dir.empty() || optind != argc || lifetime <= 0) return usage();
@@ -100,33 +224,40 @@ int main(int argc, char** argv) {
   sigaction(SIGINT, &sa, nullptr);
   signal(SIGPIPE, SIG_IGN);
 
-  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof addr;
-  if (listener < 0 || bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-      listen(listener, 8) != 0 || getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
-    return fail("cannot listen on", "127.0.0.1");
-  const unsigned port = ntohs(addr.sin_port);
+  unsigned port = 0;
+  int listener = listenOn(port);
+  if (listener < 0) return fail("cannot listen on", "127.0.0.1");
   if (!portFile.empty() && !writeFileAtomically(portFile, std::to_string(port) + "\n"))
     return fail("cannot write", portFile);
   std::fprintf(stderr, "fakezplprinter: listening on 127.0.0.1:%u, saving jobs in %s\n", port, dir.c_str());
 
-  const time_t deadline = time(nullptr) + lifetime;
+  gDeadline = time(nullptr) + lifetime;
   for (int jobNumber = 1; !gStop;) {
-    if (time(nullptr) >= deadline) {
+    if (stopping()) {
       std::fprintf(stderr, "fakezplprinter: lifetime of %ld s is over, stopping\n", lifetime);
       break;
     }
+    const Behaviour b = currentMode(controlFile, initial);
+    // Refusing, the port has no listener; it comes back on the same port.
+    if ((b.mode == Mode::kRefuse) != (listener < 0)) {
+      if (listener >= 0) {
+        close(listener);
+        listener = -1;
+      } else if ((listener = listenOn(port)) < 0) {
+        return fail("cannot listen again on", std::to_string(port));
+      }
+    }
     pollfd p{listener, POLLIN, 0};
-    const int conn = poll(&p, 1, 1000) > 0 ? accept4(listener, nullptr, nullptr, SOCK_CLOEXEC) : -1;
-    if (conn < 0) continue;
+    const int conn = listener >= 0 && poll(&p, 1, 200) > 0 ? accept4(listener, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+    if (conn < 0) {
+      if (listener < 0) usleep(200000);
+      continue;
+    }
     std::string job;
     timespec last{};
     clock_gettime(CLOCK_REALTIME, &last);
     const std::string path = dir + "/job-" + std::to_string(jobNumber++) + ".zpl";
-    if (!receiveJob(conn, job, last)) {
+    if (!receiveJob(conn, currentMode(controlFile, initial), controlFile, job, last)) {
       // Keep what came for diagnosis, under a name no finished job has.
       writeFileAtomically(path + ".incomplete", job);
       std::fprintf(stderr, "fakezplprinter: %s ended early after %zu bytes\n", path.c_str(), job.size());
@@ -141,6 +272,6 @@ int main(int argc, char** argv) {
     // backend does) finishes its job after the file is in place.
     close(conn);
   }
-  close(listener);
+  if (listener >= 0) close(listener);
   return 0;
 }
