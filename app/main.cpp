@@ -11,6 +11,7 @@
 
 #include "app/drivers.h"
 #include "app/job.h"
+#include "app/restart.h"
 
 namespace {
 
@@ -42,6 +43,7 @@ std::string defaultStateDir() {
 //   state-file       printers and their settings across restarts
 //   spool-directory  jobs in progress
 //   log-file, log-level (debug, info, warn, error)
+//   stall-timeout    seconds a printer may take no data (app/restart.h)
 pappl_system_t* createSystem(int count, cups_option_t* options, void* /*data*/) {
   const std::string stateDir = defaultStateDir();
   const char* host = option(count, options, "listen-hostname", nullptr);
@@ -75,7 +77,7 @@ pappl_system_t* createSystem(int count, cups_option_t* options, void* /*data*/) 
   papplSystemSetFooterHTML(system, "Kelvo ZPL printer application " "3.13.13");
   papplSystemSetSaveCallback(system, reinterpret_cast<pappl_save_cb_t>(papplSystemSaveState),
                              const_cast<char*>(strdup(state.c_str())));
-  papplSystemLoadState(system, state.c_str());
+  kelvoSetUpJobs(system, count, options, state.c_str());
   return system;
 }
 
