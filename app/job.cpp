@@ -441,7 +441,19 @@ extern "C" void* _papplJobProcess(pappl_job_t* job) {
     papplLogPrinter(printer, PAPPL_LOGLEVEL_DEBUG, "Job %d was started twice; the second start ends here", id);
     return nullptr;
   }
-  void* result = pappl(job);
+  // PAPPL starts the newest of several queued jobs: the thread prints the
+  // oldest instead, so that labels come out in the order they were sent.
+  // The job it was started for stays queued for a thread of its own.
+  std::pair<pappl_job_t*, int> oldest{job, id};
+  papplPrinterIterateActiveJobs(
+      printer,
+      [](pappl_job_t* active, void* data) {
+        auto* found = static_cast<std::pair<pappl_job_t*, int>*>(data);
+        if (papplJobGetState(active) == IPP_JSTATE_PENDING && papplJobGetID(active) < found->second)
+          *found = {active, papplJobGetID(active)};
+      },
+      &oldest, 1, 0);
+  void* result = pappl(oldest.first);
   kelvoLogSetSink(nullptr, nullptr);  // a job that failed midway may not have ended it
   return result;
 }

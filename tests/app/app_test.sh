@@ -736,9 +736,11 @@ EOF
     done
     result=$(job_state zpl "${ids[0]}")
     [[ $result == *"printed again from its start"* ]] || fail "SIG$how, the interrupted job: $result"
-    result=$(find "$E2E_ROOT/out/zpl" -name 'job-*.zpl' -newer "$W/restart" -exec cat {} + | grep -ac '~DGR')
-    [ "$result" = 4 ] || fail "SIG$how: $result labels printed after the restart"
-    echo "SIG$how while printing, three queued: the server gone in $ms ms, $result labels after the restart"
+    # In the order they were sent: the 4x8 inch label first.
+    result=$(find "$E2E_ROOT/out/zpl" -name 'job-*.zpl' -newer "$W/restart" -printf '%T@ %p\n' | sort -n |
+      cut -d' ' -f2 | xargs cat | grep -ao '\^LL[0-9]*' | tr '\n' ' ')
+    [ "$result" = "^LL1624 ^LL1218 ^LL1218 ^LL1218 " ] || fail "SIG$how: labels printed after the restart: $result"
+    echo "SIG$how while printing, three queued: the server gone in $ms ms; after the restart, in order: $result"
   done
 }
 
