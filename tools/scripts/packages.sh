@@ -28,8 +28,8 @@ kelvo_ensure_packages() {
 # What building and testing the project needs; the CUPS server, its filters
 # and Ghostscript are for the end-to-end test, which prints through a private
 # cupsd, zint, zbar-tools and dmtx-utils for the barcode scan suite
-# (tools/barcode-scan.sh), and Chromium, its driver and Selenium for the
-# printer application's web interface test.
+# (tools/barcode-scan.sh), Chromium, its driver and Selenium for the
+# printer application's web interface test, and ImageMagick for its pictures.
 KELVO_BUILD_PACKAGES="cmake make g++ clang libclang-rt-14-dev pkg-config libgtest-dev libgmock-dev \
-libbenchmark-dev libpng-dev zlib1g-dev libcups2-dev libcupsimage2-dev cups-ppdc cups-client cups cups-filters ghostscript \
-libpappl-dev cups-ipp-utils python3 zint zbar-tools dmtx-utils chromium chromium-driver python3-selenium"
+libbenchmark-dev libpng-dev libjpeg-dev zlib1g-dev libcups2-dev libcupsimage2-dev cups-ppdc cups-client cups cups-filters ghostscript \
+libpappl-dev cups-ipp-utils python3 zint zbar-tools dmtx-utils chromium chromium-driver python3-selenium imagemagick"
