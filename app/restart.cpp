@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -48,36 +47,22 @@ void setAttribute(std::string& line, const char* name, const char* value) {
 // Rewrites the state file's interrupted jobs (state 5, processing) as
 // pending (3), or as aborted (8) when their document is gone: PAPPL 1.3
 // loads a processing job as aborted, or leaves it processing for good.
-// Jobs are listed oldest first, the order in which PAPPL then prints them
-// (it saves them newest first).
 std::vector<Interrupted> reviveInterrupted(const char* stateFile) {
   std::vector<Interrupted> found;
   std::ifstream in(stateFile);
   if (!in) return found;
-  std::string original, revised;
-  std::vector<std::pair<int, std::string>> jobs;  // of the printer being read
+  std::string revised;
   int printer = 0;
-  for (std::string line; std::getline(in, line);) {
-    original += line + '\n';
-    if (line.rfind("Job ", 0) == 0) {
-      if (attribute(line, "state") == "5") {
-        struct stat info;
-        const std::string document = attribute(line, "filename");
-        const bool again = !document.empty() && stat(document.c_str(), &info) == 0;
-        setAttribute(line, "state", again ? "3" : "8");
-        found.push_back({printer, std::atoi(attribute(line, "id").c_str()), again});
-      }
-      jobs.emplace_back(std::atoi(attribute(line, "id").c_str()), line);
-      continue;
-    }
-    std::stable_sort(jobs.begin(), jobs.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
-    for (const auto& job : jobs) revised += job.second + '\n';
-    jobs.clear();
+  for (std::string line; std::getline(in, line); revised += line + '\n') {
     if (line.rfind("<Printer ", 0) == 0) printer = std::atoi(attribute(line, "id").c_str());
-    revised += line + '\n';
+    if (line.rfind("Job ", 0) != 0 || attribute(line, "state") != "5") continue;
+    struct stat info;
+    const std::string document = attribute(line, "filename");
+    const bool again = !document.empty() && stat(document.c_str(), &info) == 0;
+    setAttribute(line, "state", again ? "3" : "8");
+    found.push_back({printer, std::atoi(attribute(line, "id").c_str()), again});
   }
-  for (const auto& job : jobs) revised += job.second + '\n';
-  if (revised == original) return found;
+  if (found.empty()) return found;
   const std::string part = std::string(stateFile) + ".part";
   std::ofstream rewritten(part);
   rewritten << revised;

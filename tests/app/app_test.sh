@@ -515,13 +515,14 @@ EOF
   #   none 900 x 1000: 44 dots cropped on the left, from row 109
   #   101.5 dpi: 406 x 609 pixels make 812 x 1218 dots; 406 dpi: 203 x 305 dots from (304, 456),
   #   dot x showing pixel 2x + 1
+  #   CMYK: black and magenta print (grey 0 and 105), cyan and yellow do not (179, 226)
   # name|picture|ImageMagick options|job options|black
   local picture options black got
   while IFS='|' read -r name picture make options black; do
     [ -z "$name" ] && continue
-    # shellcheck disable=SC2086
-    convert -size "$picture" xc:white -fill black -draw "rectangle 0,0 $((${picture%x*} / 2 - 1)),$((${picture#*x} / 2 - 1))" \
-      $make "$W/$name" || fail "$name: convert"
+    # (The options may quote drawing commands.)
+    eval "convert -size $picture xc:white -fill black -draw 'rectangle 0,0 $((${picture%x*} / 2 - 1)),$((${picture#*x} / 2 - 1))' \
+      $make \"\$W/\$name\"" || fail "$name: convert"
     # shellcheck disable=SC2086
     result=$(run_job label203 "$W/$name" -o kelvo-halftone=none $options)
     rm -f "$W/place"*.png
@@ -546,9 +547,10 @@ wide-portrait.png|300x200|-define png:color-type=0|-o orientation-requested=3|15
 wide-reverse-portrait.png|300x200|-define png:color-type=0|-o orientation-requested=6|150x100+406+609
 dpi-none.png|406x609|-units PixelsPerInch -density 101.5 -define png:color-type=0|-o print-scaling=none|406x608+0+0
 dpi.jpg|406x609|-units PixelsPerInch -density 406 -colorspace gray -quality 100|-o print-scaling=none|101x152+304+456
+cmyk.jpg|406x609|-fill magenta -draw "rectangle 0,304 202,608" -fill cyan -draw "rectangle 203,0 405,303" -fill yellow -draw "rectangle 203,304 405,608" -colorspace CMYK -quality 100|-o print-scaling=none|203x609+203+304
 EOF
 
-  [ "$n" -eq 26 ] || fail "only $((n - 12)) placement cases ran"
+  [ "$n" -eq 27 ] || fail "only $((n - 12)) placement cases ran"
   echo "placed as worked out by hand: $((n - 12)) pictures"
 
   # The engine's lines go to the job's log, not to the server's output.
@@ -688,10 +690,20 @@ close-after=4000|big|aborted|closed the connection
 slow=50000|big|completed|
 EOF
 
+  # Cancelled while the printer takes nothing: cancelled at once.
+  echo never-read >"$mode"
+  local id start
+  id=$(submit zpl "$W/big.png" -o media=oe_4x8-label_4x8in)
+  sleep 1
+  start=$SECONDS
+  "$APP" cancel -d zpl -j "$id" >/dev/null
+  result=$(wait_job zpl "$id" 10)
+  [ "${result%% *}" = canceled ] && [ $((SECONDS - start)) -le 1 ] || fail "cancelled while stalled: '$result'"
+  echo "cancelled while the printer takes nothing: $result after $((SECONDS - start)) s"
+
   # A printer that refuses connections holds the job until it takes them.
   echo refuse >"$mode"
   sleep 0.5
-  local id
   id=$(submit zpl "$W/label.png")
   sleep 4
   result=$(job_state zpl "$id")
