@@ -99,22 +99,27 @@ void onStop(int signal) {
   }
 }
 
-// Runs first in PAPPL's run loop, once PAPPL has set up its own signal
-// handlers, which ours then precede.
+// Our handlers go in front of PAPPL's once PAPPL has set them up (when its
+// run loop starts). Then, on a stop request, jobs stop where they are,
+// recorded as printing (the next start prints them again), and after a
+// grace the process ends.
 void watchStops() {
+  for (;;) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    struct sigaction term {}, interrupt {};
+    sigaction(SIGTERM, nullptr, &term);
+    sigaction(SIGINT, nullptr, &interrupt);
+    if (term.sa_handler != SIG_DFL && interrupt.sa_handler != SIG_DFL) break;
+  }
   struct sigaction action {};
   action.sa_handler = onStop;
   sigemptyset(&action.sa_mask);
   sigaction(SIGTERM, &action, &gPapplAction[0]);
   sigaction(SIGINT, &action, &gPapplAction[1]);
-  std::thread([] {
-    while (gStopRequested == 0) std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    // Jobs stop where they are, recorded as printing: the next start prints
-    // them again.
-    kelvoDeviceStop();
-    std::this_thread::sleep_for(kStopGrace);
-    _exit(0);
-  }).detach();
+  while (gStopRequested == 0) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  kelvoDeviceStop();
+  std::this_thread::sleep_for(kStopGrace);
+  _exit(0);
 }
 
 // PAPPL starts queued jobs only when a job arrives or ends.
@@ -129,7 +134,6 @@ bool tick(pappl_system_t* system, void* /*data*/) {
   static bool first = true;
   if (first) {
     first = false;
-    watchStops();
     papplSystemIteratePrinters(system, startQueued, nullptr);
   }
   return true;
@@ -145,4 +149,5 @@ void kelvoSetUpJobs(pappl_system_t* system, int numOptions, cups_option_t* optio
   papplSystemLoadState(system, stateFile);
   tellInterrupted(system, interrupted);
   papplSystemAddTimerCallback(system, 0, 1, tick, nullptr);
+  std::thread(watchStops).detach();
 }
