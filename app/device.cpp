@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <linux/sockios.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -14,8 +13,8 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <map>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <unordered_set>
@@ -92,7 +91,12 @@ bool failed(Link& link, Failure failure, int error) {
   return false;
 }
 
-bool cancelled(Link& link) { return link.job != nullptr && papplJobIsCanceled(link.job) && !failed(link, Failure::kCancelled, 0); }
+// A cancelled job stops writing and waiting; its connection is then reset.
+bool cancelled(Link& link) {
+  if (link.job == nullptr || !papplJobIsCanceled(link.job)) return false;
+  failed(link, Failure::kCancelled, 0);
+  return true;
+}
 
 // Sends all of `data`, waiting while the printer takes it. The printer makes
 // progress as long as it acknowledges bytes; false when it stalls or the

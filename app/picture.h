@@ -41,6 +41,6 @@ bool kelvoDecodePicture(const std::string& path, KelvoPictureType type, size_t m
 // none keeps its natural size; auto fills and auto-fit fits a picture
 // larger than the page and keep a smaller one as it is (the pages are
 // borderless). Dots take the pixel under their centre; the picture is
-// centred, any odd dot of difference going right and down.
+// centred, its first dot at half the difference rounded down.
 void kelvoPlacePicture(const KelvoPicture& picture, pappl_scaling_t scaling, ipp_orient_t orientation, unsigned width,
                        unsigned height, unsigned xdpi, unsigned ydpi, unsigned char* page, size_t stride);
