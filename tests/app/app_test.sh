@@ -653,6 +653,7 @@ delivery_mode() {
   # the status query that confirms it.
   cp "$SRC/samples/label.png" "$W/label.png"
   convert -size 812x1624 xc:gray50 +noise Random -colorspace gray "$W/big.png"
+  convert -size 100x100 xc:black "$W/small.png"
   local picture
   for picture in label big; do
     result=$(run_job ref "$W/$picture.png" -o media="$([ "$picture" = big ] && echo oe_4x8-label_4x8in || echo oe_4x6-label_4x6in)")
@@ -684,7 +685,7 @@ delivery_mode() {
     echo "printer $printer: ${state}${says:+: $says}; the next job exact"
   done <<'EOF'
 save|label|completed|
-never-read|label|aborted|received the job's 81906 bytes but has not answered for 3 s
+never-read|small|aborted|bytes but has not answered for 3 s
 never-read|big|aborted|took no data for 3 s
 close-after=4000|big|aborted|closed the connection
 slow=50000|big|completed|
