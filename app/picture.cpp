@@ -37,32 +37,57 @@ bool withinBudget(uint64_t width, uint64_t height, size_t maxPixels, uint32_t ma
 
 using File = std::unique_ptr<FILE, int (*)(FILE*)>;
 
-// The pixels a metre the PNG's pHYs chunk states, read from the chunks
-// before the first IDAT; 0 when it states none (or only an aspect ratio).
-void pngResolution(FILE* file, double& xppi, double& yppi) {
-  unsigned char head[8];
-  if (std::fseek(file, 8, SEEK_SET) != 0) return;
-  while (std::fread(head, 1, 8, file) == 8) {
-    const uint32_t length = bigEndian(head);
-    if (std::memcmp(head + 4, "IDAT", 4) == 0 || length > 0x7fffffff) return;
-    if (std::memcmp(head + 4, "pHYs", 4) == 0 && length == 9) {
-      unsigned char data[9];
-      if (std::fread(data, 1, 9, file) != 9 || data[8] != 1) return;
-      xppi = bigEndian(data) * 0.0254;
-      yppi = bigEndian(data + 4) * 0.0254;
-      return;
+// Chunks that can change a pixel; libpng is shown no other ancillary chunk.
+// It allocates whatever length a text or profile chunk claims (a 100-byte
+// file can claim 2 GB), and none of them changes what prints.
+bool pixelChunk(const unsigned char* type) {
+  static const char* const kKept[] = {"tRNS", "gAMA", "cHRM", "sRGB", "sBIT", "bKGD"};
+  if ((type[0] & 0x20) == 0) return true;  // critical
+  for (const char* kept : kKept)
+    if (std::memcmp(type, kept, 4) == 0) return true;
+  return false;
+}
+
+// The PNG file as libpng is to read it: every chunk whole within the file,
+// only the chunks that make its pixels, nothing after IEND. Reads the
+// pixels a metre that pHYs states on the way.
+bool prunePng(FILE* file, size_t maxBytes, std::string& png, double& xppi, double& yppi, std::string& error) {
+  std::string bytes;
+  char buffer[65536];
+  for (size_t got; (got = std::fread(buffer, 1, sizeof buffer, file)) > 0;) {
+    bytes.append(buffer, got);
+    if (bytes.size() > maxBytes) {
+      error = "The PNG file is larger than " + std::to_string(maxBytes) + " bytes, more than its pixels can need";
+      return false;
     }
-    if (std::fseek(file, static_cast<long>(length) + 4, SEEK_CUR) != 0) return;
+  }
+  png.assign(bytes, 0, 8);
+  for (size_t at = 8;;) {
+    if (bytes.size() - at < 12 || bigEndian(reinterpret_cast<const unsigned char*>(bytes.data() + at)) >
+                                      bytes.size() - at - 12) {
+      error = "The PNG picture is damaged or cut short: a chunk ends past the end of the file";
+      return false;
+    }
+    const auto* chunk = reinterpret_cast<const unsigned char*>(bytes.data() + at);
+    const size_t length = bigEndian(chunk);
+    if (std::memcmp(chunk + 4, "pHYs", 4) == 0 && length == 9 && chunk[16] == 1) {
+      xppi = bigEndian(chunk + 8) * 0.0254;
+      yppi = bigEndian(chunk + 12) * 0.0254;
+    }
+    if (pixelChunk(chunk + 4)) png.append(bytes, at, length + 12);
+    if (std::memcmp(chunk + 4, "IEND", 4) == 0) return true;
+    at += length + 12;
   }
 }
 
 bool decodePng(FILE* file, size_t maxPixels, uint32_t maxSide, KelvoPicture& picture, std::string& error) {
-  pngResolution(file, picture.xppi, picture.yppi);
-  std::rewind(file);
+  // The file may hold eight bytes a pixel (RGBA, 16 bits) and some more.
+  std::string png;
+  if (!prunePng(file, 8 * maxPixels + (1 << 20), png, picture.xppi, picture.yppi, error)) return false;
   png_image image;
   std::memset(&image, 0, sizeof image);
   image.version = PNG_IMAGE_VERSION;
-  if (png_image_begin_read_from_stdio(&image, file) == 0) {
+  if (png_image_begin_read_from_memory(&image, png.data(), png.size()) == 0) {
     error = std::string("The PNG picture is damaged: ") + image.message;
     png_image_free(&image);
     return false;

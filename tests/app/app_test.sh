@@ -572,7 +572,8 @@ EOF
   head -c $(($(stat -c %s "$W/jpeg-as-png") / 2)) "$W/jpeg-as-png" >"$W/jpeg-cut-half"
   head -c 4096 /dev/urandom >"$W/random"
   { printf '\377\330\377'; head -c 4096 /dev/urandom; } >"$W/random-jpeg"
-  # A header of 2^31 - 1 pixels a side, and a real 20000 x 20000 picture.
+  # A header of 2^31 - 1 pixels a side, a real 20000 x 20000 picture, and a
+  # picture whose text chunk claims 2 GB.
   python3 - "$W" <<'PY'
 import struct, sys, zlib
 def chunk(kind, data):
@@ -582,6 +583,8 @@ def png(side, rows):
     return b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", ihdr) + chunk(b"IDAT", zlib.compress(rows, 9)) + chunk(b"IEND", b"")
 open(sys.argv[1] + "/png-2g", "wb").write(png(2**31 - 1, bytes(1000)))
 open(sys.argv[1] + "/png-20000", "wb").write(png(20000, bytes(2501 * 20000)))
+small = png(8, bytes(8 * 2))
+open(sys.argv[1] + "/png-text-2g", "wb").write(small[:33] + struct.pack(">I", 2**31 - 1) + b"tEXtdate" + small[33:])
 PY
   # name|sent as|the message says
   local bad format says start names=()
@@ -601,6 +604,7 @@ png-cut-end|image/png|damaged or cut short
 jpeg-cut-half|image/jpeg|damaged or cut short
 png-2g|image/png|damaged
 png-20000|image/png|20000 x 20000 pixels
+png-text-2g|image/png|damaged or cut short
 random|image/png|is no picture
 random-jpeg|image/jpeg|damaged
 EOF
@@ -615,6 +619,10 @@ EOF
   sleep 2
   ticks=$(($(awk '{print $14 + $15}' "/proc/$server/stat") - ticks))
   [ "$ticks" -le 20 ] || fail "the server spent $ticks ticks of CPU in 2 s after the bad documents"
+  local peak
+  peak=$(awk '/^VmHWM:/ {print $2}' "/proc/$server/status")
+  [ "$peak" -lt 204800 ] || fail "the server's memory peaked at $peak kB"
+  echo "then the server: $ticks CPU ticks in 2 s, memory peak $peak kB"
   [ "$(cat "$W/server.out" "$W/server.err" | wc -c)" -lt 4096 ] ||
     fail "the server wrote $(cat "$W/server.out" "$W/server.err" | wc -c) bytes"
 
