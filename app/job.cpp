@@ -15,9 +15,12 @@
 #include <mutex>
 #include <string>
 
+#include "app/device.h"
 #include "app/drivers.h"
+#include "app/picture.h"
 #include "app/printer_status.h"
 #include "printer/page_engine.h"
+#include "support/kelvo_log.h"
 #include "support/page_buffer.h"
 
 namespace {
@@ -50,6 +53,9 @@ struct JobState {
   FILE* out = nullptr;
   volatile std::sig_atomic_t cancelled = 0;
   bool deviceFailed = false;
+  bool failureTold = false;  // the job's message says why the device failed
+  size_t before = 0;  // the device's count at the start (kelvoDeviceBeginJob)
+  size_t handed = 0;  // bytes given to the device
 };
 
 // Every byte of the engine goes through the device; a cancelled job stops
@@ -58,12 +64,21 @@ ssize_t writeToDevice(void* cookie, const char* data, size_t size) {
   auto* state = static_cast<JobState*>(cookie);
   if (papplJobIsCanceled(state->job)) state->cancelled = 1;
   if (state->deviceFailed) return -1;
+  state->handed += size;
   if (papplDeviceWrite(state->device, data, size) < 0) {
     state->deviceFailed = true;
     state->cancelled = 1;
     return -1;
   }
   return static_cast<ssize_t>(size);
+}
+
+// The engine's diagnostics go to the job's log, at the server's log level.
+void logToJob(void* job, int level, const char* message) {
+  const pappl_loglevel_t levels[] = {PAPPL_LOGLEVEL_DEBUG, PAPPL_LOGLEVEL_INFO,  PAPPL_LOGLEVEL_WARN, PAPPL_LOGLEVEL_ERROR,
+                                     PAPPL_LOGLEVEL_ERROR, PAPPL_LOGLEVEL_ERROR, PAPPL_LOGLEVEL_WARN};
+  papplLogJob(static_cast<pappl_job_t*>(job), level >= 0 && level <= LogWarning ? levels[level] : PAPPL_LOGLEVEL_ERROR,
+              "%s", message);
 }
 
 JobState* stateOf(pappl_job_t* job) { return static_cast<JobState*>(papplJobGetData(job)); }
@@ -105,6 +120,56 @@ bool flushPage(JobState& state) {
   return true;
 }
 
+// A printer that takes nothing is offline until it takes a job again.
+void markOffline(pappl_job_t* job, bool offline) {
+  pappl_printer_t* printer = papplJobGetPrinter(job);
+  if (((papplPrinterGetReasons(printer) & PAPPL_PREASON_OFFLINE) != 0) != offline)
+    papplPrinterSetReasons(printer, offline ? PAPPL_PREASON_OFFLINE : PAPPL_PREASON_NONE,
+                           offline ? PAPPL_PREASON_NONE : PAPPL_PREASON_OFFLINE);
+}
+
+// A printer that stalls fails the job rather than keeping it for later:
+// the printer may already hold and print part of it, and the jobs behind
+// it would wait.
+bool report(pappl_job_t* job, KelvoDelivery delivery, std::string message) {
+  if (delivery == KelvoDelivery::kDelivered) {
+    markOffline(job, false);
+    return true;
+  }
+  if (papplJobIsCanceled(job)) return false;
+  if (delivery == KelvoDelivery::kStalled) {
+    markOffline(job, true);
+    message += "; the job is stopped. Check the printer, then print the job again";
+  }
+  return fail(job, message.c_str());
+}
+
+// The device failed midway: why, as far as it knows.
+bool deviceFailure(pappl_job_t* job, pappl_device_t* device, size_t before, size_t handed) {
+  std::string message;
+  KelvoDelivery delivery = kelvoDeviceFailure(device, before, handed, message);
+  if (delivery == KelvoDelivery::kDelivered) delivery = KelvoDelivery::kLost, message = "The printer stopped taking data";
+  return report(job, delivery, message);
+}
+
+// A job ends well only once the printer has all of it.
+bool deliver(pappl_job_t* job, pappl_device_t* device, size_t before, size_t handed) {
+  std::string message;
+  const KelvoDelivery delivery = kelvoDeviceFinishJob(device, before, handed, message);
+  return report(job, delivery, message);
+}
+
+// The printer's state after a job: the answer to the delivery check's own
+// question where there was one, else a question of the status watch's.
+bool afterJob(pappl_job_t* job, pappl_device_t* device) {
+  const std::string answer = kelvoDeviceLastAnswer(device);
+  if (!answer.empty())
+    kelvoStatusNoteAnswer(papplJobGetPrinter(job), answer);
+  else
+    kelvoStatusJobEnds(job, device);
+  return true;
+}
+
 }  // namespace
 
 bool kelvoStartJob(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* device) {
@@ -119,6 +184,8 @@ bool kelvoStartJob(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t
   state->job = job;
   state->device = device;
   state->model = model;
+  state->before = kelvoDeviceBeginJob(device, job);
+  kelvoLogSetSink(logToJob, job);
   addVendorDefaults(printer, data, options);
   KelvoJobSettings settings = kelvoSettingsFromOptions(*model, *options, data.mode_configured);
   // PAPPL prints an image document once a copy, but a raster document
@@ -130,6 +197,7 @@ bool kelvoStartJob(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t
   state->out = fopencookie(state, "w", io);
   if (state->out == nullptr) {
     delete state;
+    kelvoLogSetSink(nullptr, nullptr);
     return fail(job, "Out of memory");
   }
   setvbuf(state->out, nullptr, _IOFBF, 64 * 1024);
@@ -192,44 +260,142 @@ bool kelvoEndPage(pappl_job_t* job, pappl_pr_options_t* /*options*/, pappl_devic
   }
   if (!state->engine->finishPage(state->page.get())) return fail(job, "Out of memory");
   if (!flushPage(*state)) {
-    papplJobSetMessage(job, "The printer stopped taking data during page %u", page);
-    return false;
+    state->failureTold = true;
+    return deviceFailure(job, state->device, state->before, state->handed);
   }
   return true;
 }
 
-bool kelvoEndJob(pappl_job_t* job, pappl_pr_options_t* /*options*/, pappl_device_t* /*device*/) {
+bool kelvoEndJob(pappl_job_t* job, pappl_pr_options_t* /*options*/, pappl_device_t* device) {
   JobState* state = stateOf(job);
   if (state == nullptr) return false;
-  const bool ok = flushPage(*state);
-  if (ok) kelvoStatusJobEnds(job, state->device);
+  const bool flushed = flushPage(*state);
   std::fclose(state->out);
   papplJobSetData(job, nullptr);
+  kelvoLogSetSink(nullptr, nullptr);
+  const size_t before = state->before, handed = state->handed;
+  const bool told = state->failureTold;
   delete state;
-  if (!ok) papplJobSetMessage(job, "The printer stopped taking data");
-  return ok;
+  if (!flushed) return !told && deviceFailure(job, device, before, handed);
+  return deliver(job, device, before, handed) && afterJob(job, device);
 }
 
 bool kelvoPrintFile(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* device) {
   const int copies = options->copies > 0 ? options->copies : 1;
   if (!kelvoStatusJobStarts(job, device)) return false;
-  for (int copy = 0; copy < copies; ++copy) {
+  const size_t before = kelvoDeviceBeginJob(device, job);
+  size_t handed = 0;
+  for (int copy = 0; copy < copies && !papplJobIsCanceled(job); ++copy) {
     const int fd = open(papplJobGetFilename(job), O_RDONLY);
     if (fd < 0) return fail(job, "Unable to read the job's document");
     unsigned char buffer[65536];
     ssize_t got = 0;
     bool ok = true;
-    while (ok && (got = read(fd, buffer, sizeof buffer)) > 0) {
-      if (papplJobIsCanceled(job)) break;
+    while (ok && (got = read(fd, buffer, sizeof buffer)) > 0 && !papplJobIsCanceled(job)) {
+      handed += static_cast<size_t>(got);
       ok = papplDeviceWrite(device, buffer, static_cast<size_t>(got)) >= 0;
     }
     close(fd);
-    if (!ok || got < 0) return fail(job, ok ? "Unable to read the job's document" : "The printer stopped taking data");
-    papplDeviceFlush(device);
-    if (papplJobIsCanceled(job)) break;
+    if (!ok) return deviceFailure(job, device, before, handed);
+    if (got < 0) return fail(job, "Unable to read the job's document");
   }
-  kelvoStatusJobEnds(job, device);
-  return true;
+  return papplJobIsCanceled(job) || (deliver(job, device, before, handed) && afterJob(job, device));
+}
+
+namespace {
+
+// A picture may hold four times the pixels of the model's largest page and
+// twice its longer side: room to scale down a picture made for a printer of
+// twice the resolution, none for one that would take seconds to decode.
+void pictureBudget(const KelvoModel& model, size_t& maxPixels, uint32_t& maxSide) {
+  double area = 0, side = 0;
+  for (int i = 0; i < model.numMedia; ++i) {
+    const double width = model.media[i].widthPt * model.dpi / 72, height = model.media[i].heightPt * model.dpi / 72;
+    area = std::max(area, width * height);
+    side = std::max(side, std::max(width, height));
+  }
+  maxPixels = static_cast<size_t>(4 * area);
+  maxSide = static_cast<uint32_t>(2 * side);
+}
+
+const char* typeName(KelvoPictureType type) {
+  return type == KelvoPictureType::kPng ? "PNG" : type == KelvoPictureType::kJpeg ? "JPEG" : "neither PNG nor JPEG";
+}
+
+// The picture's type by its bytes, which must be the type it was sent as.
+bool checkType(pappl_job_t* job, KelvoPictureType& type) {
+  const char* format = papplJobGetFormat(job);
+  const KelvoPictureType declared = format != nullptr && std::strcmp(format, "image/png") == 0    ? KelvoPictureType::kPng
+                                    : format != nullptr && std::strcmp(format, "image/jpeg") == 0 ? KelvoPictureType::kJpeg
+                                                                                                 : KelvoPictureType::kUnknown;
+  unsigned char head[16];
+  ssize_t got = -1;
+  const int fd = open(papplJobGetFilename(job), O_RDONLY);
+  if (fd >= 0) {
+    got = read(fd, head, sizeof head);
+    close(fd);
+  }
+  if (got < 0) return fail(job, "Unable to read the job's document");
+  if (got == 0) return fail(job, "The document is empty");
+  type = kelvoPictureTypeOf(head, static_cast<size_t>(got));
+  if (type == declared) return true;
+  const std::string message = std::string("The document was sent as a ") + typeName(declared) + " picture but is " +
+                              (type == KelvoPictureType::kUnknown ? "no picture this printer reads" :
+                               std::string("a ") + typeName(type) + " picture");
+  return fail(job, message.c_str());
+}
+
+// The orientation a job asked for; one it did not ask for lets the picture
+// turn to suit the page, as CUPS turns pictures.
+ipp_orient_t orientationOf(pappl_job_t* job, const pappl_pr_options_t& options) {
+  if (papplJobGetAttribute(job, "orientation-requested") == nullptr && options.orientation_requested == IPP_ORIENT_PORTRAIT)
+    return IPP_ORIENT_NONE;
+  return options.orientation_requested;
+}
+
+}  // namespace
+
+bool kelvoPrintPicture(pappl_job_t* job, pappl_device_t* device, void* /*data*/) {
+  KelvoPictureType type = KelvoPictureType::kUnknown;
+  if (!checkType(job, type)) return false;
+  const KelvoModel* model = kelvoFindModel(papplPrinterGetDriverName(papplJobGetPrinter(job)));
+  if (model == nullptr) return fail(job, "The printer's driver is not one of this application's");
+  size_t maxPixels = 0;
+  uint32_t maxSide = 0;
+  pictureBudget(*model, maxPixels, maxSide);
+  KelvoPicture picture;
+  std::string error;
+  if (!kelvoDecodePicture(papplJobGetFilename(job), type, maxPixels, maxSide, picture, error))
+    return fail(job, error.c_str());
+
+  pappl_pr_options_t* options = papplJobCreatePrintOptions(job, 1, false);
+  if (options == nullptr) return fail(job, "Out of memory");
+  const unsigned copies = options->copies > 1 ? static_cast<unsigned>(options->copies) : 1;
+  papplJobSetImpressions(job, static_cast<int>(copies));
+  bool ok = kelvoStartJob(job, options, device) && kelvoStartPage(job, options, device, 1);
+  if (ok) {
+    // The page as the engine takes it, filled once; each copy prints it.
+    JobState* state = stateOf(job);
+    const cups_page_header2_t& header = state->header;
+    kelvoPlacePicture(picture, options->print_scaling, orientationOf(job, *options), header.cupsWidth,
+                      header.cupsHeight, header.HWResolution[0], header.HWResolution[1], state->page.get(),
+                      header.cupsBytesPerLine);
+    state->rows = header.cupsHeight;
+    picture = KelvoPicture();
+    // The printer repeats the label (^PQ), as for raster documents: the
+    // engine halftones the page in place, so it renders it once.
+    state->engine->settings().copies = copies;
+    ok = kelvoEndPage(job, options, device, 1);
+    if (ok) papplJobSetImpressionsCompleted(job, static_cast<int>(copies));
+  }
+  if (stateOf(job) != nullptr) ok = kelvoEndJob(job, options, device) && ok;
+  papplJobDeletePrintOptions(options);
+  return ok;
+}
+
+void kelvoAddPictureFilters(pappl_system_t* system) {
+  papplSystemAddMIMEFilter(system, "image/png", kKelvoZplFormat, kelvoPrintPicture, nullptr);
+  papplSystemAddMIMEFilter(system, "image/jpeg", kKelvoZplFormat, kelvoPrintPicture, nullptr);
 }
 
 const KelvoJobCallbacks kelvoJobCallbacks = {kelvoPrintFile, kelvoStartJob, kelvoStartPage,
@@ -268,6 +434,20 @@ extern "C" void* _papplJobProcess(pappl_job_t* job) {
     papplLogPrinter(printer, PAPPL_LOGLEVEL_DEBUG, "Job %d was started twice; the second start ends here", id);
     return nullptr;
   }
-  return pappl(job);
+  // PAPPL starts the newest of several queued jobs: the thread prints the
+  // oldest instead, so that labels come out in the order they were sent.
+  // The job it was started for stays queued for a thread of its own.
+  std::pair<pappl_job_t*, int> oldest{job, id};
+  papplPrinterIterateActiveJobs(
+      printer,
+      [](pappl_job_t* active, void* data) {
+        auto* found = static_cast<std::pair<pappl_job_t*, int>*>(data);
+        if (papplJobGetState(active) == IPP_JSTATE_PENDING && papplJobGetID(active) < found->second)
+          *found = {active, papplJobGetID(active)};
+      },
+      &oldest, 1, 0);
+  void* result = pappl(oldest.first);
+  kelvoLogSetSink(nullptr, nullptr);  // a job that failed midway may not have ended it
+  return result;
 }
 #endif

@@ -14,6 +14,12 @@ bool kelvoEndPage(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t*
 bool kelvoEndJob(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* device);
 // ZPL documents go to the printer untouched, once a copy.
 bool kelvoPrintFile(pappl_job_t* job, pappl_pr_options_t* options, pappl_device_t* device);
+// PNG and JPEG documents (app/picture.h), once a copy. Every job ends once
+// the printer has all of it (app/device.h).
+bool kelvoPrintPicture(pappl_job_t* job, pappl_device_t* device, void* data);
+// Makes the application print PNG and JPEG documents with kelvoPrintPicture
+// instead of PAPPL's own filter, which loops for good on a damaged PNG.
+void kelvoAddPictureFilters(pappl_system_t* system);
 
 // All of the above, for kelvoDriverCallback.
 extern const KelvoJobCallbacks kelvoJobCallbacks;

@@ -639,6 +639,7 @@ bool kelvoStatusJobStarts(pappl_job_t* job, pappl_device_t* device) {
   if (model == nullptr) return true;
   std::shared_ptr<Watch> watch = watchOf(printer);
   std::lock_guard<std::mutex> talk(watch->talk);  // waits for an idle question to end
+  bool waited = false;
   for (;;) {
     ZplStatus last;
     const char* command;
@@ -652,6 +653,7 @@ bool kelvoStatusJobStarts(pappl_job_t* job, pappl_device_t* device) {
     const bool noLabels = (kelvoStatusReasons(last) & PAPPL_PREASON_MEDIA_EMPTY) != 0;
     setMediaNeeded(printer, *watch, noLabels);
     papplJobSetMessage(job, "Waiting for the printer: %s", kelvoStatusText(last).c_str());
+    waited = true;
     if (!waitUnlessCancelled(job, 2)) break;
     const ZplStatus status = askDuringJob(printer, device, command);
     apply(printer, *watch, status);
@@ -661,7 +663,8 @@ bool kelvoStatusJobStarts(pappl_job_t* job, pappl_device_t* device) {
   }
   setMediaNeeded(printer, *watch, false);
   if (papplJobIsCanceled(job)) return false;
-  papplJobSetMessage(job, "Printing");
+  // The waiting message goes; any other (a job printed again) stays.
+  if (waited) papplJobSetMessage(job, "Printing");
   return true;
 }
 

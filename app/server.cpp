@@ -15,11 +15,13 @@
 #include <vector>
 
 #include "app/auth.h"
+#include "app/device.h"
 #include "app/dnssd.h"
 #include "app/drivers.h"
 #include "app/job.h"
 #include "app/printer_status.h"
 #include "app/request_guard.h"
+#include "app/restart.h"
 #include "app/studio.h"
 #include "app/web_labels.h"
 
@@ -30,7 +32,7 @@ const size_t kKeepFreeBytes = 4 << 20;
 
 const char* const kKnownOptions[] = {"listen-hostname", "server-port", "auth-service", "admin-group",
                                      "state-file",      "spool-directory", "tls-directory", "log-file",
-                                     "log-level",       "private-server"};
+                                     "log-level",       "private-server",  "stall-timeout"};
 
 // What the callbacks need for as long as the process runs.
 struct Server {
@@ -290,6 +292,9 @@ pappl_system_t* kelvoCreateSystem(int count, cups_option_t* options, void* /*dat
                                const_cast<KelvoJobCallbacks*>(&kelvoJobCallbacks));
   papplSystemSetMIMECallback(system, kelvoDetectFormat, nullptr);
   kelvoStatusStart(system);
+  // Status questions on the application's own network devices wait a
+  // bounded time, on the job's connection too.
+  kelvoStatusSetDeviceReader(kKelvoSocketScheme, kelvoDeviceRead);
   papplSystemSetFooterHTML(system, "Kelvo ZPL printer application 3.13.13");
   kelvoWebLabelsStart(system);
   papplSystemSetEventCallback(system, onEvent, nullptr);
@@ -297,10 +302,8 @@ pappl_system_t* kelvoCreateSystem(int count, cups_option_t* options, void* /*dat
   papplSystemAddTimerCallback(system, 0, 1, everySecond, nullptr);
 
   papplSystemSetSaveCallback(system, saveState, nullptr);
-  if (exists(o.stateFile)) {
-    papplSystemLoadState(system, o.stateFile.c_str());
-    chmod(o.stateFile.c_str(), 0600);
-  }
+  kelvoSetUpJobs(system, count, options, o.stateFile.c_str());
+  if (exists(o.stateFile)) chmod(o.stateFile.c_str(), 0600);
   papplSystemIteratePrinters(system, rememberPrinter, nullptr);
   kelvoStudioRegister(system, o.spoolDir.c_str());
 

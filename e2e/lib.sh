@@ -138,15 +138,17 @@ e2e_init_scheduler() {
   export HOME=$E2E_ROOT/home
 }
 
-# Starts a fake ZPL printer named `name`; its jobs land in out/<name>/. It
-# answers status queries as the state named in out/<name>.state says
-# ("ready" to begin with; see kStates in fake_zpl_printer.cpp).
+# e2e_start_printer <name> [fakezplprinter options...]: starts a fake ZPL
+# printer; its jobs land in out/<name>/. It answers status queries as the
+# state named in out/<name>.state says ("ready" to begin with; see kStates
+# in fake_zpl_printer.cpp).
 e2e_start_printer() {
   local name=$1
   local dir=$E2E_ROOT/out/$name
   mkdir -p "$dir"
   echo ready >"$dir.state"
-  "$E2E_FAKE_PRINTER" -d "$dir" -f "$dir.port" -s "$dir.state" -t "$E2E_LIFETIME" 2>>"$E2E_ROOT/log/printer-$name.log" &
+  "$E2E_FAKE_PRINTER" -d "$dir" -f "$dir.port" -s "$dir.state" -t "$E2E_LIFETIME" "${@:2}" \
+    2>>"$E2E_ROOT/log/printer-$name.log" &
   E2E_PRINTER_PID[$name]=$!
   E2E_TAKEN[$name]=0
   e2e_poll 20 test -s "$dir.port" || e2e_die "fake printer $name did not start (log/printer-$name.log)"

@@ -33,6 +33,12 @@
 #                                     an administrator can, with a password and
 #                                     TLS only; range and size checks; the web
 #                                     interface in Chromium
+#   app_test.sh <build-dir> pictures  PNG and JPEG decoded as a reference
+#                                     decodes them, placed as IPP asks; lying and
+#                                     broken documents end the job, nothing else
+#   app_test.sh <build-dir> delivery  printers that stall, read slowly, close,
+#                                     refuse or fail; kill -9 and SIGTERM while
+#                                     printing
 set -u
 BUILD=$(cd "$1" && pwd)
 MODE=$2
@@ -77,8 +83,9 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# The cups mode reads the copies each job was given from the debug log.
-[ "$MODE" = cups ] || [ "$MODE" = status ] && LOG_LEVEL=debug
+# The cups mode reads the copies each job was given from the debug log, the
+# pictures mode the engine's lines, the status mode the printer's answers.
+case $MODE in cups | pictures | status) LOG_LEVEL=debug ;; esac
 running && { fail "a kelvo-printer-app server already holds this test's local socket"; exit 1; }
 PORT=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
 SERVER_OPTIONS=(-o listen-hostname=127.0.0.1)
@@ -100,19 +107,23 @@ if [ -n "$NETWORK" ]; then
   IN_SERVER=("${E2E_IN_SERVER[@]}")
   SERVER_OPTIONS=(-o auth-service=kelvo-printer-app -o admin-group=kelvo-admins)
 fi
-"${IN_SERVER[@]}" timeout -k 5 280 "$APP" server "${SERVER_OPTIONS[@]}" -o server-port="$PORT" \
-  -o spool-directory="$W/spool" -o state-file="$W/state" -o log-file="$W/log" -o log-level="${LOG_LEVEL:-info}" \
-  2>"$W/server.err" &
-PID=$!
-for _ in $(seq 100); do running && break; sleep 0.2; done
-running || { fail "server did not start"; exit 1; }
+# [stall-timeout]: starts the server (again, on the same state and spool).
+start_server() {
+  "${IN_SERVER[@]}" timeout -k 5 280 "$APP" server "${SERVER_OPTIONS[@]}" -o server-port="$PORT" \
+    -o spool-directory="$W/spool" -o state-file="$W/state" -o log-file="$W/log" -o log-level="${LOG_LEVEL:-info}" \
+    -o stall-timeout="${1:-30}" >>"$W/server.out" 2>>"$W/server.err" &
+  PID=$!
+  for _ in $(seq 100); do running && break; sleep 0.2; done
+  running || { fail "server did not start"; exit 1; }
+}
+start_server 3
 
 # name driver [device]: a folder under out/ unless another device is given
 add_printer() {
   mkdir -p "$W/out/$1"
   "$APP" add -d "$1" -m "$2" -v "${3:-file://$W/out/$1}" || fail "add $1"
 }
-if [ "$MODE" = jobs ] || [ "$MODE" = ipptool ]; then
+if [ "$MODE" = jobs ] || [ "$MODE" = ipptool ] || [ "$MODE" = pictures ]; then
   add_printer label203 kelvo_203
   add_printer label203b kelvo_203
   add_printer label300 kelvo_300
@@ -134,26 +145,46 @@ ipp_test() {
 ipp_test wait Get-Job-Attributes printer-uri 'ATTR integer job-id $job_id' 'STATUS successful-ok' 'DISPLAY job-state' \
   'DISPLAY job-state-message'
 # print.test's values unless given: ipptool ${JOB_DEFAULTS[@]} -d owner=...
-JOB_DEFAULTS=(-d owner=anyone -d name=label.png -d hold=no-hold -d brightness=0)
+JOB_DEFAULTS=(-d owner=anyone -d name=label.png -d format=image/png -d hold=no-hold -d brightness=0)
 ipp_test print Print-Job printer-uri 'ATTR name requesting-user-name $owner' 'ATTR name job-name $name' \
   'ATTR keyword job-hold-until $hold' \
-  'ATTR mimeMediaType document-format image/png' 'GROUP job-attributes-tag' 'ATTR integer kelvo-brightness $brightness' \
-  'FILE $filename' 'STATUS successful-ok'
+  'ATTR mimeMediaType document-format $format' 'GROUP job-attributes-tag' 'ATTR integer kelvo-brightness $brightness' \
+  'FILE $filename' 'STATUS successful-ok' 'DISPLAY job-id'
 
-# printer file [submit options...] -> prints "<job-state> <message>" when the job has ended
-run_job() {
-  local printer=$1 file=$2
-  shift 2
-  local id
-  id=$("$APP" submit -d "$printer" "$@" "$file" 2>&1) || { echo "submit-failed $id"; return; }
-  local state="" deadline=$((SECONDS + 90))
+# printer id -> "<job-state> <message>" now
+job_state() {
+  "${IN_SERVER[@]}" ipptool -d job_id="$2" -tv "ipp://127.0.0.1:$PORT/ipp/print/$1" "$W/wait.test" 2>&1 |
+    awk '/job-state \(enum\)/ {s = $NF} /job-state-message/ {sub(/.*= /, ""); m = $0} END {print s, m}'
+}
+# printer id [seconds] -> "<job-state> <message>" once the job has ended
+wait_job() {
+  local state="" deadline=$((SECONDS + ${3:-90}))
   while [ "$SECONDS" -lt "$deadline" ]; do
-    state=$("${IN_SERVER[@]}" ipptool -d job_id="${id##*-}" -tv "ipp://127.0.0.1:$PORT/ipp/print/$printer" "$W/wait.test" 2>&1 |
-      awk '/job-state \(enum\)/ {s = $NF} /job-state-message/ {sub(/.*= /, ""); m = $0} END {print s, m}')
+    state=$(job_state "$1" "$2")
     case $state in completed* | aborted* | canceled*) break ;; esac
     sleep 0.2
   done
   echo "$state"
+}
+# printer file format -> prints the job's id; sent with ipptool, which also
+# sends empty documents
+ipp_submit() {
+  ipptool -tv "${JOB_DEFAULTS[@]}" -d name="$(basename "$2")" -d format="$3" -f "$2" "ipp://127.0.0.1:$PORT/ipp/print/$1" "$W/print.test" 2>&1 |
+    sed -n 's/.*job-id (integer) = //p'
+}
+# printer file [submit options...] -> prints the job's id
+submit() {
+  local printer=$1 file=$2 id
+  shift 2
+  id=$("$APP" submit -d "$printer" "$@" "$file" 2>&1) || { echo "submit-failed"; return; }
+  echo "${id##*-}"
+}
+# printer file [submit options...] -> prints "<job-state> <message>" when the job has ended
+run_job() {
+  local id
+  id=$(submit "$@")
+  [ "$id" = submit-failed ] && { echo "$id"; return; }
+  wait_job "$1" "$id"
 }
 
 # The filter's PPD for a printer: the shipped one, with the dialect the app
@@ -215,13 +246,14 @@ EOF
   cmp -s "$W/out/label203b/both2.pwg.prn" "$W/plain203.filter" || fail "two at once: label203b differs from its job alone"
   echo "two printers at once: $(cat "$W/both1.state") / $(cat "$W/both2.state")"
 
-  # Copies of a PNG: PAPPL renders an image once a copy, each label ^PQ1.
+  # Copies of a PNG: one graphic, which the printer repeats (^PQ3), as for
+  # raster documents (the engine halftones a page in place, once).
   cp "$(dirname "$0")/../../samples/label.png" "$W/copies.png"
   result=$(run_job label203 "$W/copies.png" -o copies=3)
   local graphics pq
   graphics=$(grep -ac '~DGR:CUPS.GRF' "$W/out/label203/copies.png.prn")
   pq=$(grep -ao '\^PQ[0-9]*' "$W/out/label203/copies.png.prn" | sort | uniq -c | tr -s ' ')
-  [ "$graphics" = 3 ] && [ "$pq" = " 3 ^PQ1" ] || fail "PNG, 3 copies: $graphics graphics, ^PQ: $pq"
+  [ "$graphics" = 1 ] && [ "$pq" = " 1 ^PQ3" ] || fail "PNG, 3 copies: $graphics graphics, ^PQ: $pq"
   echo "PNG copies=3: $graphics labels ($pq) [$result]"
 
   # ZPL passes through untouched, once a copy; its format is found by content.
@@ -230,16 +262,13 @@ EOF
   cat "$W/hello.zpl" "$W/hello.zpl" | cmp -s - "$W/out/label300/hello.zpl.prn" || fail "ZPL passthrough: $result"
   echo "ZPL passthrough copies=2: [$result]"
 
-  # Bad documents end the job with a message; the next job prints.
+  # A raster document cut short ends the job with a message; the next job prints.
   head -c 3000 "$W/plain203.pwg" >"$W/cut.pwg"
-  printf 'this is no picture\n' >"$W/fake.jpg"
-  for bad in cut.pwg fake.jpg; do
-    result=$(run_job label203 "$W/$bad" -o document-format="$([ "$bad" = fake.jpg ] && echo image/jpeg || echo image/pwg-raster)")
-    case "${result%% *}" in aborted | canceled) echo "bad document $bad: $result" ;; *) fail "bad document $bad: $result" ;; esac
-  done
+  result=$(run_job label203 "$W/cut.pwg")
+  [ "${result%% *}" = aborted ] || fail "raster cut short: $result"
   cp "$W/plain203.pwg" "$W/after.pwg"
   result=$(run_job label203 "$W/after.pwg")
-  cmp -s "$W/out/label203/after.pwg.prn" "$W/plain203.filter" || fail "job after bad documents: $result"
+  cmp -s "$W/out/label203/after.pwg.prn" "$W/plain203.filter" || fail "job after a raster cut short: $result"
 
   # A page wider than the head is refused.
   "$PAGE" oe_6x4-label_6x4in 203 1 "$W/wide.pwg" "$W/wide.ras" || fail "page maker"
@@ -557,9 +586,9 @@ cups_mode() {
   cups_print png-copies "$SRC/samples/label.png" -n 2
   local asked
   asked=$(sed -n 's/.*\[Job \([0-9]*\)\] halftone .*, copies \([0-9]*\)$/\1 \2/p' "$W/log" | tail -1)
-  read -r n _ _ <<<"$GOT"
-  [ -n "$asked" ] && [ "$n" = "${asked#* }" ] || fail "PNG -n 2: $GOT, the app was asked for ${asked#* } copies"
-  echo "PNG -n 2: the app was asked for ${asked#* } copies and printed $n"
+  read -r n _ pq <<<"$GOT"
+  [ -n "$asked" ] && [ "$n $pq" = "1 ^PQ${asked#* }" ] || fail "PNG -n 2: $GOT, the app was asked for ${asked#* } copies"
+  echo "PNG -n 2: the app was asked for ${asked#* } copies and printed $pq"
 
   # Halftone: cupsd keeps vendor choices of an everywhere queue to itself
   # (the ipp backend sends only the attributes its PPD knows), so the
@@ -1032,8 +1061,330 @@ EOF
     { fail "shutdown as an administrator: $got"; [ -n "${APP_TEST_KEEP:-}" ] && gdb -p "$server" -batch -ex "thread apply all bt 12" >"$W/hang.txt" 2>&1; }
 }
 
+# Pictures through the application's own decoder.
+pictures_mode() {
+  local pngtoraster=$BUILD/tools/pngtoraster result
+  filter_ppd kelvo203.ppd Standard >"$W/f203.ppd"
+  filter_ppd kelvo300.ppd Standard >"$W/f300.ppd"
+  mkdir -p "$W/tmp"
+
+  # Decoding: a picture the size of its label prints what the filter prints
+  # of pngtoraster's page of it (libpng's own reading, transparency laid on
+  # white). A JPEG's reference is ImageMagick's grey PNG of it.
+  # name|printer|media|WxH|dpi|ppd|ImageMagick options making it from a colour picture
+  local n=0 name printer media size dpi ppd make reference
+  while IFS='|' read -r name printer media size dpi ppd make; do
+    [ -z "$name" ] && continue
+    n=$((n + 1))
+    [ -f "$W/colour-$size.png" ] || convert -size "$size" gradient:yellow-blue \( -size "$size" radial-gradient:white-black \) \
+      -compose multiply -composite "$W/colour-$size.png"
+    # shellcheck disable=SC2086
+    convert "$W/colour-$size.png" $make "$W/$name" || fail "$name: convert"
+    reference=$W/$name
+    if [ "${name##*.}" = jpg ]; then
+      reference=$W/$name.png
+      convert "$W/$name" -define png:color-type=0 -define png:bit-depth=8 "$reference"
+    fi
+    "$pngtoraster" -r "$dpi" "$W/$name.ras" "$reference" || fail "$name: pngtoraster"
+    result=$(run_job "$printer" "$W/$name" -o media="$media" -o kelvo-halftone=floyd-steinberg)
+    PPD="$W/$ppd" TMPDIR="$W/tmp" "$FILTER" 1 user title 1 "HalftoneType=FloydSteinberg Darkness=15" "$W/$name.ras" \
+      >"$W/$name.filter" 2>/dev/null || fail "$name: filter failed"
+    if cmp -s "$W/out/$printer/$name.prn" "$W/$name.filter"; then
+      echo "decoded alike: $name"
+    else
+      fail "$name: printed otherwise than its reference page [$result]"
+    fi
+  done <<'EOF'
+grey8.png|label203|oe_4x6-label_4x6in|812x1218|203|f203.ppd|-colorspace gray -define png:color-type=0 -define png:bit-depth=8
+grey1.png|label203|oe_4x6-label_4x6in|812x1218|203|f203.ppd|-colorspace gray -monochrome -define png:bit-depth=1
+grey2.png|label203|oe_4x6-label_4x6in|812x1218|203|f203.ppd|-colorspace gray -depth 2 -define png:color-type=0 -define png:bit-depth=2
+grey4i.png|label203|oe_4x6-label_4x6in|812x1218|203|f203.ppd|-colorspace gray -depth 4 -define png:color-type=0 -define png:bit-depth=4 -interlace PNG
+grey16.png|label203|oe_4x6-label_4x6in|812x1218|203|f203.ppd|-colorspace gray -depth 16 -define png:color-type=0
+greyalpha.png|label300|oe_4x3-label_4x3in|1200x900|300|f300.ppd|-colorspace gray ( +clone -rotate 90 -resize 1200x900! ) -compose copy_opacity -composite -define png:color-type=4
+palette.png|label203|om_2x1-label_50.55x25.4mm|404x203|203|f203.ppd|-colors 40 -define png:color-type=3
+palettetrns.png|label203|om_2x1-label_50.55x25.4mm|404x203|203|f203.ppd|( +clone -threshold 50% ) -compose copy_opacity -composite -colors 40 -define png:color-type=3
+rgb8i.png|label300|oe_4x3-label_4x3in|1200x900|300|f300.ppd|-define png:color-type=2 -depth 8 -interlace PNG
+rgb16.png|label203|oe_4x6-label_4x6in|812x1218|203|f203.ppd|-define png:color-type=2 -depth 16
+rgba8.png|label203|oe_4x6-label_4x6in|812x1218|203|f203.ppd|( +clone -colorspace gray -negate ) -compose copy_opacity -composite -define png:color-type=6
+grey.jpg|label203|oe_4x6-label_4x6in|812x1218|203|f203.ppd|-colorspace gray -quality 90
+EOF
+  [ "$n" -eq 12 ] || fail "only $n decoding cases ran"
+
+  # Placement on a 4x6 inch label (812 x 1218 dots): a white picture whose
+  # top-left quarter is black, thresholded; where the black lands, worked out
+  # by hand. Dots take the pixel under their centre; where the difference is
+  # odd, the extra dot goes right and down.
+  #   (812 - 406) / 2 = 203, (1218 - 609) / 2 = 304
+  #   300 x 200 turned upright: from (306, 459); not turned: from (256, 509)
+  #   fit 900 x 1000: 812 / 900 of it, 812 x 902 from row 158; its 450 x 500 black quarter 406 x 451
+  #   fill 900 x 1000: 1218 / 1000 of it, 1096 x 1218, 142 dots cropped on the left
+  #   none 900 x 1000: 44 dots cropped on the left, from row 109
+  #   101.5 dpi: 406 x 609 pixels make 812 x 1218 dots; 406 dpi: 203 x 305 dots from (304, 456),
+  #   dot x showing pixel 2x + 1
+  #   CMYK: black and magenta print (grey 0 and 105), cyan and yellow do not (179, 226)
+  # name|picture|ImageMagick options|job options|black
+  local picture options black got
+  while IFS='|' read -r name picture make options black; do
+    [ -z "$name" ] && continue
+    # (The options may quote drawing commands.)
+    eval "convert -size $picture xc:white -fill black -draw 'rectangle 0,0 $((${picture%x*} / 2 - 1)),$((${picture#*x} / 2 - 1))' \
+      $make \"\$W/\$name\"" || fail "$name: convert"
+    # shellcheck disable=SC2086
+    result=$(run_job label203 "$W/$name" -o kelvo-halftone=none $options)
+    rm -f "$W/place"*.png
+    "$ZPLPREVIEW" -o "$W/place" "$W/out/label203/$name.prn" >/dev/null 2>&1
+    # A white border keeps the trim from taking black as the background.
+    got=$(convert "$W/place-1.png" -bordercolor white -border 1 -format '%@' info: 2>/dev/null |
+      awk -F'[x+]' '{printf "%dx%d+%d+%d", $1, $2, $3 - 1, $4 - 1}')
+    [ "$got" = "$black" ] || fail "$name ($picture $options): black at $got, not $black [$result]"
+    n=$((n + 1))
+  done <<'EOF'
+small-none.png|406x609|-define png:color-type=0|-o print-scaling=none|203x304+203+304
+small-auto.png|406x609|-define png:color-type=0||203x304+203+304
+small-fit.png|406x609|-define png:color-type=0|-o print-scaling=fit|406x608+0+0
+large-auto.png|1624x2436|-define png:color-type=0||406x609+0+0
+other-fit.png|900x1000|-define png:color-type=0|-o print-scaling=fit|406x451+0+158
+other-fill.png|900x1000|-define png:color-type=0|-o print-scaling=fill|406x609+0+0
+other-none.png|900x1000|-define png:color-type=0|-o print-scaling=none|406x500+0+109
+wide-auto.png|300x200|-define png:color-type=0||100x150+306+609
+wide-landscape.png|300x200|-define png:color-type=0|-o orientation-requested=4|100x150+306+609
+wide-reverse-landscape.png|300x200|-define png:color-type=0|-o orientation-requested=5|100x150+406+459
+wide-portrait.png|300x200|-define png:color-type=0|-o orientation-requested=3|150x100+256+509
+wide-reverse-portrait.png|300x200|-define png:color-type=0|-o orientation-requested=6|150x100+406+609
+dpi-none.png|406x609|-units PixelsPerInch -density 101.5 -define png:color-type=0|-o print-scaling=none|406x608+0+0
+dpi.jpg|406x609|-units PixelsPerInch -density 406 -colorspace gray -quality 100|-o print-scaling=none|101x152+304+456
+cmyk.jpg|406x609|-fill magenta -draw "rectangle 0,304 202,608" -fill cyan -draw "rectangle 203,0 405,303" -fill yellow -draw "rectangle 203,304 405,608" -colorspace CMYK -quality 100|-o print-scaling=none|203x609+203+304
+EOF
+
+  [ "$n" -eq 27 ] || fail "only $((n - 12)) placement cases ran"
+  echo "placed as worked out by hand: $((n - 12)) pictures"
+
+  # The engine's lines go to the job's log, not to the server's output.
+  grep -q '\[Job [0-9]*\] Page of [0-9]* x [0-9]* dots halftoned' "$W/log" || fail "no engine line in the jobs' log"
+  ! grep -q 'dots halftoned' "$W/server.out" "$W/server.err" || fail "engine lines on the server's output"
+
+  # Documents that lie or are broken: each job ends aborted with a message
+  # naming the problem within seconds, and the printer goes on.
+  local label=$SRC/samples/label.png bytes
+  cp "$label" "$W/ref.png"
+  result=$(run_job label203 "$W/ref.png")
+  [ "${result%% *}" = completed ] || fail "the reference label: $result"
+  bytes=$(stat -c %s "$label")
+  convert "$label" -quality 90 "jpg:$W/jpeg-as-png"
+  cp "$label" "$W/png-as-jpeg"
+  head -c 100 "$label" >"$W/png-cut-100"
+  head -c $((bytes / 2)) "$label" >"$W/png-cut-half"
+  head -c $((bytes - 20)) "$label" >"$W/png-cut-end"
+  head -c $(($(stat -c %s "$W/jpeg-as-png") / 2)) "$W/jpeg-as-png" >"$W/jpeg-cut-half"
+  head -c 4096 /dev/urandom >"$W/random"
+  { printf '\377\330\377'; head -c 4096 /dev/urandom; } >"$W/random-jpeg"
+  # A header of 2^31 - 1 pixels a side, a real 20000 x 20000 picture, and a
+  # picture whose text chunk claims 2 GB.
+  python3 - "$W" <<'PY'
+import struct, sys, zlib
+def chunk(kind, data):
+    return struct.pack(">I", len(data)) + kind + data + struct.pack(">I", zlib.crc32(kind + data) & 0xffffffff)
+def png(side, rows):
+    ihdr = struct.pack(">IIBBBBB", side, side, 1, 0, 0, 0, 0)
+    return b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", ihdr) + chunk(b"IDAT", zlib.compress(rows, 9)) + chunk(b"IEND", b"")
+open(sys.argv[1] + "/png-2g", "wb").write(png(2**31 - 1, bytes(1000)))
+open(sys.argv[1] + "/png-20000", "wb").write(png(20000, bytes(2501 * 20000)))
+small = png(8, bytes(8 * 2))
+open(sys.argv[1] + "/png-text-2g", "wb").write(small[:33] + struct.pack(">I", 2**31 - 1) + b"tEXtdate" + small[33:])
+PY
+  # name|sent as|the message says
+  local bad format says start names=()
+  while IFS='|' read -r bad format says; do
+    [ -z "$bad" ] && continue
+    start=$SECONDS
+    result=$(wait_job label203 "$(ipp_submit label203 "$W/$bad" "$format")")
+    [ "${result%% *}" = aborted ] && [[ $result == *"$says"* ]] && [ $((SECONDS - start)) -le 5 ] ||
+      fail "$bad as $format: '$result' after $((SECONDS - start)) s"
+    names+=("$bad:$format")
+  done <<'EOF'
+jpeg-as-png|image/png|sent as a PNG picture but is a JPEG picture
+png-as-jpeg|image/jpeg|sent as a JPEG picture but is a PNG picture
+png-cut-100|image/png|damaged
+png-cut-half|image/png|damaged or cut short
+png-cut-end|image/png|damaged or cut short
+jpeg-cut-half|image/jpeg|damaged or cut short
+png-2g|image/png|damaged
+png-20000|image/png|20000 x 20000 pixels
+png-text-2g|image/png|damaged or cut short
+random|image/png|is no picture
+random-jpeg|image/jpeg|damaged
+EOF
+  # An empty document never becomes a job.
+  : >"$W/empty"
+  [ -z "$(ipp_submit label203 "$W/empty" image/png)" ] || fail "an empty document was taken"
+  echo "bad documents: ${#names[@]} aborted with their message, an empty one refused"
+  # The server is quiet again and has written next to nothing itself.
+  local server ticks
+  server=$(pgrep -P "$PID" | head -1)
+  ticks=$(awk '{print $14 + $15}' "/proc/$server/stat")
+  sleep 2
+  ticks=$(($(awk '{print $14 + $15}' "/proc/$server/stat") - ticks))
+  [ "$ticks" -le 20 ] || fail "the server spent $ticks ticks of CPU in 2 s after the bad documents"
+  local peak
+  peak=$(awk '/^VmHWM:/ {print $2}' "/proc/$server/status")
+  [ "$peak" -lt 204800 ] || fail "the server's memory peaked at $peak kB"
+  echo "then the server: $ticks CPU ticks in 2 s, memory peak $peak kB"
+  [ "$(cat "$W/server.out" "$W/server.err" | wc -c)" -lt 4096 ] ||
+    fail "the server wrote $(cat "$W/server.out" "$W/server.err" | wc -c) bytes"
+
+  # Twenty bad jobs interleaved with twenty good ones, sent at once: the good
+  # ones print exactly the reference label.
+  local i entry id good=0 ids=()
+  for i in $(seq 20); do
+    entry=${names[$((i % ${#names[@]}))]}
+    cp "$W/${entry%%:*}" "$W/bad$i"
+    cp "$label" "$W/good$i.png"
+    ids+=("$(ipp_submit label203 "$W/bad$i" "${entry#*:}")")
+    ids+=("$(submit label203 "$W/good$i.png")")
+  done
+  for id in "${ids[@]}"; do wait_job label203 "$id" 120 >/dev/null; done
+  for i in $(seq 20); do
+    cmp -s "$W/out/label203/good$i.png.prn" "$W/out/label203/ref.png.prn" && good=$((good + 1))
+  done
+  [ "$good" -eq 20 ] || fail "interleaved with bad jobs, $good of 20 good labels printed exactly"
+  echo "twenty bad jobs among twenty good ones: $good good labels exact"
+}
+
+# The application's own network device against a fake printer that fails in
+# the ways printers fail (stall time 3 s; the slow printer takes twice that
+# for its job).
+delivery_mode() {
+  E2E_ROOT=$W/fake
+  E2E_FAKE_PRINTER=$BUILD/tests/e2e/fakezplprinter
+  E2E_LIFETIME=280
+  mkdir -p "$E2E_ROOT/log"
+  local mode=$W/printer-mode result
+  echo save >"$mode"
+  e2e_start_printer zpl -c "$mode"
+  add_printer zpl kelvo_203 "kelvo-socket://127.0.0.1:${E2E_PORT[zpl]}"
+  add_printer ref kelvo_203
+  # What the printer must receive: the job as a file device gets it, then
+  # the status query that confirms it.
+  cp "$SRC/samples/label.png" "$W/label.png"
+  convert -size 812x1624 xc:gray50 +noise Random -colorspace gray "$W/big.png"
+  convert -size 100x100 xc:black "$W/small.png"
+  local picture
+  for picture in label big; do
+    result=$(run_job ref "$W/$picture.png" -o media="$([ "$picture" = big ] && echo oe_4x8-label_4x8in || echo oe_4x6-label_4x6in)")
+    { cat "$W/out/ref/$picture.png.prn"; printf '~HQES'; } >"$W/expected-$picture"
+  done
+  # The newest file the fake printer saved.
+  newest() { find "$E2E_ROOT/out/zpl" -name 'job-*' -printf '%T@ %p\n' | sort -n | tail -1 | cut -d' ' -f2; }
+  reasons() {
+    ipptool -tv "ipp://127.0.0.1:$PORT/ipp/print/zpl" get-printer-attributes.test 2>/dev/null |
+      sed -n 's/.*printer-state-reasons (keyword) = //p'
+  }
+
+  # printer mode|picture|end state|the message says
+  local printer state says
+  while IFS='|' read -r printer picture state says; do
+    echo "$printer" >"$mode"
+    cp "$W/$picture.png" "$W/try.png"
+    result=$(run_job zpl "$W/try.png" -o media="$([ "$picture" = big ] && echo oe_4x8-label_4x8in || echo oe_4x6-label_4x6in)")
+    [ "${result%% *}" = "$state" ] && [[ $result == *"$says"* ]] || fail "printer $printer: '$result'"
+    if [ "$state" = completed ]; then
+      cmp -s "$(newest)" "$W/expected-$picture" || fail "printer $printer: the job completed, the printer has other bytes"
+    fi
+    [ "$printer" != never-read ] || [ "$(reasons)" = offline ] || fail "printer $printer: state reasons '$(reasons)'"
+    # Behaving again, the printer prints the next job exactly.
+    echo save >"$mode"
+    result=$(run_job zpl "$W/label.png")
+    cmp -s "$(newest)" "$W/expected-label" && [ "$(reasons)" = none ] ||
+      fail "after $printer: '$result', state reasons '$(reasons)'"
+    echo "printer $printer: ${state}${says:+: $says}; the next job exact"
+  done <<'EOF'
+save|label|completed|
+never-read|small|aborted|bytes but has not answered for 3 s
+never-read|big|aborted|took no data for 3 s
+close-after=4000|big|aborted|closed the connection
+slow=50000|big|completed|
+EOF
+
+  # Cancelled while the printer takes nothing: cancelled at once.
+  echo never-read >"$mode"
+  local id start
+  id=$(submit zpl "$W/big.png" -o media=oe_4x8-label_4x8in)
+  sleep 1
+  start=$SECONDS
+  "$APP" cancel -d zpl -j "$id" >/dev/null
+  result=$(wait_job zpl "$id" 10)
+  [ "${result%% *}" = canceled ] && [ $((SECONDS - start)) -le 1 ] || fail "cancelled while stalled: '$result'"
+  echo "cancelled while the printer takes nothing: $result after $((SECONDS - start)) s"
+
+  # A printer that refuses connections holds the job until it takes them.
+  echo refuse >"$mode"
+  sleep 0.5
+  id=$(submit zpl "$W/label.png")
+  sleep 4
+  result=$(job_state zpl "$id")
+  case $result in completed* | aborted*) fail "while the printer refuses connections: $result" ;; esac
+  echo save >"$mode"
+  result=$(wait_job zpl "$id" 30)
+  cmp -s "$(newest)" "$W/expected-label" || fail "refused, then taken: '$result'"
+  echo "printer refusing: the job waits, then $result"
+
+  # Write errors PAPPL reports on its own devices.
+  add_printer full kelvo_203 file:///dev/full
+  result=$(run_job full "$W/label.png")
+  [[ $result == "aborted The printer took only 0 of the "*" bytes sent to it" ]] || fail "/dev/full: $result"
+
+  # Stopped while a job waits for the printer, with three queued behind it:
+  # after a restart all four print, without a new submission. kill -9 while
+  # the app's own connection waits; SIGTERM while PAPPL's socket device is
+  # stuck in a write (8 MB of ZPL, more than the sockets hold), where only
+  # the app can end the server within 5 s.
+  add_printer raw kelvo_203 "socket://127.0.0.1:${E2E_PORT[zpl]}"
+  { printf '^XA^LL9999^FX'; head -c 8000000 /dev/zero | tr '\0' A; printf '^FS^XZ\n'; } >"$W/large.zpl"
+  local how printer ids server t0 ms i
+  for how in KILL TERM; do
+    printer=$([ "$how" = KILL ] && echo zpl || echo raw)
+    echo never-read >"$mode"
+    kill "$PID" && wait "$PID"
+    start_server 60
+    if [ "$how" = KILL ]; then
+      ids=("$(submit zpl "$W/big.png" -o media=oe_4x8-label_4x8in)")
+    else
+      ids=("$(submit raw "$W/large.zpl")")
+    fi
+    for i in 1 2 3; do ids+=("$(submit "$printer" "$W/label.png")"); done
+    e2e_poll 10 grep -q "id=\"${ids[3]}\"" "$W/state" || fail "$how: the queued jobs were not saved"
+    server=$(pgrep -P "$PID" | head -1)
+    t0=$(date +%s%N)
+    # (The shell's notice of the killed server stays out of the output.)
+    {
+      kill -"$how" "$server"
+      e2e_poll 10 test ! -e "/proc/$server"
+      ms=$((($(date +%s%N) - t0) / 1000000))
+      wait "$PID"
+    } 2>/dev/null
+    [ "$ms" -le 5000 ] || fail "SIG$how: the server took $ms ms to end"
+    echo save >"$mode"
+    touch "$W/restart"
+    start_server 60
+    for id in "${ids[@]}"; do
+      result=$(wait_job "$printer" "$id" 30)
+      [ "${result%% *}" = completed ] || fail "SIG$how, job $id: $result"
+    done
+    result=$(job_state "$printer" "${ids[0]}")
+    [[ $result == *"printed again from its start"* ]] || fail "SIG$how, the interrupted job: $result"
+    # In the order they were sent, the interrupted job first.
+    result=$(find "$E2E_ROOT/out/zpl" -name 'job-*.zpl' -newer "$W/restart" -printf '%T@ %p\n' | sort -n |
+      cut -d' ' -f2 | xargs cat | grep -ao '\^LL[0-9]*' | tr '\n' ' ')
+    [ "$result" = "^LL$([ "$how" = KILL ] && echo 1624 || echo 9999) ^LL1218 ^LL1218 ^LL1218 " ] ||
+      fail "SIG$how: labels printed after the restart: $result"
+    echo "SIG$how while printing, three queued: the server gone in $ms ms; after the restart, in order: $result"
+  done
+}
+
 case $MODE in
   jobs) jobs_mode ;;
+  pictures) pictures_mode ;;
+  delivery) delivery_mode ;;
   burst) burst_mode one ;;
   burst2) burst_mode two ;;
   web) web_mode ;;

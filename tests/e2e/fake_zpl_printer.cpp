@@ -2,7 +2,8 @@
 // port of 127.0.0.1 (raw port printing, what CUPS's socket backend speaks),
 // takes one connection at a time and saves every byte of it as
 // <dir>/job-<n>.zpl, n counting from 1. A file appears under its final name
-// only once the sender has closed its side, so a file that exists is complete.
+// only once the sender has closed its side, so a file that exists is complete;
+// a connection that ends any other way leaves <dir>/job-<n>.zpl.incomplete.
 // Host status queries (~HQES, and ~HS as older printers know it) are
 // answered as the printer state named in the file given with -s says (one
 // of kStates; "ready" without the file), read again at every query, so a
@@ -11,6 +12,17 @@
 // The file's modification time is the arrival of its last byte, so that a sender
 // that keeps the connection open afterwards (waiting for a status answer
 // that never comes) can be timed up to that byte.
+//
+// Printers also fail. A mode says how this one behaves (-m, or the first
+// word of the control file given with -c, read before every connection and
+// every 0.2 s while refusing, so a test can change it while it runs):
+//   save            reads every connection to its end (the default)
+//   never-read      accepts and reads nothing until the sender goes away or
+//                   the mode changes (the printer restarts: the connection
+//                   is reset)
+//   slow=N          reads at most N bytes a second
+//   close-after=N   reads N bytes of a connection, then closes it
+//   refuse          accepts nothing: connections are refused
 //
 // It never outlives its welcome: it stops on SIGTERM or SIGINT, and on its
 // own when the lifetime given with -t runs out, so a test that dies without
@@ -36,19 +48,48 @@
 namespace {
 
 volatile sig_atomic_t gStop = 0;
+time_t gDeadline = 0;
 
 void onSignal(int) { gStop = 1; }
+bool stopping() { return gStop || time(nullptr) >= gDeadline; }
 
 // A connection that sends nothing for this long is dropped; the socket
 // backend streams a job without pauses of that length.
 constexpr int kIdleMillis = 60000;
 
-bool writeFileAtomically(const std::string& path, const std::string& text) {
-  const std::string part = path + ".part";
-  FILE* f = std::fopen(part.c_str(), "wb");
-  if (f == nullptr) return false;
-  const bool ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
-  return std::fclose(f) == 0 && ok && std::rename(part.c_str(), path.c_str()) == 0;
+enum class Mode { kSave, kNeverRead, kSlow, kCloseAfter, kRefuse };
+struct ModeName {
+  const char* name;
+  Mode mode;
+  bool counted;  // takes "=N"
+};
+const ModeName kModes[] = {
+    {"save", Mode::kSave, false},         {"never-read", Mode::kNeverRead, false}, {"slow", Mode::kSlow, true},
+    {"close-after", Mode::kCloseAfter, true}, {"refuse", Mode::kRefuse, false},
+};
+struct Behaviour {
+  Mode mode = Mode::kSave;
+  long count = 0;
+};
+
+bool parseMode(const std::string& text, Behaviour& out) {
+  const size_t eq = text.find('=');
+  const std::string name = text.substr(0, eq);
+  for (const ModeName& m : kModes) {
+    if (name != m.name || m.counted != (eq != std::string::npos)) continue;
+    out.mode = m.mode;
+    out.count = m.counted ? std::atol(text.c_str() + eq + 1) : 0;
+    return !m.counted || out.count > 0;
+  }
+  return false;
+}
+
+// The control file's mode, or `fallback` while it has none.
+Behaviour currentMode(const std::string& controlFile, const Behaviour& fallback) {
+  Behaviour b = fallback;
+  std::string word;
+  if (!controlFile.empty() && std::ifstream(controlFile) >> word && !parseMode(word, b)) b = fallback;
+  return b;
 }
 
 // ~HQES's answer with the low groups of its ERRORS and WARNINGS lines.
@@ -125,19 +166,78 @@ bool onlyQueries(std::string job) {
   return job.find_first_not_of(" \t\r\n") == std::string::npos;
 }
 
-// Reads the connection to its end into `job`, noting when the last byte
-// came, and answers its status queries. False when the peer stalls, the
-// connection fails or a stop is requested before the end.
-bool receiveJob(int fd, std::string& job, timespec& last, const std::string& stateFile) {
+bool writeFileAtomically(const std::string& path, const std::string& text) {
+  const std::string part = path + ".part";
+  FILE* f = std::fopen(part.c_str(), "wb");
+  if (f == nullptr) return false;
+  const bool ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
+  return std::fclose(f) == 0 && ok && std::rename(part.c_str(), path.c_str()) == 0;
+}
+
+// Answers the queries that have come complete in `job` since `scan`, as
+// the printer's state says: at once, or into `pending` when it answers late.
+bool answerQueries(int fd, const std::string& job, size_t& scan, const std::string& stateFile, std::string& pending,
+                   long long& due) {
+  for (;;) {
+    const size_t hqesAt = job.find("~HQES", scan), hsAt = job.find("~HS", scan);
+    const size_t at = std::min(hqesAt, hsAt);
+    if (at == std::string::npos) {
+      // A query may arrive split across reads: look from its start on.
+      scan = std::max(scan, job.size() < 4 ? 0 : job.size() - 4);
+      return true;
+    }
+    const bool hqes = at == hqesAt;
+    scan = at + (hqes ? 5 : 3);
+    const State& state = stateNamed(stateFile);
+    const std::string& answer = hqes ? state.toHqes : state.toHs;
+    std::fprintf(stderr, "fakezplprinter: %s query after %zu bytes, %s\n", hqes ? "~HQES" : "~HS", at,
+                 answer.empty() ? "not answered" : state.delayMillis > 0 ? "answered late" : "answered");
+    if (answer.empty()) continue;
+    if (state.delayMillis > 0) {
+      pending = answer;
+      due = nowMillis() + state.delayMillis;
+    } else if (write(fd, answer.data(), answer.size()) < 0) {
+      return false;
+    }
+  }
+}
+
+// Reads the connection to its end into `job` as `b` says, noting when the
+// last byte came. False when the connection ends any other way: the peer
+// stalls or resets it, this printer closes it (close-after, or a change
+// from never-read), or a stop is requested.
+bool receiveJob(int fd, const Behaviour& b, const std::string& controlFile, const std::string& stateFile,
+                std::string& job, timespec& last) {
   size_t scan = 0;      // where the next query is looked for
   std::string pending;  // an answer not yet due
   long long due = 0;
   char buffer[65536];
+  timespec second{};
+  long readThisSecond = 0;
   for (;;) {
+    if (b.mode == Mode::kCloseAfter && static_cast<long>(job.size()) >= b.count) return false;
+    size_t want = sizeof buffer;
+    if (b.mode == Mode::kCloseAfter) want = std::min(want, static_cast<size_t>(b.count - static_cast<long>(job.size())));
+    if (b.mode == Mode::kSlow) {
+      timespec now{};
+      clock_gettime(CLOCK_MONOTONIC, &now);
+      if (now.tv_sec != second.tv_sec) second = now, readThisSecond = 0;
+      if (readThisSecond >= b.count) {
+        if (stopping()) return false;
+        usleep(static_cast<useconds_t>((1000000000L - now.tv_nsec) / 1000 + 1));
+        continue;
+      }
+      want = std::min(want, static_cast<size_t>(b.count - readThisSecond));
+    }
+    // Never reading, it only watches for the sender going away.
     const long long wait = pending.empty() ? kIdleMillis : std::max(0LL, due - nowMillis());
-    pollfd p{fd, POLLIN, 0};
-    const int ready = poll(&p, 1, static_cast<int>(std::min<long long>(wait, kIdleMillis)));
-    if (gStop || (ready < 0 && errno != EINTR)) return false;
+    pollfd p{fd, static_cast<short>(b.mode == Mode::kNeverRead ? POLLRDHUP : POLLIN), 0};
+    const int ready = poll(&p, 1, b.mode == Mode::kNeverRead ? 200 : static_cast<int>(std::min<long long>(wait, kIdleMillis)));
+    if (stopping() || (ready < 0 && errno != EINTR)) return false;
+    if (b.mode == Mode::kNeverRead) {
+      if (ready > 0 || currentMode(controlFile, b).mode != Mode::kNeverRead) return false;
+      continue;
+    }
     if (ready == 0) {
       if (pending.empty()) return false;
       // The peer may have gone meanwhile; that is no failure of the job.
@@ -145,34 +245,16 @@ bool receiveJob(int fd, std::string& job, timespec& last, const std::string& sta
       pending.clear();
       continue;
     }
-    const ssize_t got = ready > 0 ? read(fd, buffer, sizeof buffer) : -1;
+    const ssize_t got = ready > 0 ? read(fd, buffer, want) : -1;
     if (got == 0) return true;
     if (got > 0) {
-      // A query may arrive split across reads: look from the last one on.
       job.append(buffer, static_cast<size_t>(got));
+      readThisSecond += got;
       clock_gettime(CLOCK_REALTIME, &last);
-      for (;;) {
-        const size_t hqesAt = job.find("~HQES", scan), hsAt = job.find("~HS", scan);
-        const size_t at = std::min(hqesAt, hsAt);
-        if (at == std::string::npos) {
-          scan = std::max(scan, job.size() < 4 ? 0 : job.size() - 4);
-          break;
-        }
-        const bool hqes = at == hqesAt;
-        scan = at + (hqes ? 5 : 3);
-        const State& state = stateNamed(stateFile);
-        const std::string& answer = hqes ? state.toHqes : state.toHs;
-        std::fprintf(stderr, "fakezplprinter: %s query after %zu bytes, %s\n", hqes ? "~HQES" : "~HS", at,
-                     answer.empty() ? "not answered" : state.delayMillis > 0 ? "answered late" : "answered");
-        if (answer.empty()) continue;
-        if (state.delayMillis > 0) {
-          pending = answer;
-          due = nowMillis() + state.delayMillis;
-        } else if (write(fd, answer.data(), answer.size()) < 0) {
-          return false;
-        }
-      }
-    } else if (errno != EINTR) return false;
+      if (!answerQueries(fd, job, scan, stateFile, pending, due)) return false;
+    } else if (errno != EINTR) {
+      return false;
+    }
   }
 }
 
@@ -181,20 +263,50 @@ int fail(const char* what, const std::string& name) {
   return 1;
 }
 
+// A listening socket on 127.0.0.1:`port` (0: a free one, which `port` is set to).
+int listenOn(unsigned& port) {
+  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int on = 1;
+  setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  // A printer's network buffer holds some tens of kilobytes; loopback's
+  // would grow to megabytes and hide from a sender that the printer has
+  // stopped reading.
+  const int buffer = 65536;
+  setsockopt(listener, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof buffer);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  socklen_t len = sizeof addr;
+  if (listener < 0 || bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+      listen(listener, 8) != 0 || getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+    if (listener >= 0) close(listener);
+    return -1;
+  }
+  port = ntohs(addr.sin_port);
+  return listener;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string dir, portFile, stateFile;
+  std::string dir, portFile, controlFile, stateFile;
   long lifetime = 900;
+  Behaviour initial;
   auto usage = [] {
-    std::fprintf(stderr, "Usage: fakezplprinter -d <dir> [-f port-file] [-s state-file] [-t seconds, default 900]\n");
+    std::fprintf(stderr,
+                 "Usage: fakezplprinter -d <dir> [-f port-file] [-s state-file] [-t seconds, default 900] [-m mode]\n"
+                 "       [-c control-file]\n"
+                 "modes: save, never-read, slow=N, close-after=N, refuse\n");
     return 2;
   };
-  for (int opt; (opt = getopt(argc, argv, "d:f:s:t:")) != -1;) {
+  for (int opt; (opt = getopt(argc, argv, "d:f:s:t:m:c:")) != -1;) {
     if (opt == 'd') dir = optarg;
     else if (opt == 'f') portFile = optarg;
     else if (opt == 's') stateFile = optarg;
     else if (opt == 't') lifetime = std::atol(optarg);
+    else if (opt == 'm' && parseMode(optarg, initial)) continue;
+    else if (opt == 'c') controlFile = optarg;
     else return usage();
   }
   if (dir.empty() || optind != argc || lifetime <= 0) return usage();
@@ -206,32 +318,39 @@ int main(int argc, char** argv) {
   sigaction(SIGINT, &sa, nullptr);
   signal(SIGPIPE, SIG_IGN);
 
-  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof addr;
-  if (listener < 0 || bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-      listen(listener, 8) != 0 || getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
-    return fail("cannot listen on", "127.0.0.1");
-  const unsigned port = ntohs(addr.sin_port);
+  unsigned port = 0;
+  int listener = listenOn(port);
+  if (listener < 0) return fail("cannot listen on", "127.0.0.1");
   if (!portFile.empty() && !writeFileAtomically(portFile, std::to_string(port) + "\n"))
     return fail("cannot write", portFile);
   std::fprintf(stderr, "fakezplprinter: listening on 127.0.0.1:%u, saving jobs in %s\n", port, dir.c_str());
 
-  const time_t deadline = time(nullptr) + lifetime;
+  gDeadline = time(nullptr) + lifetime;
   for (int jobNumber = 1; !gStop;) {
-    if (time(nullptr) >= deadline) {
+    if (stopping()) {
       std::fprintf(stderr, "fakezplprinter: lifetime of %ld s is over, stopping\n", lifetime);
       break;
     }
+    const Behaviour b = currentMode(controlFile, initial);
+    // Refusing, the port has no listener; it comes back on the same port.
+    if ((b.mode == Mode::kRefuse) != (listener < 0)) {
+      if (listener >= 0) {
+        close(listener);
+        listener = -1;
+      } else if ((listener = listenOn(port)) < 0) {
+        return fail("cannot listen again on", std::to_string(port));
+      }
+    }
     pollfd p{listener, POLLIN, 0};
-    const int conn = poll(&p, 1, 1000) > 0 ? accept4(listener, nullptr, nullptr, SOCK_CLOEXEC) : -1;
-    if (conn < 0) continue;
+    const int conn = listener >= 0 && poll(&p, 1, 200) > 0 ? accept4(listener, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+    if (conn < 0) {
+      if (listener < 0) usleep(200000);
+      continue;
+    }
     std::string job;
     timespec last{};
     clock_gettime(CLOCK_REALTIME, &last);
-    const bool whole = receiveJob(conn, job, last, stateFile);
+    const bool whole = receiveJob(conn, currentMode(controlFile, initial), controlFile, stateFile, job, last);
     if (whole && onlyQueries(job)) {
       std::fprintf(stderr, "fakezplprinter: a connection of status queries only\n");
       close(conn);
@@ -253,6 +372,6 @@ int main(int argc, char** argv) {
     // backend does) finishes its job after the file is in place.
     close(conn);
   }
-  close(listener);
+  if (listener >= 0) close(listener);
   return 0;
 }

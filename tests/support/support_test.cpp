@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <string>
+#include <thread>
 
 #include "support/halftone.h"
 #include "support/kelvo_log.h"
@@ -27,6 +28,20 @@ TEST(Log, PrefixJoinsMessageWithoutBlank) {
       {3, "ERROR:x=5\n"}, {4, "CRIT:x=5\n"},   {5, "INVALID:x=5\n"}, {6, "WARNING: x=5\n"},
   };
   for (const Case& c : cases) EXPECT_EQ(logLine(c.level, "x=%d", 5), c.expected) << c.level;
+}
+
+TEST(Log, SinkTakesThisThreadsLinesOnly) {
+  struct Line { int level = -1; std::string text; } got;
+  kelvoLogSetSink([](void* data, int level, const char* message) { *static_cast<Line*>(data) = {level, message}; }, &got);
+  const std::string longer(3000, 'x');
+  testing::internal::CaptureStderr();
+  kelvoLogCommon(LogWarning, "%s=%d", longer.c_str(), 7);
+  std::thread([] { kelvoLogCommon(LogError, "y=%d", 1); }).join();
+  kelvoLogSetSink(nullptr, nullptr);
+  kelvoLogCommon(LogDebug, "z");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "ERROR:y=1\nDEBUG:z\n");
+  EXPECT_EQ(got.level, LogWarning);
+  EXPECT_EQ(got.text, longer + "=7");
 }
 
 TEST(HalftoneNames, RoundTripAndEdges) {

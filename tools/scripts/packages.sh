@@ -30,11 +30,11 @@ kelvo_ensure_packages() {
 # cupsd, zint, zbar-tools and dmtx-utils for the barcode scan suite
 # (tools/barcode-scan.sh), and Chromium, its driver and Selenium for the
 # printer application's web interface test; PAM and avahi's client library
-# for the printer application, and avahi-daemon, D-Bus, iproute2, curl and
+# for the printer application, ImageMagick for its pictures, and avahi-daemon, D-Bus, iproute2, curl and
 # openssl for its tests on a network of their own; build-essential,
 # debhelper, dpkg-dev and lintian for the Debian package test.
 KELVO_BUILD_PACKAGES="cmake make g++ clang libclang-rt-14-dev pkg-config libgtest-dev libgmock-dev \
-libbenchmark-dev libpng-dev zlib1g-dev libcups2-dev libcupsimage2-dev cups-ppdc cups-client cups cups-filters ghostscript \
+libbenchmark-dev libpng-dev libjpeg-dev zlib1g-dev libcups2-dev libcupsimage2-dev cups-ppdc cups-client cups cups-filters ghostscript \
 libpappl-dev cups-ipp-utils python3 zint zbar-tools dmtx-utils chromium chromium-driver python3-selenium \
 libpam0g-dev libavahi-client-dev avahi-daemon avahi-utils dbus iproute2 curl openssl \
-build-essential debhelper dpkg-dev lintian"
+build-essential debhelper dpkg-dev lintian imagemagick"
